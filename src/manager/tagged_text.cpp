@@ -1,0 +1,57 @@
+#include "manager/tagged_text.h"
+
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+// Text of a number, kept on the stack.
+class CNumberText {
+ public:
+  template <typename T>
+  CNumberText(T number, int iBase) {
+    m_uLength = static_cast<size_t>(
+        std::to_chars(m_szText.data(), m_szText.data() + m_szText.size(), number, iBase).ptr - m_szText.data());
+  }
+  std::string_view View() const { return {m_szText.data(), m_uLength}; }
+
+ private:
+  std::array<char, 24> m_szText{};
+  size_t m_uLength = 0;
+};
+
+// A C string ends at the first zero byte, whatever length was announced for it.
+std::string_view UpToZero(const CPString& strText) {
+  const std::string_view svText = strText.View();
+  const size_t uZero = svText.find('\0');
+  return svText.substr(0, uZero);
+}
+
+}  // namespace
+
+CPString BuildTaggedText(unsigned long long u64DataId, int iPriv, int iMsgType, const CPString& strPluginId,
+                         const CPString& strProduct, const CPString& strCombo, const CPString& strData) {
+  constexpr int kDecimal = 10;
+  constexpr int kHexadecimal = 16;
+  const CNumberText dataId(u64DataId, kHexadecimal);
+  const CNumberText priv(iPriv, kDecimal);
+  const CNumberText msgType(iMsgType, kDecimal);
+  const std::array<std::string_view, 15> pieces = {
+      "<version=1><dataid=", dataId.View(),        "><priv=",  priv.View(),
+      "><msgtype=",          msgType.View(),       "><guid=",  UpToZero(strPluginId),
+      "><product=",          UpToZero(strProduct), "><combo=", UpToZero(strCombo),
+      "><end=1><msg=",       UpToZero(strData),    ">"};
+  size_t uLength = 0;
+  for (const std::string_view svPiece : pieces) {
+    uLength += svPiece.size();
+  }
+  char* pOut = nullptr;
+  CPString strText = CPString::Allocate(uLength, &pOut);
+  for (const std::string_view svPiece : pieces) {
+    std::memcpy(pOut, svPiece.data(), svPiece.size());
+    pOut += svPiece.size();
+  }
+  return strText;
+}

@@ -1,0 +1,160 @@
+#include "message/receive.h"
+
+#include <array>
+#include <exception>
+
+#include "manager/callback_scope.h"
+#include "manager/log_cache_mgr.h"
+#include "message/wire_format.h"
+#include "platform/log_channels.h"
+#include "platform/status_codes.h"
+#include "plugin/compctx/message_types.h"
+
+namespace {
+
+// One inbound message, as the callback was given it.
+struct Message {
+  const char* pszSender;  // GUID text
+  long i64MsgType;
+  const unsigned char* pData;
+  unsigned int uiDataLength;
+};
+
+int RejectUnknownType(const Message& message) {
+  LogPrint(g_hLog, kLogWarning,
+           "*qmlogcache step1 Error ReceiveCallback GetPrivAndMsgType i64MsgType[%llx] stComponentID[%s] "
+           "uiDataLength[%u]",
+           static_cast<unsigned long long>(message.i64MsgType), message.pszSender, message.uiDataLength);
+  return kStatusUnknownType;
+}
+
+int TakeResult(CLogCacheMgr& manager, const Message& message) {
+  if (message.uiDataLength != kResultMessageSize) {
+    constexpr unsigned long long kMsgType = LOGCACHE_MSG_ASYNC_LOGCACHR_RESULT;
+    LogPrint(g_hLog, kLogWarning,
+             "*qmlogcache CLogCacheReceive::ReceiveCallback Error recv size i64MsgType[%llx] stComponentID[%s] "
+             "uiDataLength[%u] recvSize[%u]",
+             kMsgType, message.pszSender, message.uiDataLength, kResultMessageSize);
+    return kStatusBadResultSize;
+  }
+  const ResultMessage result = DecodeResultMessage(message.pData);
+  return manager.ResultExecData(result.u64DataId, result.dwResult, 0);
+}
+
+int TakeCombo(CLogCacheMgr& manager, const Message& message) {
+  const ComboHeader header = DecodeComboHeader(message.pData, message.uiDataLength);
+  const CPString strProduct(header.svProduct);
+  const CPString strCombo(header.svCombo);
+  const uint64_t u64Expected = static_cast<uint64_t>(header.uDataLength) + kComboHeaderSize;
+  if (message.uiDataLength < kComboHeaderSize || message.uiDataLength < u64Expected) {
+    LogPrint(g_hLog, kLogWarning,
+             "*qmlogcache step1 Error ReceiveCallback size i64MsgType[%llx] stComponentID[%s] uiDataLength[%u] "
+             "recvSize[%u] iJsonDataType[%d] iPriv[%d] szProduct[%s] szCombo[%s] uDataLength[%u]",
+             static_cast<unsigned long long>(message.i64MsgType), message.pszSender, message.uiDataLength,
+             static_cast<uint32_t>(u64Expected), header.iJsonDataType, header.iPriv, strProduct.c_str(),
+             strCombo.c_str(), header.uDataLength);
+    return kStatusBadSize;
+  }
+  if (header.iPriv < 0) {
+    return RejectUnknownType(message);  // no queue serves a negative priority
+  }
+  const int iDataSaveStatus = header.iDataSaveFlag != kComboDoNotSave ? kSavePending : kSaveNever;
+  const CPString strData(reinterpret_cast<const char*>(message.pData) + kComboHeaderSize, header.uDataLength);
+  return manager.AddExecData(message.i64MsgType, header.iPriv, header.iJsonDataType, iDataSaveStatus,
+                             CPString(message.pszSender), strProduct, strCombo, strData);
+}
+
+int TakePriorityMessage(CLogCacheMgr& manager, const Message& message) {
+  int iPriv = 0;
+  int iMsgType = 0;
+  if (!CLogCacheReceive::GetPrivAndMsgType(message.i64MsgType, iPriv, iMsgType)) {
+    return RejectUnknownType(message);
+  }
+  const CPString strData(reinterpret_cast<const char*>(message.pData), message.uiDataLength);
+  return manager.AddExecData(message.i64MsgType, iPriv, iMsgType, kSavePending, CPString(message.pszSender), CPString(),
+                             CPString(), strData);
+}
+
+int TakeMessage(CLogCacheMgr* pLogCacheMgr, const Message& message) {
+  if (message.pData == nullptr || message.uiDataLength == 0) {
+    LogPrint(g_hLog, kLogWarning,
+             "*qmlogcache CLogCacheReceive::ReceiveCallback Error pData is NULL i64MsgType[%llx] stComponentID[%s] "
+             "pData[%p] uiDataLength[%u]",
+             static_cast<unsigned long long>(message.i64MsgType), message.pszSender,
+             static_cast<const void*>(message.pData), message.uiDataLength);
+    return kStatusEmptyData;
+  }
+  if (pLogCacheMgr == nullptr) {
+    LogPrint(g_hLog, kLogWarning,
+             "*qmlogcache CLogCacheReceive::ReceiveCallback Error pLogCacheMgr is NULL i64MsgType[%llx] "
+             "stComponentID[%s] uiDataLength[%u]",
+             static_cast<unsigned long long>(message.i64MsgType), message.pszSender, message.uiDataLength);
+    return kStatusNoResource;
+  }
+  switch (message.i64MsgType) {
+    case AGENT_MSG_BROADCAST_CONNECT:
+      pLogCacheMgr->BroadcastConnect();
+      LogPrint(g_hLog, kLogNormal,
+               "qmlogcache CLogCacheReceive::ReceiveCallback AGENT_MSG_BROADCAST_CONNECT stComponentID[%s] "
+               "uiDataLength[%u]",
+               message.pszSender, message.uiDataLength);
+      return kStatusOk;
+    case LOGCACHE_MSG_ASYNC_LOGCACHR_RESULT:
+      return TakeResult(*pLogCacheMgr, message);
+    case LOGCACHE_MSG_SYNC_SEND_JSON_COMBO_DATA:
+    case LOGCACHE_MSG_ASYNC_SEND_JSON_COMBO_DATA:
+      return TakeCombo(*pLogCacheMgr, message);
+    default:
+      return TakePriorityMessage(*pLogCacheMgr, message);
+  }
+}
+
+struct TypeBase {
+  uint32_t uBase;
+  int iMsgType;
+};
+constexpr int kKindServer = 1;
+constexpr int kKindPlugin = 2;
+constexpr int kKindCloudTag = 3;
+constexpr std::array<TypeBase, 3> kTypeBases = {{{LOGCACHE_MSG_SYNC_SERVER_BASE, kKindServer},
+                                                 {LOGCACHE_MSG_SYNC_PLUGIN_BASE, kKindPlugin},
+                                                 {kCloudTagBase, kKindCloudTag}}};
+
+}  // namespace
+
+CLogCacheReceive CLogCacheReceive::m_gReceive;
+
+bool CLogCacheReceive::GetPrivAndMsgType(long long i64MsgType, int& iPriv, int& iMsgType) {
+  constexpr long long kPublic = 10;
+  constexpr long long kPriorities = 4;
+  for (const TypeBase& base : kTypeBases) {
+    const long long i64Offset = i64MsgType - base.uBase;
+    if ((i64Offset >= 0 && i64Offset < kPriorities) || (i64Offset >= kPublic && i64Offset < kPublic + kPriorities)) {
+      iPriv = static_cast<int>(i64Offset);
+      iMsgType = base.iMsgType;
+      return true;
+    }
+  }
+  return false;
+}
+
+void CLogCacheReceive::ReceiveCallback(const GUID& stComponentID, long i64MsgType, const unsigned char* pData,
+                                       unsigned int uiDataLength, void* pReplyHandle, void* pContext) {
+  const CCallbackScope scope(CallbackKind::Receive);
+  char szSender[kGuidBufferSize] = {};
+  FormatGuid(stComponentID, szSender);
+  int iRet = kStatusOk;
+  try {
+    iRet = TakeMessage(scope.Manager(), {szSender, i64MsgType, pData, uiDataLength});
+  } catch (const std::exception&) {
+    iRet = kStatusNoResource;  // no memory for the payload
+  }
+  if (pContext != nullptr && pReplyHandle != nullptr) {
+    constexpr char kSuccess[] = "success";
+    constexpr char kFail[] = "fail";
+    const bool bSuccess = iRet == kStatusOk;
+    static_cast<void>(static_cast<IComponentContext*>(pContext)->Reply(
+        iRet, i64MsgType, bSuccess ? kSuccess : kFail,
+        static_cast<uint32_t>((bSuccess ? sizeof(kSuccess) : sizeof(kFail)) - 1), pReplyHandle));
+  }
+}

@@ -1,0 +1,138 @@
+// The record store: every record in memory by data id, and a queue entry for each that waits to be sent.
+//
+// Road of a record: filed (map and queue) -> taken (map only, StartTime set) -> settled (gone), or queued again.
+//
+// Who may free a record. Results come late, doubled, out of order, for records still queued, or while the work thread
+// is sending the very record. So nobody frees a record: everybody who can reach one holds a reference, and the last
+// reference frees it.
+//   - The map holds one, from AddExecDataMap to erasure. Erasing sets bErased.
+//   - A queue entry holds one. bQueued makes sure that a record has at most one entry: queueing it again while it
+//   stands in
+//     its queue changes its counters and nothing else. An entry whose record is erased is dropped when it is met.
+//   - A thread that works on a record outside the lock holds one: InsertExecData while it files, the taker of
+//   GetExecData
+//     through its ExecDataHold.
+// A pointer found in the map may be used without a reference only while m_csExecData is held.
+//
+// Locks: m_csExecData guards the maps. Public operations take it and call their ...Locked twins; a twin never takes it
+// again. It may be held while a cache file's lock is taken, never the reverse. The queues are used without it.
+//
+// Threads: callback threads file and settle, the work thread takes and deletes, the timer thread loads, the host's
+// thread saves at stop. Errors: 32-bit codes of platform/status_codes.h.
+//
+// Records live in memory only until cache files are attached: persistence_bridge.cpp is where they come in.
+#ifndef QMLOGCACHE_STORE_LOG_CACHE_DATA_H_
+#define QMLOGCACHE_STORE_LOG_CACHE_DATA_H_
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <memory>
+
+#include "platform/cpstring.h"
+#include "platform/critical_section.h"
+#include "platform/msg_queue.h"
+#include "store/log_exec_data.h"
+
+class CLogCacheFile;
+
+// How a record reaches the disk, as configured.
+enum DataFlowFlag : uint32_t {
+  kFlowWriteAtIntake = 0,  // and any value but the other two
+  kFlowWriteAtSave = 1,    // at stop, when sends keep failing, or when the record is queued again
+  kFlowMemoryOnly = 2,     // never
+};
+
+// Position of a record's queue, from its priority code. Negative for a negative code, which has no queue.
+int QueueIndexOfPriority(int iPriv);
+
+struct ExecDataRelease {
+  void operator()(_LogExecData* pExecData) const;
+};
+// A reference to a record that its holder may read without a lock. The record itself stays the store's.
+using ExecDataHold = std::unique_ptr<_LogExecData, ExecDataRelease>;
+
+class CLogCacheData {
+ public:
+  CLogCacheData();
+  // Frees every record and forgets what is queued; writes nothing to disk. Nobody may hold a record any more.
+  ~CLogCacheData();
+  CLogCacheData(const CLogCacheData&) = delete;
+  CLogCacheData& operator=(const CLogCacheData&) = delete;
+
+  // --- Configuration and persistence ---
+  // False when the configuration could not be loaded.
+  [[nodiscard]] bool InitCacheData();
+  // Writes every pending record to its cache file; always 1.
+  int SaveCacheToDb();
+  // Files what is on disk and not in memory; 1, or 0 when the scan failed.
+  int LoadExecData();
+
+  // --- Actions on records ---
+  // Files a new record under u64DataId and queues it. 0, kStatusCountLimit, kStatusNoResource.
+  [[nodiscard]] int AddDataAction(int bForceSave, unsigned long long u64DataId, int iPriv, int iMsgType,
+                                  int iDataSaveStatus, const CPString& strPluginId, const CPString& strProduct,
+                                  const CPString& strCombo, const CPString& strData);
+  // Takes a record out of memory and out of its cache file. 0, kStatusUnknownDataId, or the file's error (the record
+  // has left memory all the same).
+  [[nodiscard]] int DeleteDataAction(unsigned long long u64DataId);
+  // Queues a record again after a failed send. 0, kStatusUnknownDataId, kStatusNoResource (then the record is gone).
+  [[nodiscard]] int ReAddDataAction(unsigned long long u64DataId);
+  // Queues every record again that was taken four hours ago or more and never settled.
+  void RepeatExecDataMap();
+
+  // --- Filing and taking ---
+  // Takes over the caller's reference. 0 (also for a duplicate id, which frees the record), kStatusNoObject,
+  // kStatusNoResource.
+  [[nodiscard]] int InsertExecData(_LogExecData* pExecData, int bSave);
+  // The next record by priority; null after about five seconds without one, or after WakeTaker.
+  ExecDataHold GetExecData();
+  // Ends a wait of GetExecData early.
+  void WakeTaker();
+  // kStatusCountLimit when there are more records than allowed, else 0. One over the limit is meant: the test comes
+  // before the record that it is made for.
+  [[nodiscard]] int CheckExecDataLimit();
+  // Marks the oldest record that is not marked yet; the work thread deletes it when it takes it.
+  void DelFirLineFromExecData();
+  // "mapLogCacheFile[%u] mapLogExecData[%u] LowQueueData[%lu] ...": sizes of the maps and queues.
+  CPString GetDataStat();
+
+  // --- Map primitives ---
+  // Copies the record's fields, without bIsDel and pLogCacheFile, and strData only when bCopyData is set.
+  [[nodiscard]] int GetExecDataFromMap(unsigned long long u64DataId, int bCopyData, _LogExecData& out);
+  bool IsDataIdExist(unsigned long long u64DataId);
+  // Adds a reference for the map. A record already there under that id is replaced.
+  [[nodiscard]] int AddExecDataMap(_LogExecData* pExecData);
+  [[nodiscard]] int DeleteExecDataMap(unsigned long long u64DataId);
+  void CleanExecDataMap();
+  // Queues again by id, as ReAddDataAction.
+  [[nodiscard]] int ReInsertExecData(unsigned long long u64DataId);
+  // Writes one pending record to its cache file. 0 when there is nothing to write.
+  [[nodiscard]] int AddCacheData(_LogExecData* pExecData);
+
+ private:
+  friend class CLogCacheDataPeer;  // tests
+
+  static constexpr int kQueueCount = 4;
+
+  [[nodiscard]] int DeleteExecDataMapLocked(unsigned long long u64DataId) QM_REQUIRES(m_csExecData);
+  [[nodiscard]] int ReInsertExecDataLocked(_LogExecData* pExecData) QM_REQUIRES(m_csExecData);
+  // Gives the record a queue entry if it has none and sets the event. False when the queue refuses it.
+  [[nodiscard]] bool QueueExecData(_LogExecData* pExecData);
+  // The first record that is still wanted, from the highest queue down; null when all are empty.
+  _LogExecData* TakeFromQueues();
+  void ForgetQueuedData();
+
+  CRelaxedAtomic<uint32_t> m_dwDataFlowFlag{kFlowWriteAtIntake};
+  CRelaxedAtomic<uint32_t> m_dwDataCountLimit{500000};
+  CRelaxedAtomic<uint32_t> m_dwLocalDataCountLimit{100000};
+  CRelaxedAtomic<uint32_t> m_dwDataCoverFlag{0};
+  CPString m_strLogCachePath;
+  void* m_hDataEvent;                                   // set each time a record is queued
+  std::array<QmMsgQueue, kQueueCount> m_ExecDataQueue;  // 0 low, 1 normal, 2 high, 3 real-time
+  QmCriticalSection m_csExecData;
+  std::map<unsigned long long, _LogExecData*> m_mapLogExecData QM_GUARDED_BY(m_csExecData);
+  std::map<CPString, CLogCacheFile*> m_mapLogCacheFile QM_GUARDED_BY(m_csExecData);  // by sender
+};
+
+#endif  // QMLOGCACHE_STORE_LOG_CACHE_DATA_H_

@@ -1,0 +1,96 @@
+// The four queues: which one a record goes to, queueing and taking, and the references that queue entries hold.
+#include <unistd.h>
+
+#include <ctime>
+
+#include "platform/event.h"
+#include "platform/status_codes.h"
+#include "store/log_cache_data.h"
+
+namespace {
+constexpr unsigned int kTakeWaitSeconds = 5;
+
+void DropReference(_LogExecData* pExecData) {
+  // The acquire half makes every other holder's reads happen before the record goes.
+  if (pExecData->uRefs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    delete pExecData;
+  }
+}
+}  // namespace
+
+void ExecDataRelease::operator()(_LogExecData* pExecData) const {
+  DropReference(pExecData);
+}
+
+int QueueIndexOfPriority(int iPriv) {
+  constexpr int kQueues = 4;
+  constexpr int kPublic = 10;
+  return iPriv < kPublic ? iPriv % kQueues : (iPriv - kPublic) & (kQueues - 1);
+}
+
+bool CLogCacheData::QueueExecData(_LogExecData* pExecData) {
+  const int iIndex = QueueIndexOfPriority(pExecData->iPriv);
+  if (iIndex < 0) {
+    return false;
+  }
+  if (!pExecData->bQueued.exchange(true, std::memory_order_acq_rel)) {
+    pExecData->uRefs.fetch_add(1, std::memory_order_relaxed);
+    if (QmMsgQueueInsert(&m_ExecDataQueue[static_cast<size_t>(iIndex)], 0, 0, pExecData) != 0) {
+      pExecData->bQueued.store(false, std::memory_order_release);
+      DropReference(pExecData);  // not the last one: the caller reaches the record too
+      return false;
+    }
+  }
+  if (m_hDataEvent != nullptr) {
+    QmSetEvent(m_hDataEvent);
+  }
+  return true;
+}
+
+_LogExecData* CLogCacheData::TakeFromQueues() {
+  QmMsg msg{};
+  for (int i = kQueueCount - 1; i >= 0; --i) {
+    while (QmGetMsgFromQueue(&m_ExecDataQueue[static_cast<size_t>(i)], &msg, 0) == 0) {
+      auto* pExecData = static_cast<_LogExecData*>(msg.pItem);
+      pExecData->bQueued.store(false, std::memory_order_release);
+      if (!pExecData->bErased.load(std::memory_order_acquire)) {
+        return pExecData;  // with the entry's reference
+      }
+      DropReference(pExecData);
+    }
+  }
+  return nullptr;
+}
+
+ExecDataHold CLogCacheData::GetExecData() {
+  _LogExecData* pExecData = TakeFromQueues();
+  if (pExecData == nullptr) {
+    if (m_hDataEvent != nullptr) {
+      QmWaitEventTimeout(m_hDataEvent, kTakeWaitSeconds * 1000);
+    } else {
+      sleep(kTakeWaitSeconds);
+    }
+    pExecData = TakeFromQueues();
+  }
+  if (pExecData != nullptr) {
+    pExecData->StartTime = static_cast<uint32_t>(time(nullptr));
+  }
+  return ExecDataHold(pExecData);
+}
+
+void CLogCacheData::WakeTaker() {
+  if (m_hDataEvent != nullptr) {
+    QmSetEvent(m_hDataEvent);
+  }
+}
+
+void CLogCacheData::ForgetQueuedData() {
+  QmMsg msg{};
+  for (QmMsgQueue& queue : m_ExecDataQueue) {
+    while (QmGetMsgFromQueue(&queue, &msg, 0) == 0) {
+      auto* pExecData = static_cast<_LogExecData*>(msg.pItem);
+      pExecData->bQueued.store(false, std::memory_order_release);
+      DropReference(pExecData);
+    }
+  }
+}

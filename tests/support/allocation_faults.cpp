@@ -1,0 +1,59 @@
+#include "tests/support/allocation_faults.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <new>
+
+#include "platform/api.h"
+
+namespace {
+thread_local bool t_bFail = false;
+}  // namespace
+
+CAllocationFault::CAllocationFault() {
+  t_bFail = true;
+}
+CAllocationFault::~CAllocationFault() {
+  t_bFail = false;
+}
+
+CAddressSpaceLimit::CAddressSpaceLimit(unsigned long long u64HeadroomBytes) : m_u64Before(0) {
+  rlimit limit{};
+  getrlimit(RLIMIT_AS, &limit);
+  m_u64Before = limit.rlim_cur;
+  unsigned long long u64Pages = 0;
+  std::ifstream("/proc/self/statm") >> u64Pages;
+  limit.rlim_cur = u64Pages * static_cast<unsigned long long>(sysconf(_SC_PAGESIZE)) + u64HeadroomBytes;
+  setrlimit(RLIMIT_AS, &limit);
+}
+
+CAddressSpaceLimit::~CAddressSpaceLimit() {
+  rlimit limit{};
+  getrlimit(RLIMIT_AS, &limit);
+  limit.rlim_cur = m_u64Before;
+  setrlimit(RLIMIT_AS, &limit);
+}
+
+QM_PLATFORM_API void* operator new(std::size_t uSize, const std::nothrow_t& /*nothrow*/) noexcept {
+  if (t_bFail) {
+    return nullptr;
+  }
+  try {
+    return ::operator new(uSize);
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+// Read by the sanitizers' run-time libraries at start, if there are any.
+extern "C" {
+QM_PLATFORM_API const char* __asan_default_options() {
+  return "allocator_may_return_null=1";
+}
+QM_PLATFORM_API const char* __tsan_default_options() {
+  return "allocator_may_return_null=1";
+}
+}
