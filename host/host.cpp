@@ -1,0 +1,155 @@
+#include "host/host.h"
+
+#include <sys/stat.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <filesystem>
+#include <utility>
+
+#include "platform/log.h"
+#include "platform/storage_sync.h"
+
+namespace {
+
+constexpr mode_t kPrivateMode = 0750;
+// Producers of other users must be able to reach the socket.
+constexpr mode_t kSocketDirMode = 0755;
+
+std::string DirectoryOf(const std::string& strPath) {
+  return std::filesystem::path(strPath).parent_path().string();
+}
+
+}  // namespace
+
+CHost::CHost(HostConfig config) : m_Config(std::move(config)), m_DataDir(m_Config.strDataDir) {}
+
+CHost::~CHost() {
+  Stop();
+}
+
+void CHost::Fail(const std::string& strReason) {
+  std::fprintf(stderr, "qmhost: %s\n", strReason.c_str());
+  LogPrint(m_hLog, kLogWarning, "*qmhost %s", strReason.c_str());
+}
+
+void CHost::Fail(const std::vector<std::string>& vecReasons) {
+  for (const std::string& strReason : vecReasons) {
+    Fail(strReason);
+  }
+}
+
+int CHost::Run() {
+  if (!Prepare() || !StartParts()) {
+    Stop();
+    return kExitFailed;
+  }
+  LogPrint(m_hLog, kLogLifecycle, "qmhost ready");
+  std::puts("qmhost ready");
+  std::fflush(stdout);
+  while (m_Signals.Wait() == HostEvent::Reload) {
+    LogPrint(m_hLog, kLogLifecycle, "qmhost reopens the link");
+    m_pLink->Reopen();
+  }
+  Stop();
+  return kExitOk;
+}
+
+bool CHost::Prepare() {
+  umask(0077);
+  std::string strError;
+  // The lock comes before the log, which two hosts on one configuration would otherwise share.
+  if (!MakeDirectories(m_Config.strDataDir, kPrivateMode, strError) || !m_DataDir.Lock(strError) ||
+      !MakeDirectories(m_Config.strLogDir, kPrivateMode, strError) ||
+      !MakeDirectories(DirectoryOf(m_Config.fileDriver.strPath), kPrivateMode, strError) ||
+      !MakeDirectories(DirectoryOf(m_Config.ingress.strSocketPath), kSocketDirMode, strError)) {
+    Fail(strError);
+    return false;
+  }
+  if (QmLogConfigure(m_Config.strLogDir.c_str(), m_Config.uLogLevels, m_Config.u64LogMaxFileSize,
+                     m_Config.uLogMaxFiles) != 0) {
+    Fail("the log cannot be written to " + m_Config.strLogDir);
+    return false;
+  }
+  m_hLog = LogInit("qmhost");
+  if (m_hLog == nullptr) {
+    Fail("the log cannot be written to " + m_Config.strLogDir);
+    return false;
+  }
+  if (QmSetStorageSync(m_Config.iStorageSync) != 0) {
+    Fail("the storage setting was refused");
+    return false;
+  }
+  return true;
+}
+
+bool CHost::StartParts() {
+  std::string strError;
+  m_pRouter = CreateRouter(m_Config.router);
+  m_pLink = CreateServerLink(*m_pRouter, CreateFileDriver(m_Config.fileDriver));
+  if (!m_pLink->Start(strError)) {
+    m_pLink.reset();
+    Fail(strError);
+    return false;
+  }
+
+  if (!m_DataDir.AwaitNewSecond()) {
+    LogPrint(m_hLog, kLogWarning, "*qmhost the clock is behind the last start");
+  }
+  // Every plug-in gets its chance, so that one start tells of all that is wrong.
+  m_pPlugins = std::make_unique<CPluginHost>(*m_pRouter);
+  std::vector<std::string> vecReasons = m_pPlugins->Load(m_Config.vecPlugins);
+  // After the plug-ins took their start time and before one of them takes a record.
+  if (!m_DataDir.NoteStart(strError)) {
+    Fail(strError);
+    return false;
+  }
+  for (std::string& strReason : m_pPlugins->Start([this](const PluginSpec& spec) {
+         LogPrint(m_hLog, kLogLifecycle, "qmhost started plug-in %s", spec.strName.c_str());
+         m_pLink->AnnounceIfUp();
+       })) {
+    vecReasons.push_back(std::move(strReason));
+  }
+  if (!vecReasons.empty()) {
+    Fail(vecReasons);
+    return false;
+  }
+
+  m_pIngress = CreateIngressServer(m_Config.ingress, *m_pRouter);
+  if (!m_pIngress->Start(strError)) {
+    m_pIngress.reset();
+    Fail(strError);
+    return false;
+  }
+  return true;
+}
+
+void CHost::Stop() {
+  if (m_pIngress) {
+    m_pIngress->Stop();
+  }
+  if (m_pRouter) {
+    m_pRouter->StopIntake();
+  }
+  if (m_pPlugins) {
+    m_pPlugins->StopAndUnload();
+    m_pPlugins.reset();
+  }
+  m_pIngress.reset();
+  if (m_pLink) {
+    m_pLink->Stop();
+    const ServerLinkCounts counts = m_pLink->GetCounts();
+    char szLine[256];
+    std::snprintf(szLine, sizeof(szLine),
+                  "qmhost stopped: received %" PRIu64 ", delivered %" PRIu64 ", rejected %" PRIu64
+                  ", to be retried %" PRIu64 ", held %" PRIu64,
+                  counts.u64Received, counts.u64Delivered, counts.u64Rejected, counts.u64Retried, counts.u64Held);
+    LogPrint(m_hLog, kLogLifecycle, "%s", szLine);
+    std::puts(szLine);
+    std::fflush(stdout);
+    m_pLink.reset();
+  }
+  m_pRouter.reset();
+  LogUninit(m_hLog);
+  m_hLog = nullptr;
+}

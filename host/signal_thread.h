@@ -1,0 +1,38 @@
+// Takes the process's signals on a thread of its own and turns them into events for the main thread.
+//
+// SIGHUP asks for a reload, SIGTERM and SIGINT for the end. A second SIGTERM or SIGINT, however far the start or the
+// stop has come, ends the process at once with status 128 plus the signal's number, after a line on stderr.
+#ifndef QMLOGCACHE_HOST_SIGNAL_THREAD_H_
+#define QMLOGCACHE_HOST_SIGNAL_THREAD_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+enum class HostEvent { Reload, Stop };
+
+class CSignalThread {
+ public:
+  // Made before any other thread: blocks the signals in the calling thread, and so in all that come from it. SIGPIPE is
+  // ignored from then on.
+  CSignalThread();
+  ~CSignalThread();
+  CSignalThread(const CSignalThread&) = delete;
+  CSignalThread& operator=(const CSignalThread&) = delete;
+
+  // Waits for the next event. Stop comes before a reload asked for earlier.
+  HostEvent Wait();
+
+ private:
+  void Run();
+
+  std::mutex m_Lock;  // guards m_bReload and m_bStop
+  std::condition_variable m_Changed;
+  bool m_bReload = false;
+  bool m_bStop = false;
+  std::atomic<bool> m_bEnding{false};
+  std::thread m_Thread;  // last: it uses all of the above
+};
+
+#endif  // QMLOGCACHE_HOST_SIGNAL_THREAD_H_

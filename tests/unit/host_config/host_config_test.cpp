@@ -1,0 +1,206 @@
+#include "host/config/host_config.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+class HostConfigTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string strPattern = (std::filesystem::temp_directory_path() / "host_config_test.XXXXXX").string();
+    ASSERT_NE(mkdtemp(strPattern.data()), nullptr);
+    m_Prefix = strPattern;
+    std::filesystem::create_directory(m_Prefix / "lib");
+    std::ofstream(m_Prefix / "lib" / "libqmlogcache.so") << "library";
+  }
+  void TearDown() override { std::filesystem::remove_all(m_Prefix); }
+
+  std::vector<std::string> Load(const std::string& strText) {
+    const std::filesystem::path file = m_Prefix / "qmhost.conf";
+    std::ofstream(file, std::ios::binary) << strText;
+    std::vector<std::string> vecTexts;
+    for (const ConfigProblem& problem : LoadHostConfig(file.string(), m_Prefix.string(), m_Config)) {
+      vecTexts.push_back(FormatProblem("F", problem));
+    }
+    return vecTexts;
+  }
+  // Expects one problem, in that line.
+  void ExpectProblem(const std::string& strText, const std::string& strProblem) {
+    EXPECT_EQ(Load(strText), std::vector<std::string>{strProblem});
+  }
+  std::string Path(const std::string& strRelative) { return (m_Prefix / strRelative).string(); }
+
+  std::filesystem::path m_Prefix;
+  HostConfig m_Config;
+};
+
+TEST_F(HostConfigTest, ASectionForThePluginIsEnough) {
+  ASSERT_EQ(Load("[plugin logcache]\n"), std::vector<std::string>{});
+  EXPECT_EQ(m_Config.strDataDir, Path("data"));
+  EXPECT_EQ(m_Config.strLogDir, Path("log"));
+  EXPECT_EQ(m_Config.uLogLevels, (1U << 3) | (1U << 4) | (1U << 6));
+  EXPECT_EQ(m_Config.u64LogMaxFileSize, 10U << 20);
+  EXPECT_EQ(m_Config.uLogMaxFiles, 5U);
+  EXPECT_EQ(m_Config.iStorageSync, 2);
+  EXPECT_EQ(m_Config.router.uCompletionThreads, 1U);
+  EXPECT_EQ(m_Config.router.uReplyTimeoutMs, 30000U);
+  EXPECT_EQ(m_Config.ingress.strSocketPath, Path("data/qmhost.sock"));
+  EXPECT_TRUE(m_Config.ingress.vecAllowedUsers.empty());
+  EXPECT_EQ(m_Config.ingress.uMaxFrame, 16U << 20);
+  EXPECT_EQ(m_Config.ingress.uWindow, 1024U);
+  EXPECT_EQ(m_Config.fileDriver.strPath, Path("data/records.jsonl"));
+  EXPECT_TRUE(m_Config.fileDriver.bSync);
+  ASSERT_EQ(m_Config.vecPlugins.size(), 1U);
+  EXPECT_EQ(m_Config.vecPlugins[0].strName, "logcache");
+  EXPECT_EQ(m_Config.vecPlugins[0].strPath, Path("lib/libqmlogcache.so"));
+  EXPECT_EQ(m_Config.vecPlugins[0].strGuid, "5D3B1A07-8E24-4C91-B6F0-2A7C9E41D358");
+}
+
+TEST_F(HostConfigTest, ReadsEveryKey) {
+  std::ofstream(m_Prefix / "other.so") << "library";
+  ASSERT_EQ(Load("[host]\ndata_dir = /var/lib/x\n[log]\ndir=l\nlevels=1, 6\nmax_file_size=64k\nmax_files=2\n"
+                 "[storage]\nsync=normal\n[router]\ncompletion_threads=3\nreply_timeout_ms=5\n"
+                 "[ingress]\nsocket=/run/q.sock\nallowed_users=root, 1234\nmax_frame=1M\nwindow=7\n"
+                 "stall_timeout_ms=100\nmax_connections=9\nthreads=4\n[link]\ndriver=file\npath=../r\n"
+                 "[plugin a]\npath=other.so\nguid=aaaaaaaa-0001-0002-0304-05060708090a\n[plugin b]\nenabled=no\n"),
+            std::vector<std::string>{});
+  EXPECT_EQ(m_Config.strDataDir, "/var/lib/x");
+  EXPECT_EQ(m_Config.strLogDir, Path("l"));
+  EXPECT_EQ(m_Config.uLogLevels, (1U << 1) | (1U << 6));
+  EXPECT_EQ(m_Config.u64LogMaxFileSize, 65536U);
+  EXPECT_EQ(m_Config.uLogMaxFiles, 2U);
+  EXPECT_EQ(m_Config.iStorageSync, 1);
+  EXPECT_EQ(m_Config.router.uCompletionThreads, 3U);
+  EXPECT_EQ(m_Config.router.uReplyTimeoutMs, 5U);
+  EXPECT_EQ(m_Config.ingress.strSocketPath, "/run/q.sock");
+  EXPECT_EQ(m_Config.ingress.vecAllowedUsers, (std::vector<uid_t>{0, 1234}));
+  EXPECT_EQ(m_Config.ingress.uMaxFrame, 1U << 20);
+  EXPECT_EQ(m_Config.ingress.uWindow, 7U);
+  EXPECT_EQ(m_Config.ingress.uStallTimeoutMs, 100U);
+  EXPECT_EQ(m_Config.ingress.uMaxConnections, 9U);
+  EXPECT_EQ(m_Config.ingress.uThreads, 4U);
+  EXPECT_EQ(m_Config.fileDriver.strPath, (m_Prefix / "../r").lexically_normal().string());
+  EXPECT_FALSE(m_Config.fileDriver.bSync);
+  ASSERT_EQ(m_Config.vecPlugins.size(), 1U);
+  EXPECT_EQ(m_Config.vecPlugins[0].strGuid, "AAAAAAAA-0001-0002-0304-05060708090A");
+}
+
+TEST_F(HostConfigTest, NamesTheNearestKnownKeyAndSection) {
+  ExpectProblem("[plugin a]\n[ingress]\nmax_fram=1M\n",
+                "F:3: unknown key max_fram in [ingress]; did you mean max_frame?");
+  ExpectProblem("[plugin a]\n[ingres]\nwindow=1\n", "F:2: unknown section [ingres]; did you mean ingress?");
+  ExpectProblem("[plugin a]\n[xyzzy]\n", "F:2: unknown section [xyzzy]");
+  ExpectProblem("[plugin a]\ncolour=red\n", "F:2: unknown key colour in [plugin a]");
+}
+
+TEST_F(HostConfigTest, TellsAllProblemsAtOnceInTheOrderOfTheirLines) {
+  EXPECT_EQ(Load("[router]\ncompletion_threads=0\nreply_timeout_ms=soon\nnonsense\n[storage]\nsync=maybe\n"
+                 "[log]\nlevels=3,9\nmax_file_size=1\n[plugin a]\npath=/nowhere.so\n"),
+            (std::vector<std::string>{
+                "F:2: completion_threads: \"0\" is not between 1 and 64",
+                "F:3: reply_timeout_ms: \"soon\" is not a number",
+                "F:4: neither a section header, a key with a value, nor a comment",
+                "F:6: sync: \"maybe\" is not one of: full, normal",
+                "F:8: levels: \"9\" is not between 1 and 6",
+                "F:9: max_file_size: \"1\" is not between 4096 and 1073741824",
+                "F:11: there is no plug-in library /nowhere.so",
+            }));
+}
+
+TEST_F(HostConfigTest, AKeyGivenTwiceIsAProblemOfTheSecondLine) {
+  ExpectProblem("[plugin a]\n[log]\nmax_files=3\n\nmax_files=4\n",
+                "F:5: key max_files of [log] stands already in line 3");
+  ExpectProblem("[plugin a]\n[log]\nmax_files=3\n[host]\n[log]\nmax_files=3\n",
+                "F:6: key max_files of [log] stands already in line 3");
+}
+
+TEST_F(HostConfigTest, AnOverlongLineIsAProblemAndCountsAsOneLine) {
+  ExpectProblem("[plugin a]\n[host]\ndata_dir=" + std::string(20000, 'x') + "\n", "F:3: line longer than 8190 bytes");
+  EXPECT_EQ(Load("[plugin a]\n# " + std::string(20000, 'x') + "\n[host]\nbad\n"),
+            (std::vector<std::string>{"F:2: line longer than 8190 bytes",
+                                      "F:4: neither a section header, a key with a value, nor a comment"}));
+}
+
+TEST_F(HostConfigTest, BrokenHeadersAndStrayBytesAreProblems) {
+  EXPECT_EQ(Load("[plugin a]\n[log\nmax_files=3\n[host]\n=5\n"),
+            (std::vector<std::string>{"F:2: section header without ']'; the lines under it are not read",
+                                      "F:5: unknown key  in [host]"}));
+  ExpectProblem(std::string("[plugin a]\n#x\0y\n", 16), "F:2: line with a zero byte");
+  ExpectProblem("data_dir=x\n[plugin a]\n", "F:1: key data_dir stands before the first section");
+  ExpectProblem("[plugin a]\n[" + std::string(60, 's') + "]\n",
+                "F:2: section name longer than 49 bytes; the lines under it are not read");
+}
+
+TEST_F(HostConfigTest, CommentsBlanksIndentationAndAByteOrderMarkAreNoProblems) {
+  EXPECT_EQ(Load("\xEF\xBB\xBF# top\n\n  ; more\n[plugin a] ; here\n  enabled: yes ; and here\n  \t\n[log]\r\n"
+                 "  levels=3\r\n  max_files=2\n"),
+            std::vector<std::string>{});
+  EXPECT_EQ(m_Config.uLogMaxFiles, 2U);
+}
+
+TEST_F(HostConfigTest, AMissingPluginIsAProblem) {
+  const std::string strMissing = "no plug-in is enabled: a section [plugin NAME] is missing";
+  ExpectProblem("", "F:1: " + strMissing);
+  ExpectProblem("[host]\n\n", "F:2: " + strMissing);
+  ExpectProblem("[plugin a]\nenabled=no\n", "F:2: " + strMissing);
+}
+
+TEST_F(HostConfigTest, APluginNeedsANameAndALibraryAndAGuidOfItsOwn) {
+  EXPECT_EQ(Load("[plugin]\npath=x\n[plugin a]\n"),
+            std::vector<std::string>{"F:1: section [plugin] does not name a plug-in: write [plugin NAME]"});
+  ExpectProblem("[plugin a]\nguid=5D3B1A07\n", "F:2: guid: \"5D3B1A07\" is not a GUID");
+  ExpectProblem("[plugin a]\nguid=5D3B1A07-8E24-4C91-B6F0-2A7C9E41D3 8\n",
+                "F:2: guid: \"5D3B1A07-8E24-4C91-B6F0-2A7C9E41D3 8\" is not a GUID");
+  ExpectProblem("[plugin a]\n[plugin b]\n", "F:2: [plugin b] has the same guid as [plugin a]");
+  std::filesystem::remove(m_Prefix / "lib" / "libqmlogcache.so");
+  ExpectProblem("[host]\n[plugin a]\n", "F:2: there is no plug-in library " + Path("lib/libqmlogcache.so"));
+}
+
+TEST_F(HostConfigTest, NumbersAndSizesOutOfRangeAreProblems) {
+  ExpectProblem("[plugin a]\n[ingress]\nwindow=99999999999999999999999\n",
+                "F:3: window: \"99999999999999999999999\" is not between 1 and 1048576");
+  ExpectProblem("[plugin a]\n[ingress]\nwindow=-1\n", "F:3: window: \"-1\" is not a number");
+  ExpectProblem("[plugin a]\n[ingress]\nmax_frame=99999999999999999G\n",
+                "F:3: max_frame: \"99999999999999999G\" is not between 4096 and 1073741824");
+  ExpectProblem("[plugin a]\n[ingress]\nmax_frame=K\n",
+                "F:3: max_frame: \"K\" is not a size (a number, followed by K, M or G or nothing)");
+  ExpectProblem("[plugin a]\n[ingress]\nthreads=\n", "F:3: threads: \"\" is not a number");
+  ExpectProblem("[plugin b]\n[plugin a]\nguid=00000000-0000-0000-0000-000000000001\nenabled=perhaps\n",
+                "F:4: enabled: \"perhaps\" is neither yes nor no");
+  ExpectProblem("[plugin a]\n[link]\npath=\n", "F:3: path: the path is empty");
+}
+
+TEST_F(HostConfigTest, UnknownUsersAreProblems) {
+  ExpectProblem("[plugin a]\n[ingress]\nallowed_users=root,no-such-user-here\n",
+                "F:3: allowed_users: there is no user \"no-such-user-here\"");
+  ExpectProblem("[plugin a]\n[ingress]\nallowed_users=root,,1\n",
+                "F:3: allowed_users: a user is missing between two commas");
+  ExpectProblem("[plugin a]\n[ingress]\nallowed_users=4294967295\n",
+                "F:3: allowed_users: \"4294967295\" is not between 0 and 4294967294");
+}
+
+TEST_F(HostConfigTest, ASocketPathThatDoesNotFitIsAProblem) {
+  const std::string strPath = "/" + std::string(107, 's');
+  ExpectProblem("[plugin a]\n[ingress]\nsocket=" + strPath + "\n",
+                "F:3: socket: the path " + strPath + " is longer than the 107 bytes of a socket's name");
+  EXPECT_EQ(Load("[plugin a]\n[ingress]\nsocket=" + strPath.substr(0, 107) + "\n"), std::vector<std::string>{});
+}
+
+TEST_F(HostConfigTest, AFileThatCannotBeReadIsOneProblem) {
+  const auto vecProblems = LoadHostConfig(Path("missing.conf"), m_Prefix.string(), m_Config);
+  ASSERT_EQ(vecProblems.size(), 1U);
+  EXPECT_EQ(FormatProblem("F", vecProblems[0]), "F: cannot be opened: No such file or directory");
+  const auto vecDirectory = LoadHostConfig(m_Prefix.string(), m_Prefix.string(), m_Config);
+  ASSERT_EQ(vecDirectory.size(), 1U);
+  EXPECT_EQ(vecDirectory[0].strText, "is not a regular file");
+  ExpectProblem(std::string(2U << 20, '#'), "F: is longer than 1 MiB");
+}
+
+}  // namespace

@@ -1,0 +1,53 @@
+// The connection to the host: frames out in large writes, answers in. Never blocks but in Open.
+#ifndef QMLOGCACHE_TOOLS_QMSEND_HOST_CONNECTION_H_
+#define QMLOGCACHE_TOOLS_QMSEND_HOST_CONNECTION_H_
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "host/protocol/ingress_protocol.h"
+#include "tools/qmsend/interrupt.h"
+
+class CHostConnection {
+ public:
+  CHostConnection() = default;
+  ~CHostConnection();
+  CHostConnection(const CHostConnection&) = delete;
+  CHostConnection& operator=(const CHostConnection&) = delete;
+
+  // Connects and waits for the welcome, ten seconds at most. False with a reason.
+  [[nodiscard]] bool Open(const std::string& strPath, CInterrupt& interrupt, std::string& strError);
+  void Close();
+  bool IsOpen() const { return m_iSocket >= 0; }
+  int Descriptor() const { return m_iSocket; }
+  const IngressWelcome& Welcome() const { return m_welcome; }
+
+  // Frames to be sent are appended here.
+  std::string& Output() { return m_strOutput; }
+  size_t Unsent() const { return m_strOutput.size() - m_uSent; }
+
+  // Both return false with a reason once the connection is of no more use; answers that came before it broke are then
+  // in vecAnswers all the same.
+  [[nodiscard]] bool Flush(std::string& strError);
+  // Appends every answer that is there. The texts of answers are not kept.
+  [[nodiscard]] bool Receive(std::vector<IngressAnswer>& vecAnswers, std::string& strError);
+
+ private:
+  bool Connect(const std::string& strPath, std::string& strError);
+  bool AwaitWelcome(CInterrupt& interrupt, std::string& strError);
+  bool TakeFrames(std::vector<IngressAnswer>& vecAnswers, std::string& strError);
+  // The next whole frame, or false.
+  bool NextFrame(std::string_view& svFrame, std::string& strError);
+
+  int m_iSocket = -1;
+  IngressWelcome m_welcome;
+  std::string m_strOutput;
+  size_t m_uSent = 0;
+  std::vector<char> m_vecInput;
+  size_t m_uBegin = 0;
+  size_t m_uEnd = 0;
+  bool m_bWriteBroken = false;
+};
+
+#endif  // QMLOGCACHE_TOOLS_QMSEND_HOST_CONNECTION_H_

@@ -1,0 +1,133 @@
+#include "tools/qmsend/options.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <iterator>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+constexpr unsigned int kLongestRetry = 7 * 24 * 3600;
+
+constexpr char kDescription[] =
+    "Sends records to the plug-in host: one a line, from files or standard input.\n"
+    "\n"
+    "A record is the line's bytes without the newline; a last line without one counts too. Empty records are not\n"
+    "sent, only counted. What was not accepted is named on standard error.";
+
+constexpr char kFooter[] =
+    "With --retry a record that is refused or whose answer is lost with the connection is sent again, for at most so\n"
+    "many seconds. A record whose answer was lost may have been taken already and then arrives twice.\n"
+    "\n"
+    "Exit status: 0 every record was accepted, 1 some were not, 2 wrong usage or no connection.";
+
+template <typename T>
+using Named = std::pair<const char*, T>;
+
+constexpr Named<RecordPriority> kPriorities[] = {{"low", RecordPriority::Low},
+                                                 {"normal", RecordPriority::Normal},
+                                                 {"high", RecordPriority::High},
+                                                 {"real", RecordPriority::Real}};
+constexpr Named<RecordKind> kKinds[] = {{"edr", RecordKind::Edr}, {"epp", RecordKind::Epp}, {"tag", RecordKind::Tag}};
+
+template <typename T, size_t uCount>
+std::vector<std::string> KeysOf(const Named<T> (&aNamed)[uCount]) {
+  std::vector<std::string> vecKeys;
+  for (const auto& named : aNamed) {
+    vecKeys.emplace_back(named.first);
+  }
+  return vecKeys;
+}
+
+// The name was checked to be one of them.
+template <typename T, size_t uCount>
+T ValueOf(const Named<T> (&aNamed)[uCount], const std::string& strName) {
+  return std::find_if(std::begin(aNamed), std::end(aNamed) - 1,
+                      [&](const Named<T>& named) { return strName == named.first; })
+      ->second;
+}
+
+std::string DefaultSocket() {
+  std::error_code error;
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+  return error ? std::string("data/qmhost.sock") : (self.parent_path().parent_path() / "data" / "qmhost.sock").string();
+}
+
+std::string DefaultSender() {
+  const uid_t uUser = ::geteuid();
+  std::string strBuffer(16384, '\0');
+  passwd entry{};
+  passwd* pFound = nullptr;
+  if (::getpwuid_r(uUser, &entry, strBuffer.data(), strBuffer.size(), &pFound) == 0 && pFound != nullptr) {
+    return std::string("qmsend ") + pFound->pw_name;
+  }
+  return "qmsend " + std::to_string(uUser);
+}
+
+}  // namespace
+
+bool ParseOptions(int iCount, const char* const* ppszArguments, SendOptions& options, int& iExitCode) {
+  CLI::App app(kDescription, "qmsend");
+  app.footer(kFooter);
+  app.set_version_flag("--version", std::string("qmsend ") + QMSEND_VERSION);
+
+  options.strSocket = DefaultSocket();
+  options.strSender = DefaultSender();
+  bool bNul = false;
+  bool bWholeFile = false;
+  std::string strPriority = "normal";
+  std::string strKind = "edr";
+
+  app.add_option("--socket", options.strSocket, "The host's socket (default: " + options.strSocket + ")")
+      ->type_name("PATH");
+  app.add_option("--priority", strPriority, "low, normal (default), high or real")
+      ->check(CLI::IsMember(KeysOf(kPriorities)).description(""))
+      ->type_name("PRIORITY");
+  app.add_flag("--public", options.message.bPublic, "Records are public");
+  app.add_option("--kind", strKind, "edr (default), epp or tag")
+      ->check(CLI::IsMember(KeysOf(kKinds)).description(""))
+      ->type_name("KIND");
+  app.add_option("--product", options.message.strProduct, "Product name, at most 63 bytes")->type_name("TEXT");
+  app.add_option("--combo", options.message.strCombo, "Combo name, at most 63 bytes")->type_name("TEXT");
+  app.add_flag("--no-save", options.message.bNoSave, "Records are never written to disk");
+  app.add_option("--sender", options.strSender,
+                 "Sender of the records: a GUID, or a name that becomes one (default: '" + options.strSender + "')")
+      ->type_name("GUID|NAME");
+  CLI::Option* pNul = app.add_flag("--nul", bNul, "Records end with a zero byte instead of a newline");
+  app.add_flag("--whole-file", bWholeFile, "Every file is one record")->excludes(pNul);
+  app.add_option("--retry", options.uRetrySeconds, "Try again for at most so long a record (default: 0, not at all)")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0U, kLongestRetry).description(""));
+  app.add_flag("--quiet", options.bQuiet, "No progress and no summary; what was not accepted is still named");
+  app.add_option("files", options.vecFiles, "Files to read; '-' or none: standard input")->type_name("FILE");
+
+  try {
+    app.parse(iCount, ppszArguments);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {
+      iExitCode = app.exit(error, std::cout, std::cerr);
+    } else {
+      iExitCode = kExitUsageOrConnection;
+      std::cerr << "qmsend: " << error.what() << "\nqmsend: --help shows the usage\n";
+    }
+    return false;
+  }
+  if (options.strSender.empty()) {
+    std::cerr << "qmsend: --sender: the name is empty\n";
+    iExitCode = kExitUsageOrConnection;
+    return false;
+  }
+  options.message.priority = ValueOf(kPriorities, strPriority);
+  options.message.kind = ValueOf(kKinds, strKind);
+  options.mode = bNul ? RecordMode::Zeros : bWholeFile ? RecordMode::WholeFile : RecordMode::Lines;
+  if (options.vecFiles.empty()) {
+    options.vecFiles.emplace_back("-");
+  }
+  return true;
+}
