@@ -1,0 +1,113 @@
+"""A qmhost of its own for a test: configuration, data and socket in a temporary directory."""
+
+import json
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+
+BIN = pathlib.Path(os.environ["QMLOGCACHE_BIN"])
+LIB = pathlib.Path(os.environ["QMLOGCACHE_LIB"])
+SANITIZED = bool(os.environ.get("QMLOGCACHE_SANITIZE"))
+# A hang guard, not a bound: sanitized builds on a busy machine are slow.
+PATIENCE = 120
+
+
+def wait_until(condition, what):
+    """Polls until condition() is true; fails after PATIENCE seconds."""
+    deadline = time.monotonic() + PATIENCE
+    while not condition():
+        if time.monotonic() > deadline:
+            raise AssertionError(f"waited in vain for {what}")
+        time.sleep(0.02)
+
+
+class HostTestCase(unittest.TestCase):
+    """Gives each test a directory, and takes everything down after it."""
+
+    def setUp(self):
+        self.dir = pathlib.Path(tempfile.mkdtemp(prefix="qmlogcache-"))
+        self.out = self.dir / "out"
+        self.out.mkdir()
+        self.records_file = self.out / "records.jsonl"
+        self.log_dir = self.dir / "log"
+        self.data_dir = self.dir / "data"
+        self.socket = self.dir / "s"
+        self.config = self.dir / "qmhost.conf"
+        self.host = None
+        self.write_config()
+
+    def tearDown(self):
+        if self.host is not None and self.host.poll() is None:
+            self.host.kill()
+            self.host.wait()
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+    def write_config(self, **sections):
+        """Writes a whole configuration; keyword arguments add keys to a section ("log", "link", ...)."""
+        config = {
+            "host": {"data_dir": self.data_dir},
+            "log": {"dir": self.log_dir},
+            "ingress": {"socket": self.socket},
+            "link": {"driver": "file", "path": self.records_file},
+            "plugin logcache": {"path": LIB / "libqmlogcache.so"},
+        }
+        for section, keys in sections.items():
+            config.setdefault(section, {}).update(keys)
+        text = ""
+        for section, keys in config.items():
+            text += f"[{section}]\n" + "".join(f"{key} = {value}\n" for key, value in keys.items())
+        self.config.write_text(text)
+
+    def start_host(self):
+        self.host_output = open(self.dir / "host.out", "ab")
+        self.host = subprocess.Popen(
+            [BIN / "qmhost", "--config", self.config], stdout=self.host_output, stderr=subprocess.STDOUT
+        )
+        self.host_output.close()
+        started = (self.dir / "host.out").read_bytes().count(b"qmhost ready")
+
+        def ready():
+            self.assertIsNone(self.host.poll(), self.host_said())
+            return (self.dir / "host.out").read_bytes().count(b"qmhost ready") > started
+
+        wait_until(ready, "the host to be ready")
+
+    def host_said(self):
+        return (self.dir / "host.out").read_text(errors="replace")
+
+    def stop_host(self, how=signal.SIGTERM):
+        self.host.send_signal(how)
+        status = self.host.wait(timeout=PATIENCE)
+        self.host = None
+        return status
+
+    def send(self, *arguments, data=b"", **options):
+        """Runs qmsend on data; returns the finished process."""
+        return subprocess.run(
+            [BIN / "qmsend", "--socket", self.socket, *arguments],
+            input=data,
+            capture_output=True,
+            timeout=PATIENCE,
+            check=False,
+            **options,
+        )
+
+    def delivered(self):
+        """What has arrived, one dictionary a record; a line that is still being written is not counted."""
+        if not self.records_file.exists():
+            return []
+        whole = self.records_file.read_bytes().rpartition(b"\n")[0]
+        return [json.loads(line) for line in whole.split(b"\n") if line]
+
+    def wait_for_records(self, count):
+        wait_until(lambda: len(self.delivered()) >= count, f"{count} records")
+        return self.delivered()
+
+    def log_text(self, channel):
+        path = self.log_dir / f"{channel}.log"
+        return path.read_text(errors="replace") if path.exists() else ""
