@@ -7,11 +7,10 @@
 // reference frees it.
 //   - The map holds one, from AddExecDataMap to erasure. Erasing sets bErased.
 //   - A queue entry holds one. bQueued makes sure that a record has at most one entry: queueing it again while it
-//   stands in
-//     its queue changes its counters and nothing else. An entry whose record is erased is dropped when it is met.
+//     stands in its queue changes its counters and nothing else. An entry whose record is erased is dropped when it is
+//     met.
 //   - A thread that works on a record outside the lock holds one: InsertExecData while it files, the taker of
-//   GetExecData
-//     through its ExecDataHold.
+//     GetExecData through its ExecDataHold.
 // A pointer found in the map may be used without a reference only while m_csExecData is held.
 //
 // Locks: m_csExecData guards the maps. Public operations take it and call their ...Locked twins; a twin never takes it
