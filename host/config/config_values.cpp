@@ -68,8 +68,7 @@ std::string ReadUser(std::string_view svUser, uid_t& uidRead) {
   std::vector<char> vecBuffer(1024);
   passwd entry{};
   passwd* pFound = nullptr;
-  int iError = ERANGE;
-  while ((iError = getpwnam_r(strUser.c_str(), &entry, vecBuffer.data(), vecBuffer.size(), &pFound)) == ERANGE &&
+  while (getpwnam_r(strUser.c_str(), &entry, vecBuffer.data(), vecBuffer.size(), &pFound) == ERANGE &&
          vecBuffer.size() < kMostBuffer) {
     vecBuffer.resize(vecBuffer.size() * 2);
   }
@@ -148,7 +147,7 @@ std::string ReadLevels(std::string_view svValue, unsigned int& uRead) {
     if (!strWrong.empty()) {
       return strWrong;
     }
-    uRead |= 1U << u64Level;
+    uRead |= u64Level <= kMostLevel ? 1U << u64Level : 0U;
   }
   return {};
 }

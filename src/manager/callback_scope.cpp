@@ -1,8 +1,9 @@
 #include "manager/callback_scope.h"
 
+#include <pthread.h>
+
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 namespace {
@@ -20,6 +21,7 @@ size_t IndexOf(CallbackKind kind) {
 }  // namespace
 
 CCallbackScope::CCallbackScope(CallbackKind kind) : m_kind(kind) {
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_iCancelState);
   ++g_aInside[IndexOf(kind)];
   ++t_aInside[IndexOf(kind)];
   m_pManager = g_pOpenManager.load();
@@ -28,17 +30,21 @@ CCallbackScope::CCallbackScope(CallbackKind kind) : m_kind(kind) {
 CCallbackScope::~CCallbackScope() {
   --t_aInside[IndexOf(m_kind)];
   --g_aInside[IndexOf(m_kind)];
+  pthread_setcancelstate(m_iCancelState, nullptr);
 }
 
 void CCallbackScope::SetManager(CLogCacheMgr* pManager) {
   g_pOpenManager.store(pManager);
 }
 
-bool CCallbackScope::WaitUntilOutside(CallbackKind kind) {
+CCallbackScope::Deadline CCallbackScope::LongestWait() {
   constexpr auto kLongest = std::chrono::seconds(10);
+  return std::chrono::steady_clock::now() + kLongest;
+}
+
+bool CCallbackScope::WaitUntilOutside(CallbackKind kind, Deadline deadline) {
   constexpr auto kLookAgain = std::chrono::milliseconds(1);
   const size_t uIndex = IndexOf(kind);
-  const auto deadline = std::chrono::steady_clock::now() + kLongest;
   while (g_aInside[uIndex].load() > t_aInside[uIndex]) {
     if (std::chrono::steady_clock::now() >= deadline) {
       return false;
@@ -48,7 +54,7 @@ bool CCallbackScope::WaitUntilOutside(CallbackKind kind) {
   return true;
 }
 
-bool CCallbackScope::WaitUntilOutside() {
-  const bool bReceive = WaitUntilOutside(CallbackKind::Receive);
-  return WaitUntilOutside(CallbackKind::SendCompletion) && bReceive;
+bool CCallbackScope::WaitUntilOutside(Deadline deadline) {
+  const bool bReceive = WaitUntilOutside(CallbackKind::Receive, deadline);
+  return WaitUntilOutside(CallbackKind::SendCompletion, deadline) && bReceive;
 }

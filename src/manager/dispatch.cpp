@@ -33,6 +33,7 @@ int CLogCacheMgr::RunExecData(_LogExecData* pExecData) {
   uint64_t ui64ACT = 0;
   uint32_t uRet = 0;
   {
+    // A thread that is cancelled in here leaves its send in flight, like any send whose outcome never comes.
     const CCancellationWindow window;
     uRet = pCompCtx->AsynSendEx(&guid, AGENT_MSG_ASYNC_LOGCACHE,
                                 reinterpret_cast<const uint8_t*>(pExecData->strData.c_str()),

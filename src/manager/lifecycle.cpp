@@ -2,7 +2,8 @@
 // objects.
 #include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
+#include <cerrno>
 #include <new>
 #include <thread>
 
@@ -33,6 +34,7 @@ CLogCacheMgr::CLogCacheMgr()
     : m_uStartTime(static_cast<uint32_t>(time(nullptr))), m_hEvent(QmCreateEvent(0, 0, nullptr, nullptr)) {
   QmInitializeCriticalSection(&m_csDataId);
   QmInitializeCriticalSection(&m_csStatus);
+  QmInitializeCriticalSection(&m_csSettlement);
 }
 
 CLogCacheMgr::~CLogCacheMgr() {
@@ -41,6 +43,7 @@ CLogCacheMgr::~CLogCacheMgr() {
     QmDestroyEvent(m_hEvent);
     m_hEvent = nullptr;
   }
+  QmDeleteCriticalSection(&m_csSettlement);
   QmDeleteCriticalSection(&m_csStatus);
   QmDeleteCriticalSection(&m_csDataId);
 }
@@ -50,7 +53,6 @@ CLogCacheMgr* CLogCacheMgr::Instance() {
   if (pThis == nullptr) {
     pThis = new (std::nothrow) CLogCacheMgr;
     m_pThis.store(pThis);
-    CCallbackScope::SetManager(pThis);
   }
   return pThis;
 }
@@ -74,22 +76,28 @@ void CLogCacheMgr::Close() {
 }
 
 bool CLogCacheMgr::WaitUntilUnused() {
-  constexpr auto kLongest = std::chrono::seconds(10);
   constexpr auto kLookAgain = std::chrono::milliseconds(1);
-  const auto deadline = std::chrono::steady_clock::now() + kLongest;
-  while (!HasThreadEnded(ThreadKind::Work) || !HasThreadEnded(ThreadKind::Timer)) {
+  const auto deadline = CCallbackScope::LongestWait();
+  while (!IsThreadGone(ThreadKind::Work) || !IsThreadGone(ThreadKind::Timer)) {
     if (std::chrono::steady_clock::now() >= deadline) {
       return false;
     }
     WakeThreads();
     std::this_thread::sleep_for(kLookAgain);
   }
-  return CCallbackScope::WaitUntilOutside();
+  return CCallbackScope::WaitUntilOutside(deadline);
+}
+
+// Not before Init: a late callback of an earlier life must not meet a store that is being configured.
+void CLogCacheMgr::OpenToCallbacks() {
+  CCallbackScope::SetManager(this);
 }
 
 bool CLogCacheMgr::Init() {
   LogPrintStr(g_hLog, kLogNormal, "qmlogcache CLogCacheMgr::Init Begin");
-  if (!m_LogCacheData.InitCacheData()) {
+  const bool bInitialized = m_LogCacheData.InitCacheData();
+  OpenToCallbacks();
+  if (!bInitialized) {
     LogPrintStr(g_hLog, kLogWarning, "*qmlogcache CLogCacheMgr::Init Error InitCacheData Error");
     return false;
   }
@@ -104,6 +112,7 @@ void CLogCacheMgr::SetCtx(void* pContext) {
 
 bool CLogCacheMgr::Start() {
   LogPrintStr(g_hLog, kLogNormal, "qmlogcache CLogCacheMgr::Start Begin");
+  OpenToCallbacks();  // also for a host that did without Init
   IComponentContext* pCompCtx = m_pCompCtx;
   if (pCompCtx == nullptr) {
     LogPrintStr(g_hLog, kLogMissing, "**qmlogcache CLogCacheMgr::Start Error m_pCompCtx is NULL");
@@ -150,13 +159,19 @@ int CLogCacheMgr::CreateThread(ThreadKind kind, void* (*pfnBody)(void*), pthread
   if (StatusOf(kind) == kThreadEnded) {
     StatusOf(kind) = kThreadStopped;
   }
+  hCreated = 0;
+  try {
+    AliveOf(kind).reserve(AliveOf(kind).size() + 1);
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  }
   const int iRet = pthread_create(&hCreated, nullptr, pfnBody, this);
   if (iRet != 0) {
     hCreated = 0;
     return iRet;
   }
   IdOf(kind) = hCreated;
-  ++AliveOf(kind);
+  AliveOf(kind).push_back(hCreated);
   return 0;
 }
 
@@ -168,7 +183,10 @@ bool CLogCacheMgr::Stop() {
       static_cast<void>(pCompCtx->UnReceive(type.uType));
     }
     // No reception begins any more; one that is inside files its record before the save.
-    CCallbackScope::WaitUntilOutside(CallbackKind::Receive);
+    if (!CCallbackScope::WaitUntilOutside(CallbackKind::Receive, CCallbackScope::LongestWait())) {
+      LogPrintStr(g_hLog, kLogWarning,
+                  "*qmlogcache CLogCacheMgr::Stop Warn a reception is still inside, its record misses the save");
+    }
   }
   SaveCacheToDb();
   RequestThreadsToEnd();
@@ -202,32 +220,38 @@ void CLogCacheMgr::WaitForThreadsToEnd() {
     WakeThreads();  // each pass: a started pair may wait on one event more than once
     usleep(kStopPassMicroseconds);
   }
-  CancelThread(ThreadKind::Work, "*qmlogcache CLogCacheMgr::Stop thread need kill work threadid[%lu]");
-  CancelThread(ThreadKind::Timer, "*qmlogcache CLogCacheMgr::Stop thread need kill timer threadid[%lu]");
+  CancelThreads(ThreadKind::Work, "*qmlogcache CLogCacheMgr::Stop thread need kill work threadid[%lu]");
+  CancelThreads(ThreadKind::Timer, "*qmlogcache CLogCacheMgr::Stop thread need kill timer threadid[%lu]");
 }
 
 bool CLogCacheMgr::HasThreadEnded(ThreadKind kind) {
   CCriticalSectionGuard guard(m_csStatus);
-  return AliveOf(kind) == 0;
+  return StatusOf(kind) == kThreadEnded || AliveOf(kind).empty();
 }
 
-void CLogCacheMgr::CancelThread(ThreadKind kind, const char* pszFormat) {
-  pthread_t hThreadId = 0;
-  {
-    CCriticalSectionGuard guard(m_csStatus);
-    hThreadId = IdOf(kind);
-  }
-  if (hThreadId == 0) {
-    return;  // ended, or never created
-  }
-  LogPrint(g_hLog, kLogWarning, pszFormat, hThreadId);
+bool CLogCacheMgr::IsThreadGone(ThreadKind kind) {
   CCriticalSectionGuard guard(m_csStatus);
-  if (IdOf(kind) != 0) {
-    // Under the lock the thread cannot end, so its id still names it. It is unwound only at a window of its own, which
-    // it never opens while it holds a lock.
-    pthread_cancel(IdOf(kind));
-    IdOf(kind) = 0;
+  return AliveOf(kind).empty();
+}
+
+void CLogCacheMgr::CancelThreads(ThreadKind kind, const char* pszFormat) {
+  std::vector<pthread_t> vecThreadIds;
+  if (!HasThreadEnded(kind)) {
+    CCriticalSectionGuard guard(m_csStatus);
+    vecThreadIds = AliveOf(kind);
   }
+  for (const pthread_t hThreadId : vecThreadIds) {
+    LogPrint(g_hLog, kLogWarning, pszFormat, hThreadId);
+    CCriticalSectionGuard guard(m_csStatus);
+    const std::vector<pthread_t>& vecAlive = AliveOf(kind);
+    if (std::find(vecAlive.begin(), vecAlive.end(), hThreadId) != vecAlive.end()) {
+      // Under the lock the thread cannot end, so its id still names it. It is unwound only at a window of its own, which
+      // it never opens while it holds a lock.
+      pthread_cancel(hThreadId);
+    }
+  }
+  CCriticalSectionGuard guard(m_csStatus);
+  IdOf(kind) = 0;
 }
 
 void CLogCacheMgr::WakeThreads() {
@@ -252,6 +276,6 @@ pthread_t& CLogCacheMgr::IdOf(ThreadKind kind) {
   return kind == ThreadKind::Work ? m_hThreadWorkId : m_hThreadTimerId;
 }
 
-int& CLogCacheMgr::AliveOf(ThreadKind kind) {
-  return kind == ThreadKind::Work ? m_iWorkThreadsAlive : m_iTimerThreadsAlive;
+std::vector<pthread_t>& CLogCacheMgr::AliveOf(ThreadKind kind) {
+  return kind == ThreadKind::Work ? m_vecWorkThreadsAlive : m_vecTimerThreadsAlive;
 }

@@ -2,7 +2,7 @@
 // which every record passes in three steps: intake (AddExecData), dispatch (RunExecData), settlement (ResultExecData).
 //
 // Life. Instance makes the manager, Close destroys it, again and again in one process. Only the host's entries call
-// Instance; callbacks reach the manager through a CCallbackScope and threads through the manager that started them.
+// Instance; callbacks reach the manager through a CCallbackScope, from the end of Init on.
 // Close first bars callbacks, then waits up to ten seconds for callbacks and threads that are inside; if one never
 // comes out the manager is given up without being freed.
 //
@@ -13,6 +13,8 @@
 //
 // Locks. m_csStatus and m_csDataId are held for single reads and writes, never around a call; the one exception is
 // pthread_create and pthread_cancel under m_csStatus, so that a thread's id is valid whenever it can be read.
+// m_csSettlement is held from the lookup of a result's record to the end of its action, so that of two results for one
+// record the second finds none; it comes before the store's lock and every other.
 // The gate's flags are relaxed atomics: callbacks write them, the work thread reads them, and a stale value is
 // corrected within 100 ms, because every change sets the event.
 #ifndef QMLOGCACHE_MANAGER_LOG_CACHE_MGR_H_
@@ -23,6 +25,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <vector>
 
 #include "manager/statistics.h"
 #include "platform/critical_section.h"
@@ -73,11 +76,12 @@ class CLogCacheMgr {
 
   // --- Dispatch: dispatch.cpp ---
   // Sends a record that the caller holds. 1 when the router took it, else 0 (and the record is gone).
-  int RunExecData(_LogExecData* pExecData);
+  [[nodiscard]] int RunExecData(_LogExecData* pExecData);
 
   // --- Settlement: settlement.cpp ---
   // One outcome of one send. ui64ACT: the send's token, for the log. 0 or the error of the lookup or the action.
-  int ResultExecData(unsigned long long u64DataId, uint32_t dwResult, unsigned long ui64ACT);
+  [[nodiscard]] int ResultExecData(unsigned long long u64DataId, uint32_t dwResult, unsigned long ui64ACT)
+      QM_EXCLUDES(m_csSettlement);
 
  private:
   friend class CLogCacheMgrPeer;  // tests
@@ -105,13 +109,16 @@ class CLogCacheMgr {
   enum class ThreadKind { Work, Timer };
   int& StatusOf(ThreadKind kind) QM_REQUIRES(m_csStatus);
   pthread_t& IdOf(ThreadKind kind) QM_REQUIRES(m_csStatus);
-  int& AliveOf(ThreadKind kind) QM_REQUIRES(m_csStatus);
+  std::vector<pthread_t>& AliveOf(ThreadKind kind) QM_REQUIRES(m_csStatus);
   // The result of pthread_create; hCreated is 0 when it failed.
   int CreateThread(ThreadKind kind, void* (*pfnBody)(void*), pthread_t& hCreated);
   void RequestThreadsToEnd();
+  // Out of its loop, every thread of the kind; or out of the manager altogether.
   [[nodiscard]] bool HasThreadEnded(ThreadKind kind);
+  [[nodiscard]] bool IsThreadGone(ThreadKind kind);
   void WaitForThreadsToEnd();
-  void CancelThread(ThreadKind kind, const char* pszFormat);
+  void CancelThreads(ThreadKind kind, const char* pszFormat);
+  void OpenToCallbacks();
   void WakeThreads();
   [[nodiscard]] bool WaitUntilUnused();
   // The two callback objects belong to a higher floor; only lifecycle.cpp knows them.
@@ -119,6 +126,7 @@ class CLogCacheMgr {
   static IMRSendComplete* SendCompletion();
 
   // threads.cpp
+  static CLogCacheMgr* ManagerOfThread(const void* pArgument);
   // Marks the calling thread as running, unless a stop was asked for before it began; gives the stop count of this
   // moment.
   unsigned int BeginThread(ThreadKind kind);
@@ -128,6 +136,8 @@ class CLogCacheMgr {
   void EndThread(ThreadKind kind);
   [[nodiscard]] bool IsThreadWanted(ThreadKind kind, unsigned int uStopCount);
   [[nodiscard]] bool IsConnected();
+  template <typename Step>
+  bool RunStep(const Step& step);
   // One turn of the work loop; false when the thread is to end.
   [[nodiscard]] bool WorkStep(WorkState& state);
   void StepUnconnected(WorkState& state);
@@ -141,21 +151,22 @@ class CLogCacheMgr {
 
   static std::atomic<CLogCacheMgr*> m_pThis;
 
-  CRelaxedAtomic<IComponentContext*> m_pCompCtx{nullptr};
+  std::atomic<IComponentContext*> m_pCompCtx{nullptr};
   CLogCacheData m_LogCacheData;
   int m_iWorkThreadStatus QM_GUARDED_BY(m_csStatus) = kThreadStopped;
-  pthread_t m_hThreadWorkId QM_GUARDED_BY(m_csStatus) = 0;  // 0: none, or ended
+  pthread_t m_hThreadWorkId QM_GUARDED_BY(m_csStatus) = 0;  // the one created last; 0 after Stop
   int m_iTimerThreadStatus QM_GUARDED_BY(m_csStatus) = kThreadStopped;
   pthread_t m_hThreadTimerId QM_GUARDED_BY(m_csStatus) = 0;
-  // Threads created and not yet ended. A status becomes kThreadEnded with the last of its kind.
-  int m_iWorkThreadsAlive QM_GUARDED_BY(m_csStatus) = 0;
-  int m_iTimerThreadsAlive QM_GUARDED_BY(m_csStatus) = 0;
+  // Threads created and not yet gone. A status becomes kThreadEnded with the last of its kind.
+  std::vector<pthread_t> m_vecWorkThreadsAlive QM_GUARDED_BY(m_csStatus);
+  std::vector<pthread_t> m_vecTimerThreadsAlive QM_GUARDED_BY(m_csStatus);
   // A stop that comes before a thread has begun must not be overwritten by the thread's own "running", and a thread
   // that outlived a stop must not go on with the next start.
   bool m_bStopRequested QM_GUARDED_BY(m_csStatus) = false;
   unsigned int m_uStopCount QM_GUARDED_BY(m_csStatus) = 0;
   QmCriticalSection m_csDataId;
   QmCriticalSection m_csStatus;
+  QmCriticalSection m_csSettlement;           // one result is settled at a time
   CRelaxedAtomic<uint32_t> m_uStartTime;      // seconds since the epoch; changed under m_csDataId, printed without it
   CRelaxedAtomic<uint32_t> m_uSequenceId{0};  // the same
   bool m_bConnect QM_GUARDED_BY(m_csStatus) = false;  // the agent is known to be connected; never reset

@@ -73,6 +73,7 @@ struct SettlementLog {
 }  // namespace
 
 int CLogCacheMgr::ResultExecData(unsigned long long u64DataId, uint32_t dwResult, unsigned long ui64ACT) {
+  CCriticalSectionGuard guard(m_csSettlement);
   const long lRefCount = SubSendRef();
   const Outcome outcome = Classify(dwResult);
   _LogExecData data;

@@ -2,6 +2,9 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <exception>
+
 #include "manager/cancellation.h"
 #include "manager/log_cache_mgr.h"
 #include "platform/event.h"
@@ -29,6 +32,25 @@ class CLogCacheMgr::CThreadScope {
   ThreadKind m_kind;
 };
 
+// A thread that comes so late that its manager was given up, and perhaps another made, belongs to none.
+CLogCacheMgr* CLogCacheMgr::ManagerOfThread(const void* pArgument) {
+  CLogCacheMgr* pThis = m_pThis.load();
+  return pArgument == nullptr || pArgument == pThis ? pThis : nullptr;
+}
+
+// Want of memory in a step must not end the process; the next step tries again. Only std::exception is caught, so that a
+// cancellation unwinds as it should.
+template <typename Step>
+bool CLogCacheMgr::RunStep(const Step& step) {
+  try {
+    return step();
+  } catch (const std::exception& error) {
+    LogPrint(g_hLog, kLogWarning, "*qmlogcache CLogCacheMgr::RunStep Error what[%s]", error.what());
+    sleep(1);
+    return true;
+  }
+}
+
 unsigned int CLogCacheMgr::BeginThread(ThreadKind kind) {
   CCriticalSectionGuard guard(m_csStatus);
   if (!m_bStopRequested) {
@@ -39,18 +61,17 @@ unsigned int CLogCacheMgr::BeginThread(ThreadKind kind) {
 
 void CLogCacheMgr::MarkThreadEnded(ThreadKind kind) {
   CCriticalSectionGuard guard(m_csStatus);
-  if (AliveOf(kind) == 1) {
+  if (AliveOf(kind).size() <= 1) {
     StatusOf(kind) = kThreadEnded;
   }
 }
 
 void CLogCacheMgr::EndThread(ThreadKind kind) {
   CCriticalSectionGuard guard(m_csStatus);
-  if (--AliveOf(kind) == 0) {
+  std::vector<pthread_t>& vecAlive = AliveOf(kind);
+  vecAlive.erase(std::remove(vecAlive.begin(), vecAlive.end(), pthread_self()), vecAlive.end());
+  if (vecAlive.empty()) {
     StatusOf(kind) = kThreadEnded;
-  }
-  if (pthread_equal(IdOf(kind), pthread_self()) != 0) {
-    IdOf(kind) = 0;  // a detached thread's id names nothing once it has ended
   }
 }
 
@@ -64,11 +85,11 @@ bool CLogCacheMgr::IsConnected() {
   return m_bConnect;
 }
 
-void* CLogCacheMgr::WorkThread(void* /*pArgument*/) {
+void* CLogCacheMgr::WorkThread(void* pArgument) {
   DisableCancellation();
   pthread_detach(pthread_self());
   prctl(PR_SET_NAME, "logcachework");
-  CLogCacheMgr* pThis = m_pThis.load();
+  CLogCacheMgr* pThis = ManagerOfThread(pArgument);
   if (pThis == nullptr) {
     LogPrintStr(g_hLog, kLogMissing, "**qmlogcache CLogCacheMgr::WorkThread pThis is NULL");
     return nullptr;
@@ -79,18 +100,18 @@ void* CLogCacheMgr::WorkThread(void* /*pArgument*/) {
   state.uStopCount = pThis->BeginThread(ThreadKind::Work);
   state.tStat = time(nullptr);
   state.tRepeat = time(nullptr);
-  while (pThis->WorkStep(state)) {
+  while (pThis->RunStep([&] { return pThis->WorkStep(state); })) {
   }
   pThis->MarkThreadEnded(ThreadKind::Work);
   LogPrintStr(g_hLog, kLogNormal, "qmlogcache CLogCacheMgr::WorkThread End");
   return nullptr;
 }
 
-void* CLogCacheMgr::TimerThread(void* /*pArgument*/) {
+void* CLogCacheMgr::TimerThread(void* pArgument) {
   DisableCancellation();
   pthread_detach(pthread_self());
   prctl(PR_SET_NAME, "logcachetimer");
-  CLogCacheMgr* pThis = m_pThis.load();
+  CLogCacheMgr* pThis = ManagerOfThread(pArgument);
   if (pThis == nullptr) {
     LogPrintStr(g_hLog, kLogMissing, "**qmlogcache CLogCacheMgr::TimerThread pThis is NULL");
     return nullptr;
@@ -98,7 +119,7 @@ void* CLogCacheMgr::TimerThread(void* /*pArgument*/) {
   const CThreadScope scope(*pThis, ThreadKind::Timer);
   LogPrintStr(g_hLog, kLogNormal, "qmlogcache CLogCacheMgr::TimerThread Begin");
   const unsigned int uStopCount = pThis->BeginThread(ThreadKind::Timer);
-  while (pThis->TimerStep(uStopCount)) {
+  while (pThis->RunStep([&] { return pThis->TimerStep(uStopCount); })) {
   }
   pThis->MarkThreadEnded(ThreadKind::Timer);
   LogPrintStr(g_hLog, kLogNormal, "qmlogcache CLogCacheMgr::TimerThread End");
@@ -145,7 +166,7 @@ bool CLogCacheMgr::WorkStep(WorkState& state) {
     return true;
   }
   if (hold->bIsDel == 0) {
-    RunExecData(hold.get());
+    static_cast<void>(RunExecData(hold.get()));  // it has logged, and settled what was refused
     return true;
   }
   LogPrint(g_hLog, kLogNormal,

@@ -122,14 +122,18 @@ constexpr std::array<TypeBase, 3> kTypeBases = {{{LOGCACHE_MSG_SYNC_SERVER_BASE,
 
 }  // namespace
 
-CLogCacheReceive CLogCacheReceive::m_gReceive;
+// Never destroyed: a message may come while the process is on its way out.
+CLogCacheReceive& CLogCacheReceive::m_gReceive = *new CLogCacheReceive;
 
 bool CLogCacheReceive::GetPrivAndMsgType(long long i64MsgType, int& iPriv, int& iMsgType) {
   constexpr long long kPublic = 10;
   constexpr long long kPriorities = 4;
   for (const TypeBase& base : kTypeBases) {
+    if (i64MsgType < base.uBase || i64MsgType >= base.uBase + kPublic + kPriorities) {
+      continue;
+    }
     const long long i64Offset = i64MsgType - base.uBase;
-    if ((i64Offset >= 0 && i64Offset < kPriorities) || (i64Offset >= kPublic && i64Offset < kPublic + kPriorities)) {
+    if (i64Offset < kPriorities || i64Offset >= kPublic) {
       iPriv = static_cast<int>(i64Offset);
       iMsgType = base.iMsgType;
       return true;
@@ -147,7 +151,11 @@ void CLogCacheReceive::ReceiveCallback(const GUID& stComponentID, long i64MsgTyp
   try {
     iRet = TakeMessage(scope.Manager(), {szSender, i64MsgType, pData, uiDataLength});
   } catch (const std::exception&) {
-    iRet = kStatusNoResource;  // no memory for the payload
+    iRet = kStatusNoResource;
+    LogPrint(g_hLog, kLogWarning,
+             "*qmlogcache CLogCacheReceive::ReceiveCallback Error no memory i64MsgType[%llx] stComponentID[%s] "
+             "uiDataLength[%u]",
+             static_cast<unsigned long long>(i64MsgType), szSender, uiDataLength);
   }
   if (pContext != nullptr && pReplyHandle != nullptr) {
     constexpr char kSuccess[] = "success";

@@ -16,7 +16,7 @@ class CLogCacheReceive : public IMRReceiveComplete {
   static bool GetPrivAndMsgType(long long i64MsgType, int& iPriv, int& iMsgType);
 
   // Serves every registration.
-  static CLogCacheReceive m_gReceive;
+  static CLogCacheReceive& m_gReceive;
 };
 
 #endif  // QMLOGCACHE_MESSAGE_RECEIVE_H_

@@ -6,7 +6,8 @@
 #include "platform/status_codes.h"
 #include "plugin/compctx/message_types.h"
 
-CLogCacheSend CLogCacheSend::m_LogCacheSend;
+// Never destroyed: a completion may come while the process is on its way out.
+CLogCacheSend& CLogCacheSend::m_LogCacheSend = *new CLogCacheSend;
 
 void CLogCacheSend::SendCallback(int iRetReply, long i64MsgType, const unsigned char* /*pReply*/,
                                  unsigned int /*uiLength*/, unsigned long ui64ACT, void* pContext) {
@@ -39,5 +40,5 @@ void CLogCacheSend::SendCallback(int iRetReply, long i64MsgType, const unsigned 
              uRetReply, ui64ACT, u64DataId);
     return;
   }
-  scope.Manager()->ResultExecData(u64DataId, uRetReply, ui64ACT);
+  static_cast<void>(scope.Manager()->ResultExecData(u64DataId, uRetReply, ui64ACT));  // nobody to answer; it has logged
 }

@@ -14,7 +14,7 @@ class CLogCacheSend : public IMRSendComplete {
                     unsigned long ui64ACT, void* pContext) override;
 
   // Serves every send.
-  static CLogCacheSend m_LogCacheSend;
+  static CLogCacheSend& m_LogCacheSend;
 };
 
 #endif  // QMLOGCACHE_MESSAGE_SEND_COMPLETION_H_

@@ -106,7 +106,7 @@ size_t CPString::Replace(std::string_view svFrom, std::string_view svTo) {
   CPString strResult = Allocate(svText.size() - uCount * svFrom.size() + uCount * svTo.size(), &pOut);
   size_t uFrom = 0;
   const auto append = [&pOut](std::string_view svPiece) {
-    if (!svPiece.empty()) {
+    if (!svPiece.empty() && pOut != nullptr) {
       std::memcpy(pOut, svPiece.data(), svPiece.size());
       pOut += svPiece.size();
     }

@@ -27,11 +27,11 @@ constexpr size_t kMaxNameLength = 64;
 
 // Bounds of what one stream may have waiting, and of what all have waiting together.
 constexpr uint64_t kMaxPendingLines = 8192;
-constexpr uint64_t kMaxPendingBytes = 8 * 1024 * 1024;
+constexpr uint64_t kMaxPendingBytes = uint64_t{8} << 20;
 constexpr size_t kMaxQueuedLines = 32768;
 
 constexpr std::chrono::seconds kCloseWait{5};
-constexpr uint64_t kDefaultMaxFileSize = 10 * 1024 * 1024;
+constexpr uint64_t kDefaultMaxFileSize = uint64_t{10} << 20;
 constexpr uint32_t kDefaultMaxFiles = 5;
 
 struct QueuedLine {

@@ -1,4 +1,4 @@
 #include "platform/log_channels.h"
 
-CRelaxedAtomic<void*> g_hLog{nullptr};
-CRelaxedAtomic<void*> g_hLogError{nullptr};
+std::atomic<void*> g_hLog{nullptr};
+std::atomic<void*> g_hLogError{nullptr};

@@ -2,11 +2,13 @@
 #ifndef QMLOGCACHE_PLATFORM_LOG_CHANNELS_H_
 #define QMLOGCACHE_PLATFORM_LOG_CHANNELS_H_
 
-#include "platform/log.h"
-#include "platform/relaxed_atomic.h"
+#include <atomic>
 
-// Relaxed atomics: a late callback may read a handle while Uninitialize clears it, and a handle never dangles.
-extern CRelaxedAtomic<void*> g_hLog;       // "qmlogcache": everything that is not said to go elsewhere
-extern CRelaxedAtomic<void*> g_hLogError;  // "qmlogcacheerror": error lines of the data path that hold a record's data
+#include "platform/log.h"
+
+// Sequentially consistent: a late callback counts itself in and then reads a handle, Uninitialize clears the handle and
+// then looks whether a callback is inside.
+extern std::atomic<void*> g_hLog;       // "qmlogcache": everything that is not said to go elsewhere
+extern std::atomic<void*> g_hLogError;  // "qmlogcacheerror": error lines of the data path that hold a record's data
 
 #endif  // QMLOGCACHE_PLATFORM_LOG_CHANNELS_H_

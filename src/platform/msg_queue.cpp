@@ -43,7 +43,7 @@ class CWaiterCount {
   size_t& m_uWaiting;
 };
 
-static_assert(sizeof(Queue*) <= sizeof(QmMsgQueue::abOpaque));
+static_assert(sizeof(void*) <= sizeof(QmMsgQueue::abOpaque));
 
 Queue*& QueueOf(QmMsgQueue* pQueue) {
   return *std::launder(reinterpret_cast<Queue**>(pQueue->abOpaque));

@@ -8,15 +8,20 @@ int g_iPluginStatus = kPluginLoaded;
 
 namespace {
 
-// Clears the handle first: a callback that is inside may still hold it, one that comes later finds none.
-void CloseChannel(CRelaxedAtomic<void*>& hChannel) {
-  void* hLog = hChannel;
-  if (hLog == nullptr) {
+// Takes the handles away first: a callback that is inside may still hold one, a later one finds none. When a callback
+// never comes out, the channels stay open for it.
+void CloseChannels() {
+  constexpr auto kLongest = std::chrono::seconds(1);
+  void* hLog = g_hLog.exchange(nullptr);
+  void* hLogError = g_hLogError.exchange(nullptr);
+  if (!CCallbackScope::WaitUntilOutside(std::chrono::steady_clock::now() + kLongest)) {
     return;
   }
-  hChannel = nullptr;
-  if (CCallbackScope::WaitUntilOutside()) {
+  if (hLog != nullptr) {
     LogUninit(hLog);
+  }
+  if (hLogError != nullptr) {
+    LogUninit(hLogError);
   }
 }
 
@@ -53,8 +58,7 @@ int CLogCachePluginObj::Uninitialize() {
   CLogCacheMgr::Close();
   g_iPluginStatus = kPluginUninitialized;
   LogPrintStr(g_hLog, kLogLifecycle, "qmlogcache CLogCachePluginObj::Uninitialize End");
-  CloseChannel(g_hLog);
-  CloseChannel(g_hLogError);
+  CloseChannels();
   return 0;
 }
 

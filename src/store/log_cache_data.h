@@ -42,7 +42,7 @@ enum DataFlowFlag : uint32_t {
   kFlowMemoryOnly = 2,     // never
 };
 
-// Position of a record's queue, from its priority code. Negative for a negative code, which has no queue.
+// Position of a record's queue, from its priority code. A negative code, which reception refuses, goes to the low queue.
 int QueueIndexOfPriority(int iPriv);
 
 struct ExecDataRelease {
@@ -122,6 +122,7 @@ class CLogCacheData {
   _LogExecData* TakeFromQueues();
   void ForgetQueuedData();
 
+  // Set by InitCacheData, before callbacks and threads; relaxed, since a host may call in another order.
   CRelaxedAtomic<uint32_t> m_dwDataFlowFlag{kFlowWriteAtIntake};
   CRelaxedAtomic<uint32_t> m_dwDataCountLimit{500000};
   CRelaxedAtomic<uint32_t> m_dwLocalDataCountLimit{100000};

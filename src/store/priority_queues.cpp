@@ -25,17 +25,17 @@ void ExecDataRelease::operator()(_LogExecData* pExecData) const {
 int QueueIndexOfPriority(int iPriv) {
   constexpr int kQueues = 4;
   constexpr int kPublic = 10;
+  if (iPriv < 0) {
+    return 0;
+  }
   return iPriv < kPublic ? iPriv % kQueues : (iPriv - kPublic) & (kQueues - 1);
 }
 
 bool CLogCacheData::QueueExecData(_LogExecData* pExecData) {
-  const int iIndex = QueueIndexOfPriority(pExecData->iPriv);
-  if (iIndex < 0) {
-    return false;
-  }
+  const auto uIndex = static_cast<size_t>(QueueIndexOfPriority(pExecData->iPriv));
   if (!pExecData->bQueued.exchange(true, std::memory_order_acq_rel)) {
     pExecData->uRefs.fetch_add(1, std::memory_order_relaxed);
-    if (QmMsgQueueInsert(&m_ExecDataQueue[static_cast<size_t>(iIndex)], 0, 0, pExecData) != 0) {
+    if (QmMsgQueueInsert(&m_ExecDataQueue[uIndex], 0, 0, pExecData) != 0) {
       pExecData->bQueued.store(false, std::memory_order_release);
       DropReference(pExecData);  // not the last one: the caller reaches the record too
       return false;

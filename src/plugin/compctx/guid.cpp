@@ -12,11 +12,13 @@ void FormatGuid(const GUID& guid, char* pszBuffer) {
 bool ParseGuid(const char* pszText, GUID& guid) {
   constexpr int kFields = 11;
   GUID parsed{};
-  // NOLINTNEXTLINE(cert-err34-c): every field is bounded by its width, so no conversion can overflow
+  // Every field is bounded by its width, so no conversion can overflow.
+  // NOLINTBEGIN(cert-err34-c)
   const int iFields =
       std::sscanf(pszText, "%08x-%04hx-%04hx-%02hhx%02hhx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx", &parsed.Data1,
                   &parsed.Data2, &parsed.Data3, &parsed.Data4[0], &parsed.Data4[1], &parsed.Data4[2], &parsed.Data4[3],
                   &parsed.Data4[4], &parsed.Data4[5], &parsed.Data4[6], &parsed.Data4[7]);
+  // NOLINTEND(cert-err34-c)
   guid = iFields == kFields ? parsed : GUID{};
   return iFields == kFields;
 }

@@ -58,6 +58,14 @@ TEST_F(CallbackLifetimeTest, WithoutALogHandleAMessageAfterCloseIsAnsweredFailWi
   EXPECT_TRUE(CLogCapture::Lines().empty());
 }
 
+TEST_F(CallbackLifetimeTest, AManagerThatIsNotInitializedYetTakesNoMessages) {
+  CLogCacheMgr::Close();
+  ASSERT_NE(nullptr, CLogCacheMgr::Instance());
+  Deliver(10102, "late one of an earlier life");
+  EXPECT_EQ("fail", m_context.Replies().back().strText);
+  EXPECT_EQ(0u, CLogCacheDataPeer(CLogCacheMgrPeer(*CLogCacheMgr::Instance()).Data()).MapSize());
+}
+
 TEST_F(CallbackLifetimeTest, TheNextManagerTakesMessagesAgain) {
   CLogCacheMgr::Close();
   Deliver(10102, "lost");

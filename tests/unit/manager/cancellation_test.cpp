@@ -31,7 +31,8 @@ class CancellationTest : public ManagerTest {
       }
     });
   }
-  // What still has to work after a cancel.
+  // What still has to work after a cancel. A thread logs its end after it has ended: the first start's lines must all
+  // be there.
   void ExpectEverythingWorks() {
     CFakeClock::SetMicroSleepHook(nullptr);
     CFakeClock::SetSleepHook(nullptr);
@@ -39,7 +40,7 @@ class CancellationTest : public ManagerTest {
     m_context.SetSendHandler(nullptr);
     m_context.SetQueryHandler(nullptr);
     CLogCapture::Reset();
-    m_peer.SetSendRefCount(0);
+    EXPECT_EQ(0, m_peer.SendRefCount());
     m_manager.BroadcastConnect();
     const size_t uSent = m_context.Sends().size();
     const unsigned long long u64DataId = AddRecord(3);
@@ -71,6 +72,7 @@ TEST_F(CancellationTest, AWorkThreadStuckInTheConnectionQueryIsCancelled) {
   EXPECT_EQ("Uninitialize", m_context.Calls().back());
   EXPECT_EQ(0u, m_peer.WorkThreadId());
   EXPECT_EQ(0u, m_peer.TimerThreadId());
+  EXPECT_TRUE(CLogCapture::WaitFor(kMainChannel, 2, "qmlogcache CLogCacheMgr::TimerThread End"));
   ExpectEverythingWorks();
 }
 
@@ -90,6 +92,7 @@ TEST_F(CancellationTest, AWorkThreadStuckInASendIsCancelled) {
   // The record was handed over as far as anybody knows: its result may still come.
   EXPECT_TRUE(m_data.IsDataIdExist(u64DataId));
   EXPECT_EQ(0, m_manager.ResultExecData(u64DataId, 0, 0));
+  EXPECT_TRUE(CLogCapture::WaitFor(kMainChannel, 2, "qmlogcache CLogCacheMgr::TimerThread End"));
   ExpectEverythingWorks();
 }
 
@@ -105,8 +108,34 @@ TEST_F(CancellationTest, ATimerThreadThatDoesNotEndIsNamed) {
   EXPECT_TRUE(LoggedOnce(kMainChannel, 3, KillTimer(hTimer)));
   EXPECT_TRUE(NotLogged(KillWork(hWork)));
   m_context.Release();
+  EXPECT_TRUE(CLogCapture::WaitFor(kMainChannel, 2, "qmlogcache CLogCacheMgr::WorkThread End"));
   EXPECT_TRUE(CLogCapture::WaitFor(kMainChannel, 2, "qmlogcache CLogCacheMgr::TimerThread End"));
   ExpectEverythingWorks();
+}
+
+TEST_F(CancellationTest, AThreadThatHasMarkedItselfAsEndedIsNotCancelled) {
+  m_manager.BroadcastConnect();
+  // Both threads are held back in their last line, after they have ended as far as their status tells.
+  CLogCapture::SetHook([this](const LogLine& line) {
+    if (line.strText.find("Thread End") != std::string::npos) {
+      m_context.Block();
+    }
+  });
+  EXPECT_TRUE(m_manager.Start());
+  const pthread_t hWork = m_peer.WorkThreadId();
+  const pthread_t hTimer = m_peer.TimerThreadId();
+  CFakeClock::SetMicroSleepHook([this](unsigned int) {
+    while (m_peer.TimerThreadStatus() != kEnded || m_peer.WorkThreadStatus() != kEnded) {
+      std::this_thread::yield();
+    }
+  });
+  EXPECT_TRUE(m_manager.Stop());
+  EXPECT_TRUE(NotLogged(KillWork(hWork)));
+  EXPECT_TRUE(NotLogged(KillTimer(hTimer)));
+  m_context.Release();
+  EXPECT_TRUE(CLogCapture::WaitFor(kMainChannel, 2, "qmlogcache CLogCacheMgr::WorkThread End"));
+  EXPECT_TRUE(CLogCapture::WaitFor(kMainChannel, 2, "qmlogcache CLogCacheMgr::TimerThread End"));
+  CLogCacheMgr::Close();  // waits until they are out
 }
 
 TEST_F(CancellationTest, AThreadThatOutlivesItsStopDoesNotGoOnWithTheNextStart) {

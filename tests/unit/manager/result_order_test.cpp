@@ -1,6 +1,10 @@
 // Results that come early, late, doubled, or for a record that is somewhere else.
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "message/receive.h"
 #include "message/send_completion.h"
@@ -168,6 +172,34 @@ TEST_F(ResultOrderTest, ResultsInAnyOrderSettleTheirOwnRecords) {
   EXPECT_TRUE(m_data.IsDataIdExist(u64Second));
   EXPECT_FALSE(m_data.IsDataIdExist(u64Third));
   EXPECT_EQ(0, m_peer.SendRefCount());
+}
+
+TEST_F(ResultOrderTest, OfTwoResultsAtOnceTheSecondFindsNoRecord) {
+  const unsigned long long u64DataId = SendRecord();
+  // The first result is held up between its lookup and its action, until the second one is on its way.
+  std::atomic<bool> bSecondOnItsWay{false};
+  std::thread second;
+  CLogCapture::SetHook([&](const LogLine& line) {
+    if (line.strChannel == kErrorChannel && !second.joinable()) {
+      second = std::thread([&] {
+        bSecondOnItsWay = true;
+        DeliverResult(0x77, u64DataId);
+      });
+      while (!bSecondOnItsWay) {
+        std::this_thread::yield();
+      }
+    }
+  });
+  DeliverResult(0x77, u64DataId);
+  second.join();
+  EXPECT_EQ(1u, m_peer.Statistics().CountRecvFail);
+  const std::vector<LogLine> vecLines = CLogCapture::Lines();
+  EXPECT_EQ(1, std::count_if(vecLines.begin(), vecLines.end(),
+                             [](const LogLine& line) { return line.strChannel == kErrorChannel; }));
+  EXPECT_TRUE(LoggedOnce(kMainChannel, 3,
+                         "*qmlogcache step3 Error ResultExecData GetExecDataFromMap iRet[a0010042] SubSendRef "
+                         "lRefCount[0] ui64ACT[ffffffffffffffff] u64DataId[" +
+                             std::to_string(u64DataId) + "] dwResult[77]\n"));
 }
 
 }  // namespace

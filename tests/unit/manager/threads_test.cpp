@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <fstream>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -91,6 +92,21 @@ TEST_F(ThreadsTest, ARecordGoesOutOnceTheAgentIsConnected) {
   EXPECT_TRUE(CLogCapture::WaitFor(kMainChannel, 2, "qmlogcache CLogCacheMgr::WorkThread connect server OK"));
   EXPECT_TRUE(m_context.WaitForSends(1));
   EXPECT_EQ(u64DataId, m_context.Sends()[0].u64UserValue);
+  EXPECT_TRUE(m_manager.Stop());
+}
+
+TEST_F(ThreadsTest, WantOfMemoryInAStepEndsNeitherTheThreadNorTheProcess) {
+  std::atomic<bool> bThrown{false};
+  CPlatformFaults::SetWaitHook([&](void*, unsigned int) {
+    if (!bThrown.exchange(true)) {
+      throw std::bad_alloc();
+    }
+  });
+  StartAndWait();
+  m_manager.BroadcastConnect();
+  EXPECT_TRUE(CLogCapture::WaitFor(kMainChannel, 3, "*qmlogcache CLogCacheMgr::RunStep Error what[std::bad_alloc]"));
+  AddRecord();
+  EXPECT_TRUE(m_context.WaitForSends(1));
   EXPECT_TRUE(m_manager.Stop());
 }
 

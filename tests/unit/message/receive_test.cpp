@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 
 #include <cstring>
+#include <limits>
 #include <string>
 
 #include "tests/support/allocation_faults.h"
@@ -66,6 +67,8 @@ TEST_F(ReceiveTest, DecodesEachPriorityType) {
   int iMsgType = 0;
   EXPECT_FALSE(CLogCacheReceive::GetPrivAndMsgType(0, iPriv, iMsgType));
   EXPECT_FALSE(CLogCacheReceive::GetPrivAndMsgType(-10100, iPriv, iMsgType));
+  EXPECT_FALSE(CLogCacheReceive::GetPrivAndMsgType(std::numeric_limits<long long>::min(), iPriv, iMsgType));
+  EXPECT_FALSE(CLogCacheReceive::GetPrivAndMsgType(std::numeric_limits<long long>::max(), iPriv, iMsgType));
   EXPECT_FALSE(CLogCacheReceive::GetPrivAndMsgType(10100 + (1LL << 32), iPriv, iMsgType));
 }
 
@@ -212,18 +215,26 @@ TEST_F(ReceiveTest, KeepsDataWithZeroBytesWholeAndCutsTheTaggedTextAtTheFirst) {
   EXPECT_EQ("<end=1><msg=ab>", strText.substr(strText.find("<end=1>")));
 }
 
-TEST_F(ReceiveTest, AnswersFailWhenThereIsNoMemoryForThePayload) {
-  constexpr size_t kPayload = 256U << 20;
-  constexpr size_t kHeadroom = 64U << 20;
-  // Never touched but for reading: it costs address space, not memory.
-  void* pPayload = mmap(nullptr, kPayload, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  ASSERT_NE(MAP_FAILED, pPayload);
-  {
-    const CAddressSpaceLimit limit(kHeadroom);
-    CLogCacheReceive::m_gReceive.ReceiveCallback(kSenderGuid, 10101, static_cast<const unsigned char*>(pPayload),
-                                                 kPayload, m_pReplyHandle, static_cast<IComponentContext*>(&m_context));
+// Without memory for its payload.
+class ReceiveWithoutMemoryTest : public ReceiveTest {
+ protected:
+  ReceiveWithoutMemoryTest() {
+    constexpr size_t kPayload = 256U << 20;
+    constexpr size_t kHeadroom = 64U << 20;
+    // Never touched but for reading: it costs address space, not memory.
+    void* pPayload = mmap(nullptr, kPayload, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    EXPECT_NE(MAP_FAILED, pPayload);
+    {
+      const CAddressSpaceLimit limit(kHeadroom);
+      CLogCacheReceive::m_gReceive.ReceiveCallback(kSenderGuid, 10101, static_cast<const unsigned char*>(pPayload),
+                                                   kPayload, m_pReplyHandle,
+                                                   static_cast<IComponentContext*>(&m_context));
+    }
+    munmap(pPayload, kPayload);
   }
-  munmap(pPayload, kPayload);
+};
+
+TEST_F(ReceiveWithoutMemoryTest, AnswersFailAndTheNextMessageIsTaken) {
   const std::vector<GivenReply> vecReplies = m_context.Replies();
   ASSERT_EQ(1u, vecReplies.size());
   EXPECT_EQ("fail", vecReplies[0].strText);
@@ -232,6 +243,12 @@ TEST_F(ReceiveTest, AnswersFailWhenThereIsNoMemoryForThePayload) {
 
   Deliver(10101, "and life goes on");
   EXPECT_EQ("success", m_context.Replies().back().strText);
+}
+
+TEST_F(ReceiveWithoutMemoryTest, LogsTheRejectedMessage) {
+  ASSERT_EQ(1u, CLogCapture::Lines().size());
+  EXPECT_EQ(kMainChannel, CLogCapture::Lines()[0].strChannel);
+  EXPECT_EQ(3, CLogCapture::Lines()[0].iLevel);
 }
 
 }  // namespace

@@ -45,8 +45,8 @@ TEST_F(PluginObjectTest, InitializeWithNullOpensBothChannelsAndIsRefused) {
   EXPECT_EQ(0, CLogCachePluginObj::GetStatus());
   EXPECT_EQ(1, CLogCapture::OpenCount(kMainChannel));
   EXPECT_EQ(1, CLogCapture::OpenCount(kErrorChannel));
-  EXPECT_NE(nullptr, g_hLog.Load());
-  EXPECT_NE(nullptr, g_hLogError.Load());
+  EXPECT_NE(nullptr, g_hLog.load());
+  EXPECT_NE(nullptr, g_hLogError.load());
   EXPECT_TRUE(
       LoggedExactly({{kMainChannel, 4, "**qmlogcache CLogCachePluginObj::Initialize Error pInitParam is NULL"}}));
   EXPECT_EQ(nullptr, CLogCacheMgrPeer::Current());
@@ -96,8 +96,8 @@ TEST_F(PluginObjectTest, UninitializeDestroysTheManagerAndClosesTheChannels) {
   EXPECT_EQ(nullptr, CLogCacheMgrPeer::Current());
   EXPECT_EQ(-1, CLogCapture::OpenCount(kMainChannel));
   EXPECT_EQ(-1, CLogCapture::OpenCount(kErrorChannel));
-  EXPECT_EQ(nullptr, g_hLog.Load());
-  EXPECT_EQ(nullptr, g_hLogError.Load());
+  EXPECT_EQ(nullptr, g_hLog.load());
+  EXPECT_EQ(nullptr, g_hLogError.load());
   EXPECT_TRUE(LoggedExactly({{kMainChannel, 6, "qmlogcache CLogCachePluginObj::Uninitialize Begin"},
                              {kMainChannel, 6, "qmlogcache CLogCachePluginObj::Uninitialize End"}}));
 }

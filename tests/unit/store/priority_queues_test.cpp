@@ -58,8 +58,17 @@ TEST_F(PriorityQueuesTest, MapsEachPriorityToItsQueue) {
     int iPriv;
     int iIndex;
   };
-  const Row aRows[] = {{0, 0},  {1, 1},  {2, 2},  {3, 3},  {4, 0},  {5, 1},  {6, 2},  {7, 3},  {8, 0},         {9, 1},
-                       {10, 0}, {11, 1}, {12, 2}, {13, 3}, {14, 0}, {15, 1}, {17, 3}, {18, 0}, {2147483647, 1}};
+  const Row aRows[] = {{0, 0},          {1, 1},
+                       {2, 2},          {3, 3},
+                       {4, 0},          {5, 1},
+                       {6, 2},          {7, 3},
+                       {8, 0},          {9, 1},
+                       {10, 0},         {11, 1},
+                       {12, 2},         {13, 3},
+                       {14, 0},         {15, 1},
+                       {17, 3},         {18, 0},
+                       {2147483647, 1}, {-1, 0},
+                       {-4, 0},         {-2147483647 - 1, 0}};
   for (const Row& row : aRows) {
     EXPECT_EQ(row.iIndex, QueueIndexOfPriority(row.iPriv)) << row.iPriv;
   }
