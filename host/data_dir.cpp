@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -29,6 +30,17 @@ long long ReadNumberFrom(int iFile) {
   long long i64Number = 0;
   // NOLINTNEXTLINE(cert-err34-c): the text is shorter than what could overflow
   return iRead > 0 && std::sscanf(szText, "%18lld", &i64Number) == 1 ? i64Number : 0;
+}
+
+// The number in the file of that name; 0 when there is none.
+long long ReadNumberOf(const std::string& strFile) {
+  const int iFile = open(strFile.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (iFile < 0) {
+    return 0;
+  }
+  const long long i64Number = ReadNumberFrom(iFile);
+  close(iFile);
+  return i64Number;
 }
 
 bool WriteNumberTo(int iFile, long long i64Number) {
@@ -88,13 +100,7 @@ bool CDataDir::Lock(std::string& strError) {
 }
 
 bool CDataDir::AwaitNewSecond() const {
-  const std::string strFile = m_strPath + "/qmhost.start";
-  const int iFile = open(strFile.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (iFile < 0) {
-    return true;  // the first start
-  }
-  const long long i64Last = ReadNumberFrom(iFile);
-  close(iFile);
+  const long long i64Last = ReadNumberOf(m_strPath + "/qmhost.start");
   if (i64Last - time(nullptr) > kLongestWait) {
     return false;
   }
@@ -107,8 +113,10 @@ bool CDataDir::AwaitNewSecond() const {
 bool CDataDir::NoteStart(std::string& strError) const {
   const std::string strFile = m_strPath + "/qmhost.start";
   const std::string strNew = strFile + ".new";
+  // The clock may have been set back: what an earlier start numbered stays behind this second.
+  const long long i64Second = std::max<long long>(ReadNumberOf(strFile), time(nullptr));
   const int iFile = open(strNew.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
-  bool bWritten = iFile >= 0 && WriteNumberTo(iFile, time(nullptr)) && fsync(iFile) == 0;
+  bool bWritten = iFile >= 0 && WriteNumberTo(iFile, i64Second) && fsync(iFile) == 0;
   const int iError = errno;
   if (iFile >= 0) {
     close(iFile);

@@ -23,7 +23,7 @@ class CDataDir {
   // its start second would otherwise give numbers a second time. A clock that was set back by more than a few seconds
   // is not waited for; false then.
   bool AwaitNewSecond() const;
-  // Writes down the present second, durably.
+  // Writes down the present second, durably; a later one that is written down already stays.
   [[nodiscard]] bool NoteStart(std::string& strError) const;
 
  private:

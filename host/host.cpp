@@ -1,5 +1,6 @@
 #include "host/host.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cinttypes>
@@ -18,6 +19,17 @@ constexpr mode_t kSocketDirMode = 0755;
 
 std::string DirectoryOf(const std::string& strPath) {
   return std::filesystem::path(strPath).parent_path().string();
+}
+
+// Each connection takes a descriptor, and the usual soft limit is kept low for programs that use select, which this one
+// does not.
+void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    // Without it the ingress serves fewer connections, and says so.
+    static_cast<void>(setrlimit(RLIMIT_NOFILE, &limit));
+  }
 }
 
 }  // namespace
@@ -57,6 +69,7 @@ int CHost::Run() {
 
 bool CHost::Prepare() {
   umask(0077);
+  RaiseDescriptorLimit();
   std::string strError;
   // The lock comes before the log, which two hosts on one configuration would otherwise share.
   if (!MakeDirectories(m_Config.strDataDir, kPrivateMode, strError) || !m_DataDir.Lock(strError) ||
@@ -143,7 +156,7 @@ void CHost::Stop() {
     std::snprintf(szLine, sizeof(szLine),
                   "qmhost stopped: received %" PRIu64 ", delivered %" PRIu64 ", rejected %" PRIu64
                   ", to be retried %" PRIu64 ", held %" PRIu64,
-                  counts.u64Received, counts.u64Delivered, counts.u64Rejected, counts.u64Retried, counts.u64Held);
+                  counts.u64Received, counts.u64Delivered, counts.u64Rejected, counts.u64Retried, counts.u64HeldAtStop);
     LogPrint(m_hLog, kLogLifecycle, "%s", szLine);
     std::puts(szLine);
     std::fflush(stdout);

@@ -8,6 +8,7 @@
 
 #include "host/config/host_config.h"
 #include "host/host.h"
+#include "host/protocol/standard_descriptors.h"
 #include "platform/file_info.h"
 
 namespace {
@@ -58,6 +59,7 @@ int RunMain(int iArguments, char** ppszArguments) {
 
 int main(int iArguments, char** ppszArguments) {
   try {
+    FillStandardDescriptors();
     return RunMain(iArguments, ppszArguments);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "qmhost: %s\n", error.what());

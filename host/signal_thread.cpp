@@ -12,21 +12,31 @@ namespace {
 
 // Sent by the destructor alone; from elsewhere it does nothing.
 constexpr int kEndSignal = SIGUSR1;
+// Stop signals that come closer together are one request.
+constexpr std::chrono::seconds kOneRequest{2};
+
+bool IsIgnored(int iSignal) {
+  struct sigaction action {};
+  return sigaction(iSignal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
 
 sigset_t TakenSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int iSignal : {SIGTERM, SIGINT, SIGHUP, kEndSignal}) {
+  for (const int iSignal : {SIGTERM, SIGHUP, kEndSignal}) {
     sigaddset(&signals, iSignal);
+  }
+  // A signal that is waited for arrives even when it is ignored.
+  if (!IsIgnored(SIGINT)) {
+    sigaddset(&signals, SIGINT);
   }
   return signals;
 }
 
 }  // namespace
 
-CSignalThread::CSignalThread() {
-  const sigset_t signals = TakenSignals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+CSignalThread::CSignalThread() : m_Signals(TakenSignals()) {
+  pthread_sigmask(SIG_BLOCK, &m_Signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
   m_Thread = std::thread([this] { Run(); });
 }
@@ -49,10 +59,9 @@ HostEvent CSignalThread::Wait() {
 
 void CSignalThread::Run() {
   SetUpThread("qmhost-signal");
-  const sigset_t signals = TakenSignals();
   while (!m_bEnding) {
     int iSignal = 0;
-    if (sigwait(&signals, &iSignal) != 0 || iSignal == kEndSignal) {
+    if (sigwait(&m_Signals, &iSignal) != 0 || iSignal == kEndSignal) {
       continue;
     }
     const std::lock_guard<std::mutex> guard(m_Lock);
@@ -60,7 +69,8 @@ void CSignalThread::Run() {
       m_bReload = true;
     } else if (!m_bStop) {
       m_bStop = true;
-    } else {
+      m_FirstStop = std::chrono::steady_clock::now();
+    } else if (std::chrono::steady_clock::now() - m_FirstStop >= kOneRequest) {
       constexpr std::string_view kText = "qmhost: told to stop a second time, ending at once\n";
       static_cast<void>(!write(STDERR_FILENO, kText.data(), kText.size()));
       _exit(128 + iSignal);

@@ -1,11 +1,18 @@
 // Takes the process's signals on a thread of its own and turns them into events for the main thread.
 //
-// SIGHUP asks for a reload, SIGTERM and SIGINT for the end. A second SIGTERM or SIGINT, however far the start or the
-// stop has come, ends the process at once with status 128 plus the signal's number, after a line on stderr.
+// SIGHUP asks for a reload, SIGTERM and SIGINT for the end. A further SIGTERM or SIGINT that comes two seconds or more
+// after the first, however far the start or the stop has come, ends the process at once with status 128 plus the
+// signal's number, after a line on stderr. An earlier one does nothing more: one stop often comes as several signals,
+// from the terminal and from a supervisor.
+//
+// A SIGINT that the process was started to ignore, as shells start background jobs of scripts, stays ignored.
 #ifndef QMLOGCACHE_HOST_SIGNAL_THREAD_H_
 #define QMLOGCACHE_HOST_SIGNAL_THREAD_H_
 
+#include <signal.h>
+
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -27,10 +34,12 @@ class CSignalThread {
  private:
   void Run();
 
-  std::mutex m_Lock;  // guards m_bReload and m_bStop
+  const sigset_t m_Signals;  // those taken
+  std::mutex m_Lock;         // guards m_bReload, m_bStop and m_FirstStop
   std::condition_variable m_Changed;
   bool m_bReload = false;
   bool m_bStop = false;
+  std::chrono::steady_clock::time_point m_FirstStop;
   std::atomic<bool> m_bEnding{false};
   std::thread m_Thread;  // last: it uses all of the above
 };

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "host/config/config_values.h"
+#include "host/config/path_obstacles.h"
 #include "plugin/compctx/guid.h"
 
 namespace {
@@ -82,8 +83,9 @@ const KeyRule kRules[] = {
     {"log", "levels", "3,4,6", [](std::string_view sv, Target& t) { return ReadLevels(sv, t.config.uLogLevels); }},
     {"log", "max_file_size", "10M",
      [](std::string_view sv, Target& t) { return SetSize(sv, 4 * kKilo, kGiga, t.config.u64LogMaxFileSize); }},
+    // Of a single file the rotation of the log would leave nothing.
     {"log", "max_files", "5",
-     [](std::string_view sv, Target& t) { return SetNumber(sv, 1, 1000, t.config.uLogMaxFiles); }},
+     [](std::string_view sv, Target& t) { return SetNumber(sv, 2, 1000, t.config.uLogMaxFiles); }},
     {"storage", "sync", "full", SetSync},
     {"router", "completion_threads", "1",
      [](std::string_view sv, Target& t) { return SetNumber(sv, 1, 64, t.config.router.uCompletionThreads); }},
@@ -146,7 +148,9 @@ class CChecker {
     for (const ConfigEntry& entry : text.vecEntries) {
       TakeEntry(entry);
     }
-    CheckPlugins(std::max(text.iLines, 1));
+    const int iLastLine = std::max(text.iLines, 1);
+    CheckPaths(iLastLine);
+    CheckPlugins(iLastLine);
   }
 
  private:
@@ -231,9 +235,31 @@ class CChecker {
     const std::string strWrong = pRule->pfnSet(entry.strValue, target);
     if (!strWrong.empty()) {
       Complain(entry.iLine, entry.strKey + ": " + strWrong);
-      m_setBadSections.insert(entry.strSection);
+      m_setBadKeys.insert({entry.strSection, entry.strKey});
     } else if (pPlugin != nullptr && entry.strKey == "path") {
       pPlugin->iPathLine = entry.iLine;
+    }
+  }
+
+  // What stands at a path already may keep the host from starting.
+  void CheckPaths(int iLastLine) {
+    CheckPath({"host", "data_dir"}, m_Config.strDataDir, DirectoryObstacle, iLastLine);
+    CheckPath({"log", "dir"}, m_Config.strLogDir, DirectoryObstacle, iLastLine);
+    CheckPath({"ingress", "socket"}, m_Config.ingress.strSocketPath, SocketObstacle, iLastLine);
+    CheckPath({"link", "path"}, m_Config.fileDriver.strPath, RecordFileObstacle, iLastLine);
+  }
+
+  void CheckPath(const std::pair<std::string, std::string>& key, const std::string& strPath,
+                 std::string (*pfnObstacle)(const std::string& strPath), int iLastLine) {
+    if (m_setBadKeys.count(key) != 0) {
+      return;
+    }
+    const std::string strObstacle = pfnObstacle(strPath);
+    if (!strObstacle.empty()) {
+      const auto it = m_mapLines.find(key);
+      const bool bDefault = it == m_mapLines.end();
+      Complain(bDefault ? iLastLine : it->second,
+               (bDefault ? "the default of " : "") + key.second + ": " + strObstacle);
     }
   }
 
@@ -249,7 +275,7 @@ class CChecker {
         continue;
       }
       struct stat info {};
-      if (m_setBadSections.count(plugin.strSection) == 0 &&
+      if (m_setBadKeys.count({plugin.strSection, "path"}) == 0 &&
           (stat(plugin.spec.strPath.c_str(), &info) != 0 || !S_ISREG(info.st_mode))) {
         Complain(plugin.iPathLine, "there is no plug-in library " + plugin.spec.strPath);
       }
@@ -271,7 +297,7 @@ class CChecker {
   PluginSpec m_DefaultSpec;
   std::vector<PluginSection> m_vecPlugins;
   std::map<std::pair<std::string, std::string>, int> m_mapLines;
-  std::set<std::string> m_setBadSections;  // sections with a value that was not understood
+  std::set<std::pair<std::string, std::string>> m_setBadKeys;  // section and key of values that were not understood
 };
 
 }  // namespace
@@ -290,6 +316,14 @@ std::vector<ConfigProblem> LoadHostConfig(const std::string& strFile, const std:
   std::stable_sort(vecProblems.begin(), vecProblems.end(),
                    [](const ConfigProblem& left, const ConfigProblem& right) { return left.iLine < right.iLine; });
   return vecProblems;
+}
+
+std::vector<HostConfigKey> HostConfigKeys() {
+  std::vector<HostConfigKey> vecKeys;
+  for (const KeyRule& rule : kRules) {
+    vecKeys.push_back({rule.pszSection, rule.pszKey, rule.pszDefault});
+  }
+  return vecKeys;
 }
 
 std::string FormatProblem(const std::string& strFile, const ConfigProblem& problem) {

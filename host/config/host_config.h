@@ -6,7 +6,7 @@
 // | [log]         | dir                | log                  | directory of the log files                            |
 // |               | levels             | 3,4,6                | levels that are written, 1 to 6, comma-separated      |
 // |               | max_file_size      | 10M                  | size at which a log file rotates, 4K to 1G            |
-// |               | max_files          | 5                    | files a log channel keeps, 1 to 1000                  |
+// |               | max_files          | 5                    | files a log channel keeps, 2 to 1000                  |
 // | [storage]     | sync               | full                 | full: a write (file link, too) survives a power cut;  |
 // |               |                    |                      | normal: a killed process                              |
 // | [router]      | completion_threads | 1                    | threads that complete sends, 1 to 64; one keeps order |
@@ -15,7 +15,9 @@
 // |               | allowed_users      |                      | users beside root and the host's: names or numbers    |
 // |               | max_frame          | 16M                  | longest message frame, 4K to 1G                       |
 // |               | window             | 1024                 | unanswered messages a connection, 1 to 1048576        |
-// |               | stall_timeout_ms   | 30000                | longest pause inside a frame, 100 to 3600000          |
+// |               | stall_timeout_ms   | 30000                | how long a frame may take from its first byte to its  |
+// |               |                    |                      | last, and how long answers may stay unread, 100 to    |
+// |               |                    |                      | 3600000                                               |
 // |               | max_connections    | 1024                 | connections at once, 1 to 65536                       |
 // |               | threads            | 2                    | threads that take messages, 1 to 256                  |
 // | [link]        | driver             | file                 | where records go: file                                |
@@ -40,6 +42,13 @@
 #include "host/plugins/plugin_spec.h"
 #include "host/router/router.h"
 
+// A row of the table above, with its default as the file would say it.
+struct HostConfigKey {
+  std::string strSection;  // "plugin" for every [plugin NAME]
+  std::string strKey;
+  std::string strDefault;
+};
+
 struct HostConfig {
   std::string strDataDir;
   std::string strLogDir;
@@ -55,6 +64,9 @@ struct HostConfig {
 
 // Reads and checks a file. Returns all problems, in the order of their lines; none: config is complete and good.
 std::vector<ConfigProblem> LoadHostConfig(const std::string& strFile, const std::string& strPrefix, HostConfig& config);
+
+// Every key there is, in the order of the table above.
+std::vector<HostConfigKey> HostConfigKeys();
 
 // "FILE:LINE: text", without the line for a problem that concerns none.
 std::string FormatProblem(const std::string& strFile, const ConfigProblem& problem);

@@ -1,6 +1,7 @@
 #include "host/ingress/ingress_server.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -36,6 +37,19 @@ constexpr milliseconds kLongestCheckPeriod{1000};
 constexpr milliseconds kShortestCheckPeriod{10};
 // How long a stop waits for producers to read their last answers.
 constexpr milliseconds kStopGrace{2000};
+
+// What the rest of the process may open while every connection is taken.
+constexpr rlim_t kDescriptorsLeft = 64;
+
+// How many connections the process has descriptors for; one at least.
+uint32_t LimitConnections(uint32_t uWanted) {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+    return uWanted;
+  }
+  const rlim_t uPossible = limit.rlim_cur > kDescriptorsLeft ? limit.rlim_cur - kDescriptorsLeft : 1;
+  return static_cast<uint32_t>(std::min<rlim_t>(uWanted, uPossible));
+}
 
 // Threads started inside the scope inherit a mask that blocks every signal.
 class CSignalsBlocked {
@@ -89,6 +103,7 @@ class CIngressServer : public IIngressServer {
   void Guarded(Function fnWork) noexcept;
 
   const IngressOptions m_options;
+  uint32_t m_uMaxConnections = 0;  // set before the first connection
   CLimitedLog m_log;
   const CConnection::Environment m_environment;
   CSocketPath m_path;
@@ -126,6 +141,12 @@ bool CIngressServer::Start(std::string& strError) {
     return false;
   }
   m_bStarted = true;
+  m_uMaxConnections = LimitConnections(m_options.uMaxConnections);
+  if (m_uMaxConnections < m_options.uMaxConnections) {
+    m_log.Warn(CLimitedLog::Kind::TooManyConnections,
+               "at most " + std::to_string(m_uMaxConnections) + " connections instead of " +
+                   std::to_string(m_options.uMaxConnections) + ": the process may not open more files");
+  }
   if (!Listen(strError)) {
     Stop();
     return false;
@@ -253,9 +274,9 @@ void CIngressServer::Admit(CConnection::Socket socket) {
     if (m_bStopping) {
       return;
     }
-    if (m_mapConnections.size() >= m_options.uMaxConnections) {
+    if (m_mapConnections.size() >= m_uMaxConnections) {
       m_log.Warn(CLimitedLog::Kind::TooManyConnections,
-                 strPeer + ": refused, " + std::to_string(m_options.uMaxConnections) + " connections are open");
+                 strPeer + ": refused, " + std::to_string(m_uMaxConnections) + " connections are open");
       return;
     }
     m_mapConnections.emplace(pConnection.get(), pConnection);

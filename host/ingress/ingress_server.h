@@ -22,7 +22,7 @@ struct IngressOptions {
   uint32_t uMaxFrame = kIngressDefaultMaxFrame;  // bytes after the prefix
   uint32_t uWindow = kIngressDefaultWindow;      // unanswered messages a connection
   uint32_t uStallTimeoutMs = 30000;              // how long a frame may stay unfinished, or answers unread
-  uint32_t uMaxConnections = 1024;
+  uint32_t uMaxConnections = 1024;               // fewer when the process's limit of open files asks for it
   unsigned int uThreads = 2;
 };
 

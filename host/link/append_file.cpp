@@ -87,6 +87,10 @@ OpenOutcome CAppendFile::TryOpen(const std::string& strPath, bool bSyncDirectory
     strReason = strPath + ": not a regular file";
     return OpenOutcome::Refused;
   }
+  // Records are nobody else's to read. A file that belongs to another user keeps the mode that its owner gave it.
+  if (iError == 0 && (status.st_mode & ALLPERMS & ~kFileMode) != 0 && fchmod(m_iFd, kFileMode) != 0 && errno != EPERM) {
+    iError = errno;
+  }
   if (iError == 0 && status.st_size > 0) {
     iError = CompleteTornLine(strPath);
   }

@@ -38,7 +38,7 @@ bool CServerLink::Start(std::string& strError) {
   if (m_hLog == nullptr) {
     m_hLog = LogInit("qmhost");
   }
-  m_bDriverStarted = RegisterWithRouter(strError) && m_pDriver->Start(this, strError);
+  m_bDriverStarted = RegisterWithRouter(strError) && m_resultQueue.Start(strError) && m_pDriver->Start(this, strError);
   if (!m_bDriverStarted) {
     Stop();
     return false;
@@ -87,12 +87,13 @@ void CServerLink::Stop() {
   if (std::exchange(m_bDriverStarted, false)) {
     m_pDriver->Stop();
   }
+  m_resultQueue.Stop();
   std::map<uint64_t, TrackedPtr> mapForgotten;
   {
     const std::lock_guard lock(m_mutex);
     m_phase = Phase::Stopped;
     m_counts.bUp = false;
-    m_counts.u64Held = 0;
+    m_counts.u64HeldAtStop = std::exchange(m_counts.u64Held, 0);
     mapForgotten.swap(m_mapHeld);
   }
   if (m_pContext) {

@@ -19,13 +19,14 @@
 
 inline constexpr unsigned int kAnsweredPerOutage = 20;
 
-// Counts since the link was made; each only ever grows.
+// Counts since the link was made; the first four only ever grow.
 struct ServerLinkCounts {
-  uint64_t u64Received = 0;   // records taken from components
-  uint64_t u64Delivered = 0;  // answered 0
-  uint64_t u64Rejected = 0;   // answered with a result that drops the record
-  uint64_t u64Retried = 0;    // answered with a result that queues it again
-  uint64_t u64Held = 0;       // not answered yet, at this moment
+  uint64_t u64Received = 0;    // records taken from components
+  uint64_t u64Delivered = 0;   // answered 0
+  uint64_t u64Rejected = 0;    // answered with a result that drops the record
+  uint64_t u64Retried = 0;     // answered with a result that queues it again
+  uint64_t u64Held = 0;        // not answered yet, at this moment; 0 once the link has stopped
+  uint64_t u64HeldAtStop = 0;  // not answered, and given up, when the link last stopped
   bool bUp = false;
 };
 

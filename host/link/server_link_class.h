@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/link/result_queue.h"
 #include "host/link/server_link.h"
 
 enum class RecordState { Held, WithDriver, Answered };
@@ -40,7 +41,9 @@ struct AnswerList {
 class CServerLink final : public IServerLink, private IMRReceiveComplete, private ILinkEvents, private IRequestHandler {
  public:
   CServerLink(IRouter& router, std::unique_ptr<ILinkDriver> pDriver)
-      : m_router(router), m_pDriver(std::move(pDriver)) {}
+      : m_router(router),
+        m_pDriver(std::move(pDriver)),
+        m_resultQueue([this](const LinkResult& result) { return PostResult(result); }) {}
   ~CServerLink() override;
 
   bool Start(std::string& strError) override;
@@ -70,6 +73,7 @@ class CServerLink final : public IServerLink, private IMRReceiveComplete, privat
   void DeliverOne(std::unique_lock<std::mutex>& lock, TrackedPtr pRecord);
   void SendTimeouts(const AnswerList& answers);
   void SendResult(const LinkRecord& record, uint32_t uResult);
+  uint32_t PostResult(const LinkResult& result);
   void Announce();
 
   IRouter& m_router;
@@ -78,6 +82,7 @@ class CServerLink final : public IServerLink, private IMRReceiveComplete, privat
   void* m_hLog = nullptr;                    // likewise
   bool m_bDriverStarted = false;             // of Start and Stop alone
   std::atomic<bool> m_bResultRefused = false;
+  CResultQueue m_resultQueue;  // results that the router had no memory for
 
   mutable std::mutex m_mutex;           // guards all below
   std::condition_variable m_delivered;  // a delivery that OnDown waits for has returned

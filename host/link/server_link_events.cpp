@@ -185,18 +185,27 @@ void CServerLink::SendTimeouts(const AnswerList& answers) {
 }
 
 void CServerLink::SendResult(const LinkRecord& record, uint32_t uResult) {
-  static_assert(std::endian::native == std::endian::little);
-  std::array<uint8_t, 32> aPayload{};
-  std::memcpy(aPayload.data() + 4, &uResult, sizeof(uResult));
-  std::memcpy(aPayload.data() + 8, &record.tags.u64DataId, sizeof(record.tags.u64DataId));
-  uint64_t u64Act = 0;
-  const uint32_t uStatus =
-      m_pContext->AsynSendEx(&record.sender, LOGCACHE_MSG_ASYNC_LOGCACHR_RESULT, aPayload.data(),
-                             static_cast<uint32_t>(aPayload.size()), nullptr, 0, &u64Act, kResultTimeoutMs);
+  const LinkResult result{record.sender, record.tags.u64DataId, uResult};
+  const uint32_t uStatus = PostResult(result);
   // One line for a row of refusals: a component that is gone refuses them all.
   if (m_bResultRefused.exchange(uStatus != kHostOk) == false && uStatus != kHostOk) {
     LogPrint(m_hLog, kLogWarning, "server link: the router refused a result: %x", uStatus);
   }
+  // Any other refusal is final: nobody is there to take the result.
+  if (uStatus == kHostNoMemory && !m_resultQueue.Keep(result)) {
+    LogPrint(m_hLog, kLogWarning, "server link: the result of record %llx is lost",
+             static_cast<unsigned long long>(result.u64DataId));
+  }
+}
+
+uint32_t CServerLink::PostResult(const LinkResult& result) {
+  static_assert(std::endian::native == std::endian::little);
+  std::array<uint8_t, 32> aPayload{};
+  std::memcpy(aPayload.data() + 4, &result.uResult, sizeof(result.uResult));
+  std::memcpy(aPayload.data() + 8, &result.u64DataId, sizeof(result.u64DataId));
+  uint64_t u64Act = 0;
+  return m_pContext->AsynSendEx(&result.sender, LOGCACHE_MSG_ASYNC_LOGCACHR_RESULT, aPayload.data(),
+                                static_cast<uint32_t>(aPayload.size()), nullptr, 0, &u64Act, kResultTimeoutMs);
 }
 
 void CServerLink::Announce() {

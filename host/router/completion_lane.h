@@ -22,8 +22,8 @@ struct SendItem {
   GUID dest{};
   uint32_t uMsgType = 0;
   std::string strData;
-  uint64_t u64Handle = 0;  // 0: the sender wants no completion
-  MonotonicMs i64Deadline = kNoDeadline;
+  uint64_t u64Handle = 0;                 // 0: the sender wants no completion
+  MonotonicMs i64Deadline = kNoDeadline;  // always that without a completion
 };
 
 struct BroadcastItem {

@@ -211,7 +211,10 @@ uint32_t CRouterCore::Send(const ContextState& state, const GUID& dest, uint32_t
     return kHostNoDestination;
   }
   const uint64_t u64Token = m_u64LastToken.fetch_add(1, std::memory_order_relaxed) + 1;
-  const MonotonicMs i64Deadline = CDeadlineTimer::Now() + (uTimeoutMs != 0 ? uTimeoutMs : kDefaultSendTimeoutMs);
+  // Without a completion nobody would learn that the send expired: it is delivered however late.
+  const MonotonicMs i64Deadline = pComplete != nullptr
+                                      ? CDeadlineTimer::Now() + (uTimeoutMs != 0 ? uTimeoutMs : kDefaultSendTimeoutMs)
+                                      : kNoDeadline;
   if (pu64Act != nullptr) {
     *pu64Act = u64Token;
   }

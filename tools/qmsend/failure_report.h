@@ -12,7 +12,7 @@
 
 class CFailureReport {
  public:
-  enum class Cause { Refused, TooLong, NoAnswer, NotSent };
+  enum class Cause { Refused, TooLong, ZeroByte, NoAnswer, NotSent };
 
   // fnLine prints a line; fnName names a source.
   CFailureReport(std::function<void(const std::string&)> fnLine, std::function<std::string(size_t)> fnName);
@@ -39,7 +39,7 @@ class CFailureReport {
   const std::function<void(const std::string&)> m_fnLine;
   const std::function<std::string(size_t)> m_fnName;
   Ranges m_mapRanges;  // by source and first record
-  uint64_t m_aCounts[4] = {};
+  uint64_t m_aCounts[5] = {};
   size_t m_uNamed = 0;
 };
 

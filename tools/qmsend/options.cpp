@@ -19,11 +19,16 @@ constexpr char kDescription[] =
     "Sends records to the plug-in host: one a line, from files or standard input.\n"
     "\n"
     "A record is the line's bytes without the newline; a last line without one counts too. Empty records are not\n"
-    "sent, only counted. What was not accepted is named on standard error.";
+    "sent, only counted. A record that holds a zero byte is not sent either, since the component would cut it there,\n"
+    "nor is one that is too long for the host: both count as not accepted. What was not accepted is named on standard\n"
+    "error.";
 
 constexpr char kFooter[] =
     "With --retry a record that is refused or whose answer is lost with the connection is sent again, for at most so\n"
     "many seconds. A record whose answer was lost may have been taken already and then arrives twice.\n"
+    "\n"
+    "The counts of --summary add up to the records read: accepted, refused (by the component), skipped (empty),\n"
+    "too_long and zero_byte (not sent), unanswered.\n"
     "\n"
     "Exit status: 0 every record was accepted, 1 some were not, 2 wrong usage or no connection.";
 
@@ -105,6 +110,8 @@ bool ParseOptions(int iCount, const char* const* ppszArguments, SendOptions& opt
       ->type_name("SECONDS")
       ->check(CLI::Range(0U, kLongestRetry).description(""));
   app.add_flag("--quiet", options.bQuiet, "No progress and no summary; what was not accepted is still named");
+  app.add_option("--summary", options.strSummary, "Write the final counts to this file, as lines of KEY VALUE")
+      ->type_name("FILE");
   app.add_option("files", options.vecFiles, "Files to read; '-' or none: standard input")->type_name("FILE");
 
   try {

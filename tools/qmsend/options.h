@@ -19,6 +19,7 @@ struct SendOptions {
   RecordMode mode = RecordMode::Lines;
   unsigned int uRetrySeconds = 0;
   bool bQuiet = false;
+  std::string strSummary;             // empty: no summary file
   std::vector<std::string> vecFiles;  // never empty
 };
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <string_view>
 #include <tuple>
+#include <utility>
 
 #include "host/protocol/sender_guid.h"
 
@@ -55,6 +56,10 @@ bool CSender::Prepare() {
   }
   strError = FindUnreadableFile(m_options.vecFiles);
   if (!strError.empty()) {
+    m_terminal.Line(strError);
+    return false;
+  }
+  if (!m_options.strSummary.empty() && !m_summary.Open(m_options.strSummary, strError)) {
     m_terminal.Line(strError);
     return false;
   }
@@ -164,6 +169,8 @@ void CSender::SendNew() {
           ++m_u64Skipped;
         } else if (record.bTooLong) {
           m_report.Add(m_pInput->Source(), record.u64Number, CFailureReport::Cause::TooLong, 0, record.svBytes, true);
+        } else if (record.svBytes.find('\0') != std::string_view::npos) {
+          m_report.Add(m_pInput->Source(), record.u64Number, CFailureReport::Cause::ZeroByte, 0, record.svBytes, false);
         } else {
           PendingRecord& pending = m_pInFlight->Take();
           pending.uSource = m_pInput->Source();
@@ -316,19 +323,41 @@ int CSender::Finish() {
       bUnread = true;
     }
   }
-  const uint64_t u64TooLong = m_report.Count(CFailureReport::Cause::TooLong);
-  const uint64_t u64NoAnswer = m_report.Count(CFailureReport::Cause::NoAnswer);
   if (!m_options.bQuiet) {
-    std::string strSummary = "accepted " + std::to_string(m_counts.u64Accepted) + ", refused " +
-                             std::to_string(m_counts.u64Refused) + ", skipped " + std::to_string(m_u64Skipped) +
-                             " (empty), ";
-    if (u64TooLong > 0) {
-      strSummary += "too long " + std::to_string(u64TooLong) + ", ";
-    }
-    if (u64NoAnswer > 0) {
-      strSummary += "without answer " + std::to_string(u64NoAnswer) + ", ";
-    }
-    m_terminal.Line(strSummary + RateText(m_counts.u64Accepted, Clock::now() - m_start));
+    PrintSummary();
   }
-  return m_report.Total() > 0 || bUnread || m_pInput->HadErrors() ? kExitSomeNotAccepted : kExitAllAccepted;
+  const bool bWritten = WriteSummary();
+  return m_report.Total() > 0 || bUnread || m_pInput->HadErrors() || !bWritten ? kExitSomeNotAccepted
+                                                                               : kExitAllAccepted;
+}
+
+void CSender::PrintSummary() {
+  std::string strSummary = "accepted " + std::to_string(m_counts.u64Accepted) + ", refused " +
+                           std::to_string(m_counts.u64Refused) + ", skipped " + std::to_string(m_u64Skipped) +
+                           " (empty), ";
+  constexpr std::pair<CFailureReport::Cause, const char*> kNamed[] = {
+      {CFailureReport::Cause::TooLong, "too long "},
+      {CFailureReport::Cause::ZeroByte, "with a zero byte "},
+      {CFailureReport::Cause::NoAnswer, "without answer "}};
+  for (const auto& [cause, pszText] : kNamed) {
+    if (m_report.Count(cause) > 0) {
+      strSummary += pszText + std::to_string(m_report.Count(cause)) + ", ";
+    }
+  }
+  m_terminal.Line(strSummary + RateText(m_counts.u64Accepted, Clock::now() - m_start));
+}
+
+bool CSender::WriteSummary() {
+  std::string strError;
+  if (m_summary.Write({{"accepted", m_counts.u64Accepted},
+                       {"refused", m_counts.u64Refused},
+                       {"skipped", m_u64Skipped},
+                       {"too_long", m_report.Count(CFailureReport::Cause::TooLong)},
+                       {"zero_byte", m_report.Count(CFailureReport::Cause::ZeroByte)},
+                       {"unanswered", m_report.Count(CFailureReport::Cause::NoAnswer)}},
+                      strError)) {
+    return true;
+  }
+  m_terminal.Line(strError);
+  return false;
 }

@@ -17,6 +17,7 @@
 #include "tools/qmsend/interrupt.h"
 #include "tools/qmsend/message_builder.h"
 #include "tools/qmsend/options.h"
+#include "tools/qmsend/summary_file.h"
 #include "tools/qmsend/terminal.h"
 
 class CSender {
@@ -47,10 +48,13 @@ class CSender {
   void Fail(PendingRecord& record, CFailureReport::Cause cause, uint32_t uStatus);
   void Wait(Clock::time_point now);
   int Finish();
+  void PrintSummary();
+  bool WriteSummary();
 
   const SendOptions& m_options;
   CInterrupt m_interrupt;
   CTerminal m_terminal;
+  CSummaryFile m_summary;
   CFailureReport m_report;
   CHostConnection m_connection;
   CMessageBuilder m_builder;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -191,6 +192,41 @@ TEST_F(HostConfigTest, ASocketPathThatDoesNotFitIsAProblem) {
   ExpectProblem("[plugin a]\n[ingress]\nsocket=" + strPath + "\n",
                 "F:3: socket: the path " + strPath + " is longer than the 107 bytes of a socket's name");
   EXPECT_EQ(Load("[plugin a]\n[ingress]\nsocket=" + strPath.substr(0, 107) + "\n"), std::vector<std::string>{});
+}
+
+TEST_F(HostConfigTest, ALogChannelKeepsTwoFilesAtLeast) {
+  ExpectProblem("[plugin a]\n[log]\nmax_files=1\n", "F:3: max_files: \"1\" is not between 2 and 1000");
+  EXPECT_EQ(Load("[plugin a]\n[log]\nmax_files=2\n"), std::vector<std::string>{});
+}
+
+TEST_F(HostConfigTest, ARecordFileThatIsNoFileIsAProblem) {
+  ExpectProblem("[plugin a]\n[link]\npath=lib\n", "F:3: path: " + Path("lib") + " is a directory");
+  ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
+  ExpectProblem("[plugin a]\n[link]\npath=fifo\n",
+                "F:3: path: " + Path("fifo") + " is there and is not a regular file");
+  std::ofstream(m_Prefix / "records") << "line\n";
+  ExpectProblem("[plugin a]\n[link]\npath=records/below\n", "F:3: path: " + Path("records") + " is not a directory");
+  EXPECT_EQ(Load("[plugin a]\n[link]\npath=records\n"), std::vector<std::string>{});
+  std::filesystem::create_directories(m_Prefix / "data" / "records.jsonl");
+  ExpectProblem("[plugin a]\n[link]\n", "F:2: the default of path: " + Path("data/records.jsonl") + " is a directory");
+}
+
+TEST_F(HostConfigTest, ASocketPathThatSomethingElseHoldsIsAProblem) {
+  ExpectProblem("[plugin a]\n[ingress]\nsocket=lib\n", "F:3: socket: " + Path("lib") + " is a directory");
+  std::ofstream(m_Prefix / "plain") << "text";
+  ExpectProblem("[plugin a]\n[ingress]\nsocket=plain\n",
+                "F:3: socket: " + Path("plain") + " is there and is not a socket");
+  ExpectProblem("[plugin a]\n[ingress]\nsocket=plain/sock\n", "F:3: socket: " + Path("plain") + " is not a directory");
+  ASSERT_EQ(mknod(Path("sock").c_str(), S_IFSOCK | 0600, 0), 0);
+  EXPECT_EQ(Load("[plugin a]\n[ingress]\nsocket=sock\n"), std::vector<std::string>{});
+}
+
+TEST_F(HostConfigTest, ADirectoryWhoseWayIsBarredByAFileIsAProblem) {
+  std::ofstream(m_Prefix / "plain") << "text";
+  EXPECT_EQ(Load("[plugin a]\n[host]\ndata_dir=plain\n[log]\ndir=plain/a/b\n"),
+            (std::vector<std::string>{"F:3: data_dir: " + Path("plain") + " is not a directory",
+                                      "F:5: dir: " + Path("plain") + " is not a directory"}));
+  EXPECT_EQ(Load("[plugin a]\n[host]\ndata_dir=lib/new/deeper\n[log]\ndir=lib\n"), std::vector<std::string>{});
 }
 
 TEST_F(HostConfigTest, AFileThatCannotBeReadIsOneProblem) {

@@ -6,13 +6,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <future>
 #include <thread>
 
+#include "tests/unit/host_ingress/descriptor_shortage.h"
 #include "tests/unit/host_ingress/ingress_fixture.h"
 
 namespace {
@@ -216,32 +217,43 @@ TEST_F(IngressLifecycleTest, AStopWhileProducersAndRepliesAreBusyEndsCleanly) {
 
 TEST_F(IngressLifecycleTest, GoesOnAcceptingAfterDescriptorsRanOut) {
   Serve();
-  rlimit old{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
-  rlimit low = old;
-  low.rlim_cur = std::min<rlim_t>(old.rlim_cur, 256);
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
-  std::vector<int> vecTaken;
-  for (int iDescriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC); iDescriptor >= 0;
-       iDescriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) {
-    vecTaken.push_back(iDescriptor);
-  }
-  ASSERT_FALSE(vecTaken.empty());
-  // One descriptor for the producer's side, none for the host's.
-  ::close(vecTaken.back());
-  vecTaken.pop_back();
+  g_descriptorShortage.uRefused = 0;
+  g_descriptorShortage.bOn = true;
   CTestProducer producer(Path(), false);
   std::string strHello;
   AppendHello(strHello);
   EXPECT_TRUE(producer.SendBytes(strHello));
-  EXPECT_FALSE(producer.HasInputWithin(300));
-  for (const int iDescriptor : vecTaken) {
-    ::close(iDescriptor);
+  const auto guard = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (g_descriptorShortage.uRefused < 2 && std::chrono::steady_clock::now() < guard) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+  EXPECT_GE(g_descriptorShortage.uRefused, 2U) << "refused, and tried again in vain";
+  EXPECT_FALSE(producer.HasInputWithin(0));
+  g_descriptorShortage.bOn = false;
   IngressWelcome welcome;
   const auto strFrame = producer.ReadFrame();
   EXPECT_TRUE(strFrame && ReadWelcome(*strFrame, welcome));
+}
+
+TEST_F(IngressLifecycleTest, LeavesDescriptorsToTheRestOfTheProcess) {
+  constexpr size_t kLeft = 64;
+  constexpr size_t kConnections = 3;
+  rlimit old{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+  rlimit low = old;
+  low.rlim_cur = kLeft + kConnections;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  Serve();
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+  std::vector<std::unique_ptr<CTestProducer>> vecProducers;
+  for (size_t i = 0; i < kConnections; ++i) {
+    vecProducers.push_back(std::make_unique<CTestProducer>(Path()));
+  }
+  EXPECT_TRUE(CTestProducer(Path(), false).ReadEnd());
+  for (const auto& pProducer : vecProducers) {
+    ASSERT_TRUE(pProducer->SendMessage(1, "x"));
+    EXPECT_EQ(pProducer->ReadAnswers(1).size(), 1U);
+  }
 }
 
 // The producer's socket is full and it reads nothing: the stop must not wait for it.

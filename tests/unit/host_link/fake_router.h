@@ -2,6 +2,8 @@
 #ifndef QMLOGCACHE_TESTS_UNIT_HOST_LINK_FAKE_ROUTER_H_
 #define QMLOGCACHE_TESTS_UNIT_HOST_LINK_FAKE_ROUTER_H_
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -64,6 +66,7 @@ class CFakeContext final : public IHostContext {
     char acText[64];
     snprintf(acText, sizeof(acText), "result %llx %x", static_cast<unsigned long long>(u64DataId), uResult);
     m_journal.emplace_back(acText);
+    m_noted.notify_all();
     return m_uSendStatus;
   }
   void SetRequestHandler(IRequestHandler* pHandler) override {
@@ -80,6 +83,17 @@ class CFakeContext final : public IHostContext {
     m_pReceiver->ReceiveCallback(sender, 20002, reinterpret_cast<const unsigned char*>(strText.data()),
                                  static_cast<unsigned int>(strText.size()), bWithHandle ? &m_iHandle : nullptr,
                                  m_pUserContext);
+  }
+  // As AsynSendEx answers from now on; any thread.
+  void AnswerSends(uint32_t uStatus) {
+    const std::lock_guard lock(m_mutex);
+    m_uSendStatus = uStatus;
+  }
+  // Until so many sends were made since the journal was last taken, which must hold nothing else. False when they do
+  // not come.
+  bool WaitForSends(size_t uCount) {
+    std::unique_lock lock(m_mutex);
+    return m_noted.wait_for(lock, std::chrono::seconds(60), [&] { return m_journal.size() >= uCount; });
   }
   FakeJournal TakeJournal() {
     const std::lock_guard lock(m_mutex);
@@ -101,6 +115,7 @@ class CFakeContext final : public IHostContext {
   int m_iHandle = 0;
 
   std::mutex m_mutex;  // guards the rest
+  std::condition_variable m_noted;
   FakeJournal m_journal;
   int64_t m_i64ReplyType = 0;
   void* m_pReplyHandle = nullptr;

@@ -150,6 +150,19 @@ TEST_F(FileDriverTest, KeepsTheFileForItsOwnerAlone) {
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
+TEST_F(FileDriverTest, TakesAFileThatIsThereFromOthers) {
+  for (const mode_t mode : {0644U, 0620U, 0602U}) {
+    WriteWhole(m_strPath, "{\"dataid\":\"f\"}\n");
+    ASSERT_EQ(chmod(m_strPath.c_str(), mode), 0);
+    ASSERT_TRUE(Start()) << m_strError;
+    m_pDriver->Stop();
+    struct stat status {};
+    ASSERT_EQ(stat(m_strPath.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    EXPECT_EQ(IdsOf(m_strPath), (Ids{"f"}));
+  }
+}
+
 TEST_F(FileDriverTest, SyncsBeforeItAnswersOnlyWhenAsked) {
   StartUp();
   Deliver(1);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <future>
@@ -323,6 +324,65 @@ TEST_F(ServerLinkTest, IgnoresAnOutcomeForARecordGivenBack) {
   EXPECT_EQ(Journal(), (FakeJournal{"deliver 1", "broadcast 1000"}));
   Events().OnOutcome(pRecord, 0);
   EXPECT_EQ(Journal(), (FakeJournal{"result 1 0"}));
+}
+
+TEST_F(ServerLinkTest, TriesAResultAgainUntilTheRouterHasMemoryForIt) {
+  StartUp();
+  Arrive(1);
+  Arrive(2);
+  const auto vecTaken = m_pDriver->TakeAll();
+  Journal();
+  Context().AnswerSends(kHostNoMemory);
+  Events().OnOutcome(vecTaken[0], 0);
+  Events().OnOutcome(vecTaken[1], 5);
+  ASSERT_TRUE(Context().WaitForSends(4));
+  Context().AnswerSends(kHostOk);
+  Journal();
+  ASSERT_TRUE(Context().WaitForSends(2));
+  EXPECT_EQ(Journal(), (FakeJournal{"result 1 0", "result 2 5"}));
+  m_pLink->Stop();
+  EXPECT_EQ(Journal(), (FakeJournal{"unreceive 20002", "driver stop", "handler removed", "uninitialize"}));
+}
+
+TEST_F(ServerLinkTest, TriesResultsThatAreLeftOnceMoreWhenItStops) {
+  StartUp();
+  Arrive(1);
+  const auto vecTaken = m_pDriver->TakeAll();
+  Journal();
+  m_pDriver->m_fnOnStop = [&] {
+    Context().AnswerSends(kHostNoMemory);
+    Events().OnOutcome(vecTaken[0], 0);
+  };
+  m_pLink->Stop();
+  const FakeJournal journal = Journal();
+  EXPECT_GE(std::count(journal.begin(), journal.end(), "result 1 0"), 2);
+  EXPECT_EQ(journal.back(), "uninitialize");
+}
+
+TEST_F(ServerLinkTest, AResultThatNobodyIsThereToTakeIsNotTriedAgain) {
+  for (const uint32_t uStatus : {kHostStopping, kHostNoDestination}) {
+    StartUp();
+    Arrive(1);
+    const auto vecTaken = m_pDriver->TakeAll();
+    Journal();
+    Context().AnswerSends(uStatus);
+    Events().OnOutcome(vecTaken[0], 0);
+    m_pLink->Stop();
+    const FakeJournal journal = Journal();
+    EXPECT_EQ(std::count(journal.begin(), journal.end(), "result 1 0"), 1);
+  }
+}
+
+TEST_F(ServerLinkTest, TellsHowManyRecordsItStillHeldWhenItStopped) {
+  StartUp();
+  Arrive(1);
+  Arrive(2);
+  Arrive(3);
+  Events().OnOutcome(m_pDriver->Taken()[0], 0);
+  EXPECT_EQ(m_pLink->GetCounts().u64HeldAtStop, 0U);
+  m_pLink->Stop();
+  EXPECT_EQ(m_pLink->GetCounts().u64HeldAtStop, 2U);
+  EXPECT_EQ(m_pLink->GetCounts().u64Held, 0U);
 }
 
 TEST_F(ServerLinkTest, AnswersWhatTheDriverSettlesWhileItStopsAndNothingLater) {

@@ -1,6 +1,7 @@
 // Directed sends, broadcasts and requests.
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -8,6 +9,10 @@
 
 #include "host/protocol/host_status.h"
 #include "tests/unit/host_router/router_fakes.h"
+
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/asan_interface.h>
+#endif
 
 namespace {
 
@@ -175,8 +180,7 @@ TEST_P(SendTest, ASendThatTimesOutInTheQueueIsNeverDelivered) {
   BlockLane();
   ASSERT_EQ(m_pDest->Receive(kRecordType, &m_Receiver, nullptr), kHostOk);
   ASSERT_EQ(Send(*m_pSender, kDestGuid, kRecordType, "late", &m_Completion, 1, nullptr, 1), kHostOk);
-  ASSERT_EQ(Send(*m_pSender, kDestGuid, kRecordType, "late", nullptr, 2, nullptr, 1), kHostOk);
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // both deadlines pass while the lane is occupied
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the deadline passes while the lane is occupied
   m_Release.Set();
   ASSERT_TRUE(m_Completion.WaitFor(1));
   EXPECT_EQ(static_cast<uint32_t>(m_Completion.Items()[0].iRet), kHostSendTimeout);
@@ -185,6 +189,16 @@ TEST_P(SendTest, ASendThatTimesOutInTheQueueIsNeverDelivered) {
   EXPECT_EQ(m_Receiver.Items()[0].strData, "marker");
   ASSERT_EQ(m_pSender->Uninitialize(), kHostOk);
   EXPECT_EQ(m_Completion.Count(), 1U);
+}
+
+TEST_P(SendTest, ASendWithoutACompletionNeverExpires) {
+  BlockLane();
+  ASSERT_EQ(m_pDest->Receive(kRecordType, &m_Receiver, nullptr), kHostOk);
+  ASSERT_EQ(Send(*m_pSender, kDestGuid, kRecordType, "late", nullptr, 0, nullptr, 1), kHostOk);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the time-out passes while the lane is occupied
+  m_Release.Set();
+  ASSERT_TRUE(m_Receiver.WaitFor(1));
+  EXPECT_EQ(m_Receiver.Items()[0].strData, "late");
 }
 
 TEST_P(SendTest, EverySendHasOneOutcomeWhenRepliesRaceWithTheTimeOut) {
@@ -424,14 +438,23 @@ TEST_P(SendTest, TakingTheRequestHandlerAwayWaitsForTheRequestInside) {
   EXPECT_EQ(Ask(*m_pSender, kDestGuid).uReturned, kHostNoDestination);
 }
 
+// A cancellation unwinds frames that AddressSanitizer's runtime is not told of: their guard zones stay on the stack, and
+// the runtime takes its own next use of that memory for an overflow. This takes the zones of the present calls away.
+void NoteThatCallsMayNotReturn() {
+#ifdef __SANITIZE_ADDRESS__
+  __asan_handle_no_return();
+#endif
+}
+
 // A thread that is cancelled inside a request, as the component does after a minute, leaves the router usable.
 TEST_P(SendTest, ACancelledThreadLeavesNoLockAndNoCallBehind) {
   CFakeRequests requests;
   CSignal inside;
   requests.fnThen = [&] {
     inside.Set();
+    NoteThatCallsMayNotReturn();
     while (true) {
-      std::this_thread::sleep_for(std::chrono::seconds(1));  // a cancellation point
+      ::pause();  // a cancellation point
     }
   };
   m_pDest->SetRequestHandler(&requests);

@@ -68,6 +68,14 @@ TEST_F(FailureReportTest, OtherStatusesAndSourcesAreOtherRanges) {
   EXPECT_EQ(m_vecLines[2], "file1:3: no answer, it may have been taken or not");
 }
 
+TEST_F(FailureReportTest, ARecordWithAZeroByteIsNamedAndCounted) {
+  m_report.Add(0, 7, Cause::ZeroByte, 0, std::string_view("a\0b", 3), false);
+  ASSERT_EQ(m_vecLines.size(), 1U);
+  EXPECT_EQ(m_vecLines[0], "file0:7: not sent, it holds a zero byte, where the component would cut it: \"a\\x00b\"");
+  EXPECT_EQ(m_report.Count(Cause::ZeroByte), 1U);
+  EXPECT_EQ(m_report.Total(), 1U);
+}
+
 TEST_F(FailureReportTest, EveryRecordIsNamedHoweverScattered) {
   NameAHundred();
   constexpr uint64_t kCount = 20000;

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "host/protocol/host_status.h"
@@ -54,6 +55,11 @@ class QmsendTest : public IngressTest {
     m_pServer.reset();
   }
 };
+
+std::string ReadFile(const std::string& strPath) {
+  std::ifstream file(strPath, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
 
 bool Has(const std::string& strText, const std::string& strPart) {
   return strText.find(strPart) != std::string::npos;
@@ -140,6 +146,67 @@ TEST_F(QmsendTest, NamesALineThatIsTooLongAndSendsTheOthers) {
   EXPECT_EQ(Payloads(), (std::vector<std::string>{"a", strLongest, "b"}));
   EXPECT_TRUE(Has(result.strErrors, "stdin:2: not sent, longer than the host takes: \"lll")) << result.strErrors;
   EXPECT_TRUE(Has(result.strErrors, "too long 1")) << result.strErrors;
+}
+
+TEST_F(QmsendTest, NamesRecordsWithAZeroByteAndSendsTheOthers) {
+  Serve();
+  const ProgramResult result = Run({}, std::string("a\nb\0c\nd\n\0\n", 10));
+  EXPECT_EQ(result.iExitCode, 1);
+  EXPECT_EQ(Payloads(), (std::vector<std::string>{"a", "d"}));
+  const std::string strWhy = ": not sent, it holds a zero byte, where the component would cut it: ";
+  EXPECT_TRUE(Has(result.strErrors, "stdin:2" + strWhy + "\"b\\x00c\"")) << result.strErrors;
+  EXPECT_TRUE(Has(result.strErrors, "stdin:4" + strWhy + "\"\\x00\"")) << result.strErrors;
+  EXPECT_TRUE(Has(result.strErrors, "accepted 2, refused 0, skipped 0 (empty), with a zero byte 2,"))
+      << result.strErrors;
+}
+
+TEST_F(QmsendTest, AWholeFileOrACombinedRecordWithAZeroByteIsNotSent) {
+  Serve();
+  EXPECT_EQ(Run({"--whole-file", WriteFile("a", std::string("x\0", 2)), WriteFile("b", "z")}).iExitCode, 1);
+  EXPECT_EQ(Payloads(), std::vector<std::string>{"z"});
+  m_pRouter->Clear();
+  EXPECT_EQ(Run({"--product", "p", "--quiet"}, std::string("\0x\n", 3)).iExitCode, 1);
+  EXPECT_EQ(Payloads(), std::vector<std::string>{});
+}
+
+TEST_F(QmsendTest, TheSummaryFileCountsEveryRecordRead) {
+  m_options.uMaxFrame = 1000;
+  Serve([](const Delivery& delivery) {
+    delivery.Reply(delivery.strPayload == "bad" ? 0xA0010014 : 0);
+    return 0U;
+  });
+  const std::string strSummary = WriteFile("summary", "something older and longer than what comes\n");
+  const std::string strInput = "good\nbad\n\n\n" + std::string("z\0\n", 3) + std::string(2000, 'l') + "\ngood\ngood";
+  const ProgramResult result = Run({"--quiet", "--summary", strSummary}, strInput);
+  EXPECT_EQ(result.iExitCode, 1);
+  EXPECT_EQ(ReadFile(strSummary), "accepted 3\nrefused 1\nskipped 2\ntoo_long 1\nzero_byte 1\nunanswered 0\n");
+}
+
+TEST_F(QmsendTest, TheSummaryFileCountsRecordsWithoutAnswer) {
+  Serve([](const Delivery&) { return 0U; });
+  const int iInput = ::open(WriteFile("stdin", "a\nb\n").c_str(), O_RDONLY | O_CLOEXEC);
+  const std::string strSummary = m_strDirectory + "/summary";
+  CProgram program(m_strDirectory, CommandLine({"--summary", strSummary}), iInput);
+  ::close(iInput);
+  ASSERT_TRUE(m_pRouter->WaitForCount(2));
+  StopServer();
+  EXPECT_EQ(program.Wait().iExitCode, 1);
+  EXPECT_EQ(ReadFile(strSummary), "accepted 0\nrefused 0\nskipped 0\ntoo_long 0\nzero_byte 0\nunanswered 2\n");
+}
+
+TEST_F(QmsendTest, ASummaryFileThatCannotBeMadeStopsItBeforeAnythingIsSent) {
+  Serve();
+  const ProgramResult result = Run({"--summary", m_strDirectory + "/no/such"}, "x\n");
+  EXPECT_EQ(result.iExitCode, 2);
+  EXPECT_TRUE(Has(result.strErrors, "/no/such: cannot write the summary: No such file")) << result.strErrors;
+  EXPECT_EQ(Payloads(), std::vector<std::string>{});
+}
+
+TEST_F(QmsendTest, ASummaryThatCannotBeWrittenIsAnError) {
+  Serve();
+  const ProgramResult result = Run({"--summary", "/dev/full"}, "x\n");
+  EXPECT_EQ(result.iExitCode, 1);
+  EXPECT_TRUE(Has(result.strErrors, "/dev/full: cannot write the summary: No space left")) << result.strErrors;
 }
 
 TEST_F(QmsendTest, ARefusedRecordIsSentAgainUnderRetry) {

@@ -1,0 +1,93 @@
+// The configuration file that is installed.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "host/config/host_config.h"
+
+namespace {
+
+class ShippedConfigTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string strPattern = (std::filesystem::temp_directory_path() / "shipped_config_test.XXXXXX").string();
+    ASSERT_NE(mkdtemp(strPattern.data()), nullptr);
+    m_Prefix = strPattern;
+    std::filesystem::create_directory(m_Prefix / "lib");
+    std::ofstream(m_Prefix / "lib" / "libqmlogcache.so") << "library";
+    std::ifstream shipped(SHIPPED_CONFIG_PATH);
+    std::ofstream uncommented(UncommentedPath());
+    std::string strLine;
+    while (std::getline(shipped, strLine)) {
+      // A comment has a blank behind its semicolon, a key has none.
+      const bool bKey = strLine.size() > 1 && strLine[0] == ';' && std::islower(static_cast<unsigned char>(strLine[1]));
+      uncommented << strLine.substr(bKey ? 1 : 0) << '\n';
+      m_uKeys += bKey ? 1 : 0;
+    }
+  }
+  void TearDown() override { std::filesystem::remove_all(m_Prefix); }
+
+  std::string UncommentedPath() const { return (m_Prefix / "uncommented.conf").string(); }
+
+  // Every field in words.
+  std::string Load(const std::string& strFile) const {
+    HostConfig config;
+    for (const ConfigProblem& problem : LoadHostConfig(strFile, m_Prefix.string(), config)) {
+      ADD_FAILURE() << FormatProblem(strFile, problem);
+    }
+    std::ostringstream text;
+    text << config.strDataDir << '\n'
+         << config.strLogDir << '\n'
+         << config.uLogLevels << ' ' << config.u64LogMaxFileSize << ' ' << config.uLogMaxFiles << '\n'
+         << config.iStorageSync << '\n'
+         << config.router.uCompletionThreads << ' ' << config.router.uReplyTimeoutMs << '\n'
+         << config.ingress.strSocketPath << '\n';
+    for (const uid_t uidUser : config.ingress.vecAllowedUsers) {
+      text << "user " << uidUser << '\n';
+    }
+    text << config.ingress.uMaxFrame << ' ' << config.ingress.uWindow << ' ' << config.ingress.uStallTimeoutMs << ' '
+         << config.ingress.uMaxConnections << ' ' << config.ingress.uThreads << '\n'
+         << config.fileDriver.strPath << ' ' << config.fileDriver.bSync << '\n';
+    for (const PluginSpec& plugin : config.vecPlugins) {
+      text << plugin.strName << ' ' << plugin.strPath << ' ' << plugin.strGuid << '\n';
+    }
+    return text.str();
+  }
+
+  std::filesystem::path m_Prefix;
+  size_t m_uKeys = 0;
+};
+
+TEST_F(ShippedConfigTest, SetsNothingItself) {
+  std::vector<ConfigProblem> vecProblems;
+  EXPECT_TRUE(ReadConfigText(SHIPPED_CONFIG_PATH, vecProblems).vecEntries.empty());
+  EXPECT_TRUE(vecProblems.empty());
+}
+
+TEST_F(ShippedConfigTest, HoldsEveryKeyThereIsOnceWithItsDefault) {
+  std::vector<ConfigProblem> vecProblems;
+  std::vector<std::string> vecShipped;
+  for (const ConfigEntry& entry : ReadConfigText(UncommentedPath(), vecProblems).vecEntries) {
+    const bool bPlugin = entry.strSection == "plugin logcache";
+    vecShipped.push_back((bPlugin ? "plugin" : entry.strSection) + "/" + entry.strKey + " = " + entry.strValue);
+  }
+  std::vector<std::string> vecTable;
+  for (const HostConfigKey& key : HostConfigKeys()) {
+    vecTable.push_back(key.strSection + "/" + key.strKey + " = " + key.strDefault);
+  }
+  EXPECT_EQ(vecShipped, vecTable);
+  EXPECT_EQ(m_uKeys, vecTable.size());
+  EXPECT_TRUE(vecProblems.empty());
+}
+
+TEST_F(ShippedConfigTest, MeansTheSameWithEveryKeyUncommented) {
+  EXPECT_EQ(Load(UncommentedPath()), Load(SHIPPED_CONFIG_PATH));
+}
+
+}  // namespace
