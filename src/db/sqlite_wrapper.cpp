@@ -1,0 +1,178 @@
+#include "db/sqlite_wrapper.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <climits>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "platform/storage_sync.h"
+
+namespace {
+
+constexpr std::array<const char*, 3> kSideFiles = {"-journal", "-wal", "-shm"};
+
+// The path with its directory's symbolic links resolved, so that SQLite may be told to follow none. The last component
+// is kept as it is. Empty when the directory is not there.
+std::string ResolveDirectory(const char* pszPath) {
+  const std::string strPath(pszPath);
+  const size_t uSlash = strPath.rfind('/');
+  const std::string strDirectory = uSlash == std::string::npos ? "." : strPath.substr(0, uSlash + 1);
+  const std::string strName = uSlash == std::string::npos ? strPath : strPath.substr(uSlash + 1);
+  const std::unique_ptr<char, decltype(&free)> pResolved(realpath(strDirectory.c_str(), nullptr), &free);
+  if (pResolved == nullptr || strName.empty()) {
+    return {};
+  }
+  return std::string(pResolved.get()) + "/" + strName;
+}
+
+bool IsRegularFile(const char* pszPath, struct stat& info) {
+  return lstat(pszPath, &info) == 0 && S_ISREG(info.st_mode);
+}
+
+// Runs after each commit. The transaction is done, so its result must not change with the checkpoint's.
+int TruncateLongLog(void* /*pArg*/, sqlite3* pDb, const char* pszDatabase, int iFrames) {
+  if (iFrames >= kCheckpointFrames) {
+    static_cast<void>(sqlite3_wal_checkpoint_v2(pDb, pszDatabase, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr));
+  }
+  return SQLITE_OK;
+}
+
+void RestrictSchema(sqlite3* pDb) {
+  sqlite3_db_config(pDb, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  sqlite3_db_config(pDb, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  sqlite3_db_config(pDb, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+  sqlite3_db_config(pDb, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+  sqlite3_db_config(pDb, SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0, nullptr);
+}
+
+int OpenConnection(const std::string& strPath, sqlite3** ppDb) {
+  // One thread uses a connection, from open to close.
+  constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_PRIVATECACHE;
+  const int iRet = sqlite3_open_v2(strPath.c_str(), ppDb, kFlags, nullptr);
+  if (iRet == SQLITE_OK) {
+    sqlite3_busy_timeout(*ppDb, kBusyTimeoutMs);
+    RestrictSchema(*ppDb);
+  }
+  return iRet;
+}
+
+// Lets SQLite read the header, and moves a file that has only just been created to the write-ahead log.
+int UseWriteAheadLog(sqlite3* pDb) {
+  int iPersist = 1;
+  sqlite3_file_control(pDb, nullptr, SQLITE_FCNTL_PERSIST_WAL, &iPersist);
+  sqlite3_db_config(pDb, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  sqlite3_wal_hook(pDb, TruncateLongLog, nullptr);
+  constexpr int kSyncFull = 2;
+  const char* pszPragmas = QmGetStorageSync() >= kSyncFull
+                               ? "PRAGMA synchronous=EXTRA;PRAGMA journal_mode=WAL;PRAGMA synchronous=FULL;"
+                                 "PRAGMA temp_store=MEMORY;"
+                               : "PRAGMA synchronous=EXTRA;PRAGMA journal_mode=WAL;PRAGMA synchronous=NORMAL;"
+                                 "PRAGMA temp_store=MEMORY;";
+  const int iRet = sqlite3_exec(pDb, pszPragmas, nullptr, nullptr, nullptr);
+  // Somebody else has the file open for good: stay with the rollback journal this time, at full strength.
+  return iRet == SQLITE_BUSY || iRet == SQLITE_LOCKED
+             ? sqlite3_exec(pDb, "PRAGMA synchronous=EXTRA;", nullptr, nullptr, nullptr)
+             : iRet;
+}
+
+}  // namespace
+
+bool IsCutShort(const char* pszPath) {
+  struct stat info {};
+  return IsRegularFile(pszPath, info) && info.st_size == 0;
+}
+
+int sqlite3_opendb(const char* pszPath, sqlite3** ppDb) {
+  *ppDb = nullptr;
+  struct stat info {};
+  if (!IsRegularFile(pszPath, info)) {
+    return SQLITE_CANTOPEN;
+  }
+  const std::string strPath = ResolveDirectory(pszPath);
+  if (strPath.empty()) {
+    return SQLITE_CANTOPEN;
+  }
+  const int iRet = OpenConnection(strPath, ppDb);
+  return iRet == SQLITE_OK ? UseWriteAheadLog(*ppDb) : iRet;
+}
+
+int sqlite3_createdb(const char* pszPath, sqlite3** ppDb) {
+  *ppDb = nullptr;
+  const std::string strPath = ResolveDirectory(pszPath);
+  if (strPath.empty()) {
+    return SQLITE_CANTOPEN;
+  }
+  // What an earlier file left beside it must not be taken for this one's.
+  RemoveSideFiles(strPath.c_str());
+  constexpr mode_t kOwnerOnly = 0600;
+  const int iFile = open(strPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
+  struct stat info {};
+  if (iFile >= 0) {
+    close(iFile);
+  } else if (!IsRegularFile(strPath.c_str(), info) || info.st_size != 0) {
+    return SQLITE_CANTOPEN;
+  }
+  const int iRet = OpenConnection(strPath, ppDb);
+  return iRet == SQLITE_OK ? sqlite3_exec(*ppDb, "PRAGMA synchronous=EXTRA;", nullptr, nullptr, nullptr) : iRet;
+}
+
+int sqlite3_closedb(sqlite3* pDb) {
+  return sqlite3_close(pDb);
+}
+
+int sqlite3_exec_sql(const char* pszSql, sqlite3* pDb) {
+  return sqlite3_exec(pDb, pszSql, nullptr, nullptr, nullptr);
+}
+
+int sqlite3_exec_sql2(const char* pszSql, sqlite3* pDb, int (*pfnCallback)(void*, int, char**, char**), void* pArg) {
+  return sqlite3_exec(pDb, pszSql, pfnCallback, pArg, nullptr);
+}
+
+int wrap_sqlite3_prepare(sqlite3* pDb, const char* pszSql, int nByte, sqlite3_stmt** ppStmt, const char** ppszTail) {
+  return sqlite3_prepare_v2(pDb, pszSql, nByte, ppStmt, ppszTail);
+}
+
+int wrap_sqlite3_step(sqlite3_stmt* pStmt) {
+  return sqlite3_step(pStmt);
+}
+
+const char* wrap_sqlite3_column_text(sqlite3_stmt* pStmt, int iCol) {
+  return reinterpret_cast<const char*>(sqlite3_column_text(pStmt, iCol));
+}
+
+int wrap_sqlite3_finalize(sqlite3_stmt* pStmt) {
+  return sqlite3_finalize(pStmt);
+}
+
+void RemoveSideFiles(const char* pszPath) {
+  for (const char* pszSuffix : kSideFiles) {
+    unlink((std::string(pszPath) + pszSuffix).c_str());
+  }
+}
+
+void CheckpointOpenFile(sqlite3* pDb) {
+  static_cast<void>(sqlite3_wal_checkpoint_v2(pDb, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr));
+}
+
+void CheckpointIntoFile(const char* pszPath) {
+  struct stat info {};
+  if (!IsRegularFile(pszPath, info) || !IsRegularFile((std::string(pszPath) + "-wal").c_str(), info) ||
+      info.st_size == 0) {
+    return;
+  }
+  const std::string strPath = ResolveDirectory(pszPath);
+  sqlite3* pDb = nullptr;
+  // Not by way of sqlite3_opendb: that may write to the file, and what is backed up is to be what was there. The log is
+  // opened by the first read.
+  if (!strPath.empty() && OpenConnection(strPath, &pDb) == SQLITE_OK &&
+      sqlite3_exec(pDb, "PRAGMA schema_version;", nullptr, nullptr, nullptr) == SQLITE_OK) {
+    CheckpointOpenFile(pDb);
+  }
+  sqlite3_close(pDb);
+}

@@ -1,0 +1,35 @@
+// Functions below the storage layers that delegate, and tell or fail on request: sqlite3_exec, sqlite3_close,
+// base64Encode, statvfs and QmGetModuleFilePath are defined in the test executable.
+//
+// All functions may be called from any thread; hooks run without a lock.
+#ifndef QMLOGCACHE_TESTS_SUPPORT_STORAGE_FAULTS_H_
+#define QMLOGCACHE_TESTS_SUPPORT_STORAGE_FAULTS_H_
+
+#include <sys/statvfs.h>
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class CStorageFaults {
+ public:
+  // Back to plain delegation; forgets the statements.
+  static void Reset();
+
+  // The texts handed to sqlite3_exec since Reset that begin so.
+  static std::vector<std::string> Statements(std::string_view svBeginning);
+  // Called before each sqlite3_exec with its text; a non-zero answer is the call's result, and nothing is run.
+  static void SetExecHook(std::function<int(std::string_view svSql)> hook);
+  // sqlite3_close throws after it has closed.
+  static void ThrowOnClose(bool bThrow);
+  // Encoding gives null where the hook says true.
+  static void SetEncodeHook(std::function<bool(std::string_view svData)> hook);
+  // What statvfs answers, and whether it fails. Empty: the real one.
+  static void SetStatvfs(std::function<int(const char* pszPath, struct statvfs* pStat)> hook);
+  // The directory that the running program seems to lie in. With an error number the question fails instead.
+  static void SetModulePath(const std::string& strPath);
+  static void FailModulePath(int iErrno);
+};
+
+#endif  // QMLOGCACHE_TESTS_SUPPORT_STORAGE_FAULTS_H_
