@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "host/install_tree.h"
 #include "platform/log.h"
 #include "platform/storage_sync.h"
 
@@ -34,7 +35,8 @@ void RaiseDescriptorLimit() {
 
 }  // namespace
 
-CHost::CHost(HostConfig config) : m_Config(std::move(config)), m_DataDir(m_Config.strDataDir) {}
+CHost::CHost(HostConfig config, std::string strPrefix)
+    : m_Config(std::move(config)), m_strPrefix(std::move(strPrefix)), m_DataDir(m_Config.strDataDir) {}
 
 CHost::~CHost() {
   Stop();
@@ -92,6 +94,11 @@ bool CHost::Prepare() {
   if (QmSetStorageSync(m_Config.iStorageSync) != 0) {
     Fail("the storage setting was refused");
     return false;
+  }
+  // A prefix that cannot be written is no reason to stay away: all that is needed may be configured elsewhere.
+  const std::string strMissing = MakeInstallTree(m_strPrefix);
+  if (!strMissing.empty()) {
+    LogPrint(m_hLog, kLogWarning, "*qmhost the installation is incomplete: %s", strMissing.c_str());
   }
   return true;
 }

@@ -20,7 +20,8 @@ inline constexpr int kExitBadConfig = 2;  // the command line or the configurati
 
 class CHost {
  public:
-  explicit CHost(HostConfig config);
+  // strPrefix: the installation, the parent of the directory of this program.
+  CHost(HostConfig config, std::string strPrefix);
   ~CHost();
   CHost(const CHost&) = delete;
   CHost& operator=(const CHost&) = delete;
@@ -37,6 +38,7 @@ class CHost {
   void Fail(const std::vector<std::string>& vecReasons);
 
   const HostConfig m_Config;
+  const std::string m_strPrefix;
   CSignalThread m_Signals;
   CDataDir m_DataDir;
   void* m_hLog = nullptr;

@@ -13,11 +13,11 @@
 
 namespace {
 
-// The parent of the directory of this executable.
+// The parent of the directory of this executable; empty when the system does not tell.
 std::string InstallationPrefix() {
   std::array<char, 4096> arrDirectory{};
   if (QmGetModuleFilePath(arrDirectory.data(), static_cast<unsigned int>(arrDirectory.size())) != 0) {
-    return "/";
+    return {};
   }
   return std::filesystem::path(arrDirectory.data()).parent_path().string();
 }
@@ -39,8 +39,13 @@ int RunMain(int iArguments, char** ppszArguments) {
     return app.exit(error) == 0 ? kExitOk : kExitBadConfig;
   }
 
+  const std::string strPrefix = InstallationPrefix();
+  if (strPrefix.empty()) {
+    std::fprintf(stderr, "qmhost: cannot tell in which directory this program is\n");
+    return kExitFailed;
+  }
   HostConfig config;
-  const std::vector<ConfigProblem> vecProblems = LoadHostConfig(strFile, InstallationPrefix(), config);
+  const std::vector<ConfigProblem> vecProblems = LoadHostConfig(strFile, strPrefix, config);
   for (const ConfigProblem& problem : vecProblems) {
     std::fprintf(stderr, "%s\n", FormatProblem(strFile, problem).c_str());
   }
@@ -51,7 +56,7 @@ int RunMain(int iArguments, char** ppszArguments) {
     std::printf("%s: OK\n", strFile.c_str());
     return kExitOk;
   }
-  CHost host(std::move(config));
+  CHost host(std::move(config), strPrefix);
   return host.Run();
 }
 

@@ -47,6 +47,16 @@ bool ReadWhole(const std::string& strFile, std::string& strText, std::string& st
   return strWhy.empty();
 }
 
+// White space and ; begin a comment, also before the ']' of a header.
+bool HoldsComment(std::string_view svText) {
+  for (size_t uAt = svText.find(';'); uAt != std::string_view::npos; uAt = svText.find(';', uAt + 1)) {
+    if (uAt > 0 && kSpace.find(svText[uAt - 1]) != std::string_view::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // Empty when the line is well formed.
 std::string ScanLine(std::string_view svLine, int iLine, ConfigText& text) {
   if (svLine.size() > kLongestLine) {
@@ -56,16 +66,17 @@ std::string ScanLine(std::string_view svLine, int iLine, ConfigText& text) {
     return "line with a zero byte";
   }
   constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  svLine.remove_prefix(std::min(svLine.find_first_not_of(kSpace), svLine.size()));
   if (iLine == 1 && svLine.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
     svLine.remove_prefix(kByteOrderMark.size());
+    svLine.remove_prefix(std::min(svLine.find_first_not_of(kSpace), svLine.size()));
   }
-  svLine.remove_prefix(std::min(svLine.find_first_not_of(kSpace), svLine.size()));
   if (svLine.empty() || svLine[0] == ';' || svLine[0] == '#') {
     return {};
   }
   if (svLine[0] == '[') {
     const size_t uEnd = svLine.find(']');
-    if (uEnd == std::string_view::npos) {
+    if (uEnd == std::string_view::npos || HoldsComment(svLine.substr(0, uEnd))) {
       return "section header without ']'; the lines under it are not read";
     }
     if (uEnd - 1 > kLongestSection) {

@@ -29,7 +29,8 @@ CPString CLogCacheFile::GetLogCacheFile() const {
 }
 
 int CLogCacheFile::WriteWithRepair(const std::function<int(int iDataType)>& write) {
-  if (write(kDataPlain) == kStatusOk) {
+  const int iFirst = write(kDataPlain);
+  if (iFirst == kStatusOk) {
     return kStatusOk;
   }
   const int iRet = write(kDataBase64);
@@ -38,7 +39,8 @@ int CLogCacheFile::WriteWithRepair(const std::function<int(int iDataType)>& writ
   }
   switch (m_db.ExamineDbFile(m_strLogCacheFile)) {
     case DbCheck::Sound:
-      return kStatusOk;  // refused twice by a sound file: dropped; meant
+      // Refused twice by a sound file: dropped; meant. Want of memory is no refusal.
+      return iFirst == kStatusInsertThrew || iRet == kStatusInsertThrew ? kStatusInsertThrew : kStatusOk;
     case DbCheck::Unknown:
       return iRet;
     case DbCheck::Damaged:

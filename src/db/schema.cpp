@@ -26,6 +26,7 @@ bool IsEvidenceOfDamage(int iSqliteCode) {
 // Opens or creates. iRet: the failing wrapper's result, 0 when none failed.
 sqlite3* OpenDbFile(const CPString& strFile, int& iRet) {
   sqlite3* pHandle = nullptr;
+  RollBackJournal(strFile.c_str());
   if (QmIsFileExisted(strFile.c_str()) != 0 && !IsCutShort(strFile.c_str())) {
     iRet = sqlite3_opendb(strFile.c_str(), &pHandle);
     if (iRet == SQLITE_OK) {

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "db/wal_vfs.h"
 #include "platform/storage_sync.h"
 
 namespace {
@@ -35,10 +36,18 @@ bool IsRegularFile(const char* pszPath, struct stat& info) {
   return lstat(pszPath, &info) == 0 && S_ISREG(info.st_mode);
 }
 
-// Runs after each commit. The transaction is done, so its result must not change with the checkpoint's.
+// As much as readers allow. They are not waited for: one may keep its transaction open for hours.
+void CheckpointWithoutWaiting(sqlite3* pDb, const char* pszDatabase) {
+  sqlite3_busy_timeout(pDb, 0);
+  static_cast<void>(sqlite3_wal_checkpoint_v2(pDb, pszDatabase, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr));
+  sqlite3_busy_timeout(pDb, kBusyTimeoutMs);
+}
+
+// Runs after each commit. The transaction is done, so its result must not change with the checkpoint's; what a reader
+// holds back is tried again by the next commit.
 int TruncateLongLog(void* /*pArg*/, sqlite3* pDb, const char* pszDatabase, int iFrames) {
   if (iFrames >= kCheckpointFrames) {
-    static_cast<void>(sqlite3_wal_checkpoint_v2(pDb, pszDatabase, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr));
+    CheckpointWithoutWaiting(pDb, pszDatabase);
   }
   return SQLITE_OK;
 }
@@ -54,7 +63,7 @@ void RestrictSchema(sqlite3* pDb) {
 int OpenConnection(const std::string& strPath, sqlite3** ppDb) {
   // One thread uses a connection, from open to close.
   constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_PRIVATECACHE;
-  const int iRet = sqlite3_open_v2(strPath.c_str(), ppDb, kFlags, nullptr);
+  const int iRet = sqlite3_open_v2(strPath.c_str(), ppDb, kFlags, WalVfsName());
   if (iRet == SQLITE_OK) {
     sqlite3_busy_timeout(*ppDb, kBusyTimeoutMs);
     RestrictSchema(*ppDb);
@@ -62,23 +71,41 @@ int OpenConnection(const std::string& strPath, sqlite3** ppDb) {
   return iRet;
 }
 
-// Lets SQLite read the header, and moves a file that has only just been created to the write-ahead log.
+// Whether the file's header says that it is written by way of a write-ahead log.
+bool UsesWriteAheadLog(sqlite3* pDb) {
+  constexpr int kVersions = 18;  // offset of the two bytes that tell how to write and how to read the file
+  constexpr unsigned char kWal = 2;
+  sqlite3_file* pFile = nullptr;
+  std::array<unsigned char, 2> versions{};
+  return sqlite3_file_control(pDb, nullptr, SQLITE_FCNTL_FILE_POINTER, static_cast<void*>(&pFile)) == SQLITE_OK &&
+         pFile != nullptr && pFile->pMethods != nullptr &&
+         pFile->pMethods->xRead(pFile, versions.data(), static_cast<int>(versions.size()), kVersions) == SQLITE_OK &&
+         versions[0] == kWal && versions[1] == kWal;
+}
+
+int Pragma(sqlite3* pDb, const char* pszPragma) {
+  return sqlite3_exec(pDb, pszPragma, nullptr, nullptr, nullptr);
+}
+
+// Moves a file that has only just been created to the write-ahead log, and sets what a commit is worth.
 int UseWriteAheadLog(sqlite3* pDb) {
   int iPersist = 1;
   sqlite3_file_control(pDb, nullptr, SQLITE_FCNTL_PERSIST_WAL, &iPersist);
   sqlite3_db_config(pDb, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   sqlite3_wal_hook(pDb, TruncateLongLog, nullptr);
+  if (!UsesWriteAheadLog(pDb)) {
+    const int iRet = Pragma(pDb, "PRAGMA synchronous=EXTRA;PRAGMA journal_mode=WAL;");
+    if (iRet == SQLITE_BUSY || iRet == SQLITE_LOCKED) {
+      // Somebody else has the file open for good: stay with the rollback journal this time, at full strength.
+      return SQLITE_OK;
+    }
+    if (iRet != SQLITE_OK) {
+      return iRet;
+    }
+  }
+  // EXTRA is FULL for a write-ahead log, and still EXTRA should an operator put the file back to a rollback journal.
   constexpr int kSyncFull = 2;
-  const char* pszPragmas = QmGetStorageSync() >= kSyncFull
-                               ? "PRAGMA synchronous=EXTRA;PRAGMA journal_mode=WAL;PRAGMA synchronous=FULL;"
-                                 "PRAGMA temp_store=MEMORY;"
-                               : "PRAGMA synchronous=EXTRA;PRAGMA journal_mode=WAL;PRAGMA synchronous=NORMAL;"
-                                 "PRAGMA temp_store=MEMORY;";
-  const int iRet = sqlite3_exec(pDb, pszPragmas, nullptr, nullptr, nullptr);
-  // Somebody else has the file open for good: stay with the rollback journal this time, at full strength.
-  return iRet == SQLITE_BUSY || iRet == SQLITE_LOCKED
-             ? sqlite3_exec(pDb, "PRAGMA synchronous=EXTRA;", nullptr, nullptr, nullptr)
-             : iRet;
+  return Pragma(pDb, QmGetStorageSync() >= kSyncFull ? "PRAGMA synchronous=EXTRA;" : "PRAGMA synchronous=NORMAL;");
 }
 
 }  // namespace
@@ -119,7 +146,7 @@ int sqlite3_createdb(const char* pszPath, sqlite3** ppDb) {
     return SQLITE_CANTOPEN;
   }
   const int iRet = OpenConnection(strPath, ppDb);
-  return iRet == SQLITE_OK ? sqlite3_exec(*ppDb, "PRAGMA synchronous=EXTRA;", nullptr, nullptr, nullptr) : iRet;
+  return iRet == SQLITE_OK ? Pragma(*ppDb, "PRAGMA synchronous=EXTRA;") : iRet;
 }
 
 int sqlite3_closedb(sqlite3* pDb) {
@@ -157,7 +184,21 @@ void RemoveSideFiles(const char* pszPath) {
 }
 
 void CheckpointOpenFile(sqlite3* pDb) {
-  static_cast<void>(sqlite3_wal_checkpoint_v2(pDb, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr));
+  CheckpointWithoutWaiting(pDb, nullptr);
+}
+
+void RollBackJournal(const char* pszPath) {
+  struct stat info {};
+  if (!IsRegularFile(pszPath, info) || !IsRegularFile((std::string(pszPath) + "-journal").c_str(), info)) {
+    return;
+  }
+  const std::string strPath = ResolveDirectory(pszPath);
+  sqlite3* pDb = nullptr;
+  // Any read does it. Whatever fails here fails again where the file is opened for its work, and is told there.
+  if (!strPath.empty() && OpenConnection(strPath, &pDb) == SQLITE_OK) {
+    static_cast<void>(Pragma(pDb, "PRAGMA schema_version;"));
+  }
+  sqlite3_close(pDb);
 }
 
 void CheckpointIntoFile(const char* pszPath) {
@@ -172,7 +213,8 @@ void CheckpointIntoFile(const char* pszPath) {
   // opened by the first read.
   if (!strPath.empty() && OpenConnection(strPath, &pDb) == SQLITE_OK &&
       sqlite3_exec(pDb, "PRAGMA schema_version;", nullptr, nullptr, nullptr) == SQLITE_OK) {
-    CheckpointOpenFile(pDb);
+    // Readers are waited for: what stays in the log is not in the backup.
+    static_cast<void>(sqlite3_wal_checkpoint_v2(pDb, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr));
   }
   sqlite3_close(pDb);
 }

@@ -37,8 +37,11 @@ void RemoveSideFiles(const char* pszPath);
 // Brings what stands in the write-ahead log into the database file, as far as the file lets it. A file without a log is
 // not touched.
 void CheckpointIntoFile(const char* pszPath);
-// The same for an open database.
+// The same for an open database, without waiting for readers: what they hold back stays in the log.
 void CheckpointOpenFile(sqlite3* pDb);
+// Undoes a transaction whose rollback journal still stands beside the file. A file whose creation was cut short may be
+// longer than zero bytes before, and is empty after.
+void RollBackJournal(const char* pszPath);
 // Whether a file of zero bytes stands there: a creation that was cut short.
 bool IsCutShort(const char* pszPath);
 

@@ -35,7 +35,7 @@ class CLogCacheMon {
   // kStatusNoDiskSpace when the file system's free space is not above the limit.
   [[nodiscard]] static int CheckDiskFreeSpaceValid(const CPString& strPath, unsigned long long u64Limit,
                                                    unsigned long long& u64Real);
-  // kStatusFileFull when the file has reached the limit.
+  // kStatusFileFull when the file, its write-ahead log included, has reached the limit.
   [[nodiscard]] static int CheckLogCacheFileSizeValid(const CPString& strFile, unsigned long long u64Limit,
                                                       unsigned long long& u64Real);
   // The same against the configured limit; kStatusNoObject without a name.

@@ -38,6 +38,13 @@ int CLogCacheMon::CheckLogCacheFileSizeValid(const CPString& strFile, unsigned l
   if (QmGetFileAttr(strFile.c_str(), &u64Real, &u64Time) != 0) {
     return kStatusOk;
   }
+  // What was written last may stand in the file's write-ahead log so far.
+  CPString strLog;
+  strLog.Format("%s-wal", strFile.c_str());
+  unsigned long long u64LogSize = 0;
+  if (QmGetFileAttr(strLog.c_str(), &u64LogSize, &u64Time) == 0) {
+    u64Real += u64LogSize;
+  }
   return u64Real < u64Limit ? kStatusOk : kStatusFileFull;
 }
 

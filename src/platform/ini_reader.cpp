@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
-#include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "platform/api.h"
 
@@ -24,6 +24,32 @@ constexpr int kMaxLine = 8192;
 
 // inih keeps no more of a section's name.
 constexpr size_t kMaxSectionName = 49;
+
+// Where the line's section header begins, null when it holds none. inih passes over a byte order mark.
+const char* HeaderOf(const char* pszLine, bool bFirstLine) {
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  if (bFirstLine && std::string_view(pszLine).starts_with(kByteOrderMark)) {
+    pszLine += kByteOrderMark.size();
+    while (std::isspace(static_cast<unsigned char>(*pszLine)) != 0) {
+      ++pszLine;
+    }
+  }
+  return *pszLine == '[' ? pszLine : nullptr;
+}
+
+// The header's closing bracket; null when there is none, or only behind the beginning of a comment, where inih does not
+// look for it.
+const char* EndOfHeader(const char* pHeader) {
+  for (const char* pAt = pHeader + 1; *pAt != '\0'; ++pAt) {
+    if (*pAt == ']') {
+      return pAt;
+    }
+    if (*pAt == ';' && std::isspace(static_cast<unsigned char>(pAt[-1])) != 0) {
+      return nullptr;
+    }
+  }
+  return nullptr;
+}
 
 // Feeds inih one line a call, so that its line count is ours, and keeps from it what it would misread.
 class CLineSource {
@@ -70,10 +96,10 @@ class CLineSource {
       }
     }
     pszLine[uLength] = '\0';
-    if (pszLine[0] == '[') {
+    if (const char* pHeader = HeaderOf(pszLine, m_iLine == 1); pHeader != nullptr) {
       // The keys under a header that cannot be read belong to no section, least of all to the one before it.
-      const char* pEnd = std::strchr(pszLine, ']');
-      bRefused = bRefused || pEnd == nullptr || static_cast<size_t>(pEnd - pszLine - 1) > kMaxSectionName;
+      const char* pEnd = EndOfHeader(pHeader);
+      bRefused = bRefused || pEnd == nullptr || static_cast<size_t>(pEnd - pHeader - 1) > kMaxSectionName;
       m_bInUnknownSection = bRefused;
     }
     if (bRefused && m_iFirstRefused == 0) {

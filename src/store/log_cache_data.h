@@ -13,27 +13,36 @@
 //     GetExecData through its ExecDataHold.
 // A pointer found in the map may be used without a reference only while m_csExecData is held.
 //
+// Who may write a record to its file. The thread that claimed it (bWriting): intake without the store's lock, a re-queue
+// or a save under it. A save passes over a record whose own write is under way, since its row would clash with that one
+// and fail the other rows of its batch; an intake that meets a save waits for its end and then looks whether anything is
+// left to write.
+//
+// What a load must not bring back. It reads the files without the store's lock, so a record may be settled between the
+// reading of its row and its filing. While a load runs, the ids of deleted records are kept, and none of them is filed. A
+// record settled while its intake writes its row goes, with the row and whatever a load made of it, when that is done.
+//
 // Locks: m_csExecData guards the maps. Public operations take it and call their ...Locked twins; a twin never takes it
 // again. It may be held while a cache file's lock is taken, never the reverse. The queues are used without it.
 //
 // Threads: callback threads file and settle, the work thread takes and deletes, the timer thread loads, the host's
 // thread saves at stop. Errors: 32-bit codes of platform/status_codes.h.
-//
-// Records live in memory only until cache files are attached: persistence_bridge.cpp is where they come in.
 #ifndef QMLOGCACHE_STORE_LOG_CACHE_DATA_H_
 #define QMLOGCACHE_STORE_LOG_CACHE_DATA_H_
 
 #include <array>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
+#include <unordered_set>
 
+#include "cachefile/log_cache_file.h"
+#include "monitor/log_cache_mon.h"
 #include "platform/cpstring.h"
 #include "platform/critical_section.h"
 #include "platform/msg_queue.h"
 #include "store/log_exec_data.h"
-
-class CLogCacheFile;
 
 // How a record reaches the disk, as configured.
 enum DataFlowFlag : uint32_t {
@@ -54,18 +63,25 @@ using ExecDataHold = std::unique_ptr<_LogExecData, ExecDataRelease>;
 class CLogCacheData {
  public:
   CLogCacheData();
-  // Frees every record and forgets what is queued; writes nothing to disk. Nobody may hold a record any more.
+  // Frees every record and every file object and forgets what is queued; writes nothing to disk. Nobody may hold a
+  // record any more.
   ~CLogCacheData();
   CLogCacheData(const CLogCacheData&) = delete;
   CLogCacheData& operator=(const CLogCacheData&) = delete;
 
-  // --- Configuration and persistence ---
-  // False when the configuration could not be loaded.
+  // --- Configuration and persistence: persistence_bridge.cpp ---
+  // Reads the configuration. False when that was not possible. Before callbacks and threads.
   [[nodiscard]] bool InitCacheData();
-  // Writes every pending record to its cache file; always 1.
+  // The sender's file object, made on first use and kept until the store goes; null when there is no memory for it.
+  // Touches no disk.
+  CLogCacheFile* GetLogCacheFile(const CPString& strPluginId);
+  // Writes every pending record to its cache file, in batches and without space checks; always 1. Holds the store's
+  // lock throughout.
   int SaveCacheToDb();
   // Files what is on disk and not in memory; 1, or 0 when the scan failed.
   int LoadExecData();
+  // Destroys every file object; the files stay. No record may point at one any more.
+  void CleanLogCacheFile();
 
   // --- Actions on records ---
   // Files a new record under u64DataId and queues it. 0, kStatusCountLimit, kStatusNoResource.
@@ -106,16 +122,39 @@ class CLogCacheData {
   void CleanExecDataMap();
   // Queues again by id, as ReAddDataAction.
   [[nodiscard]] int ReInsertExecData(unsigned long long u64DataId);
-  // Writes one pending record to its cache file. 0 when there is nothing to write.
-  [[nodiscard]] int AddCacheData(_LogExecData* pExecData);
+  // Writes one pending record to its cache file. 0 also when there is nothing to write; otherwise kStatusNoObject
+  // without a file, a space check's code, kStatusNoResource or the file's error, and the record stays pending.
+  [[nodiscard]] int AddCacheData(_LogExecData* pExecData) QM_EXCLUDES(m_csExecData);
 
  private:
   friend class CLogCacheDataPeer;  // tests
 
   static constexpr int kQueueCount = 4;
 
+  // A load runs while it lives.
+  class CLoad {
+   public:
+    explicit CLoad(CLogCacheData& data);
+    ~CLoad();
+    CLoad(const CLoad&) = delete;
+    CLoad& operator=(const CLoad&) = delete;
+
+   private:
+    CLogCacheData& m_data;
+  };
+
+  [[nodiscard]] int AddExecDataMapLocked(_LogExecData* pExecData) QM_REQUIRES(m_csExecData);
   [[nodiscard]] int DeleteExecDataMapLocked(unsigned long long u64DataId) QM_REQUIRES(m_csExecData);
+  // A load that runs now will not file the record.
+  void RememberDeletedLocked(unsigned long long u64DataId) QM_REQUIRES(m_csExecData);
   [[nodiscard]] int ReInsertExecDataLocked(_LogExecData* pExecData) QM_REQUIRES(m_csExecData);
+  [[nodiscard]] int AddCacheDataLocked(_LogExecData* pExecData) QM_REQUIRES(m_csExecData);
+  // The write itself, by the thread that claimed the record. Changes no status.
+  [[nodiscard]] int WriteCacheData(const _LogExecData& data);
+  // Takes the record's row out of its file.
+  [[nodiscard]] static int DeleteCacheData(const _LogExecData& data);
+  // Files what a scan read; the list is empty afterwards or holds what is over the limit.
+  void FileCacheData(std::list<_CacheExecData>& cacheDataList);
   // Gives the record a queue entry if it has none and sets the event. False when the queue refuses it.
   [[nodiscard]] bool QueueExecData(_LogExecData* pExecData);
   // The first record that is still wanted, from the highest queue down; null when all are empty.
@@ -127,12 +166,15 @@ class CLogCacheData {
   CRelaxedAtomic<uint32_t> m_dwDataCountLimit{500000};
   CRelaxedAtomic<uint32_t> m_dwLocalDataCountLimit{100000};
   CRelaxedAtomic<uint32_t> m_dwDataCoverFlag{0};
-  CPString m_strLogCachePath;
+  CPString m_strLogCachePath;  // set by InitCacheData
+  CLogCacheMon m_LogCacheMon;
   void* m_hDataEvent;                                   // set each time a record is queued
   std::array<QmMsgQueue, kQueueCount> m_ExecDataQueue;  // 0 low, 1 normal, 2 high, 3 real-time
   QmCriticalSection m_csExecData;
   std::map<unsigned long long, _LogExecData*> m_mapLogExecData QM_GUARDED_BY(m_csExecData);
-  std::map<CPString, CLogCacheFile*> m_mapLogCacheFile QM_GUARDED_BY(m_csExecData);  // by sender
+  std::map<CPString, std::unique_ptr<CLogCacheFile>> m_mapLogCacheFile QM_GUARDED_BY(m_csExecData);  // by sender
+  unsigned int m_uLoads QM_GUARDED_BY(m_csExecData) = 0;                                             // that run now
+  std::unordered_set<unsigned long long> m_setDeletedInLoad QM_GUARDED_BY(m_csExecData);
 };
 
 #endif  // QMLOGCACHE_STORE_LOG_CACHE_DATA_H_

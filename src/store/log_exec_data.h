@@ -40,6 +40,8 @@ struct _LogExecData {
   std::atomic<uint32_t> uRefs{1};
   std::atomic<bool> bQueued{false};  // a queue entry stands for it
   std::atomic<bool> bErased{false};  // no longer in the map: to be forgotten, not sent
+
+  std::atomic<bool> bWriting{false};  // a thread is writing it to its cache file
 };
 
 #endif  // QMLOGCACHE_STORE_LOG_EXEC_DATA_H_

@@ -20,7 +20,11 @@ int CLogCacheData::AddDataAction(int bForceSave, unsigned long long u64DataId, i
     }
     DelFirLineFromExecData();
   }
-  auto* pExecData = new (std::nothrow) _LogExecData;
+  CLogCacheFile* pFile = GetLogCacheFile(strPluginId);
+  if (pFile == nullptr) {
+    return kStatusNoResource;
+  }
+  ExecDataHold pExecData(new (std::nothrow) _LogExecData);
   if (pExecData == nullptr) {
     return kStatusNoResource;
   }
@@ -32,6 +36,7 @@ int CLogCacheData::AddDataAction(int bForceSave, unsigned long long u64DataId, i
   pExecData->strProduct = strProduct;
   pExecData->strCombo = strCombo;
   pExecData->strData = strData;
+  pExecData->pLogCacheFile = pFile;
 
   int bSave = 1;
   if (m_dwDataFlowFlag == kFlowMemoryOnly) {
@@ -39,7 +44,7 @@ int CLogCacheData::AddDataAction(int bForceSave, unsigned long long u64DataId, i
   } else if (m_dwDataFlowFlag == kFlowWriteAtSave) {
     bSave = bForceSave != 0 ? 1 : 0;
   }
-  return InsertExecData(pExecData, bSave);
+  return InsertExecData(pExecData.release(), bSave);
 }
 
 int CLogCacheData::InsertExecData(_LogExecData* pExecData, int bSave) {
@@ -48,12 +53,16 @@ int CLogCacheData::InsertExecData(_LogExecData* pExecData, int bSave) {
   }
   // Keeps the record alive to the end of filing, whatever a result for its id does in between.
   const ExecDataHold hold(pExecData);
-  if (IsDataIdExist(pExecData->u64DataId)) {
-    return kStatusOk;
-  }
-  const int iMapped = AddExecDataMap(pExecData);
-  if (iMapped != kStatusOk) {
-    return iMapped;
+  {
+    // One lock for the question and the filing: nothing may settle a record that a load brings back in between.
+    CCriticalSectionGuard guard(m_csExecData);
+    if (m_mapLogExecData.contains(pExecData->u64DataId) || m_setDeletedInLoad.contains(pExecData->u64DataId)) {
+      return kStatusOk;
+    }
+    const int iMapped = AddExecDataMapLocked(pExecData);
+    if (iMapped != kStatusOk) {
+      return iMapped;
+    }
   }
   if (bSave != 0) {
     const int iRet = AddCacheData(pExecData);
@@ -91,7 +100,7 @@ int CLogCacheData::ReInsertExecDataLocked(_LogExecData* pExecData) {
   if (pExecData == nullptr) {
     return kStatusNoObject;
   }
-  const int iRet = AddCacheData(pExecData);
+  const int iRet = AddCacheDataLocked(pExecData);
   if (iRet != kStatusOk) {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache ReInsertExecData Error iRet[%x] StartTime[%x] ReSendCount[%u] u64DataId[%llx] iPriv[%d] "
@@ -160,8 +169,12 @@ int CLogCacheData::AddExecDataMap(_LogExecData* pExecData) {
   if (pExecData == nullptr) {
     return kStatusNoObject;
   }
-  ExecDataHold replaced;
   CCriticalSectionGuard guard(m_csExecData);
+  return AddExecDataMapLocked(pExecData);
+}
+
+int CLogCacheData::AddExecDataMapLocked(_LogExecData* pExecData) {
+  ExecDataHold replaced;
   try {
     // Ids mostly grow, so the end is the place to look first.
     const auto it = m_mapLogExecData.try_emplace(m_mapLogExecData.end(), pExecData->u64DataId, nullptr);
@@ -187,7 +200,20 @@ int CLogCacheData::DeleteExecDataMapLocked(unsigned long long u64DataId) {
   const ExecDataHold erased(it->second);
   m_mapLogExecData.erase(it);
   erased->bErased.store(true, std::memory_order_release);
-  return kStatusOk;
+  RememberDeletedLocked(u64DataId);
+  // The record leaves memory even when its row could not be deleted.
+  return erased->iDataSaveStatus == kSaveDone ? DeleteCacheData(*erased) : kStatusOk;
+}
+
+void CLogCacheData::RememberDeletedLocked(unsigned long long u64DataId) {
+  if (m_uLoads == 0) {
+    return;
+  }
+  try {
+    m_setDeletedInLoad.insert(u64DataId);
+  } catch (const std::bad_alloc&) {
+    // The load may then file the record once more: sent twice is better than not at all.
+  }
 }
 
 void CLogCacheData::CleanExecDataMap() {

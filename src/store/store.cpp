@@ -16,6 +16,7 @@ CLogCacheData::~CLogCacheData() {
     QmMsgQueueFini(&queue);
   }
   CleanExecDataMap();
+  CleanLogCacheFile();
   if (m_hDataEvent != nullptr) {
     QmSetEvent(m_hDataEvent);
     QmDestroyEvent(m_hDataEvent);

@@ -1,9 +1,11 @@
-// What the tests of the loaded component start from: a router, a host, an empty log, fast waits.
+// What the tests of the loaded component start from: an installation that keeps records in memory only, a router, a
+// host, an empty log, fast waits.
 #ifndef QMLOGCACHE_TESTS_COMPONENT_COMPONENT_FIXTURE_H_
 #define QMLOGCACHE_TESTS_COMPONENT_COMPONENT_FIXTURE_H_
 
 #include <gtest/gtest.h>
 
+#include "install_prefix.h"
 #include "log_recorder.h"
 #include "payloads.h"
 #include "plugin/compctx/message_types.h"
@@ -47,11 +49,17 @@ class CComponentTest : public ::testing::Test {
   static bool Failed(const std::optional<Answer>& answer, uint32_t uRet) {
     return answer && answer->iReplies == 1 && answer->uRet == uRet && answer->strText == "fail";
   }
+  void ExpectNoWarning() {
+    for (const LogLine& line : m_log.Lines("*")) {
+      ADD_FAILURE() << line.strText;
+    }
+  }
   // Files one record that needs no looking at.
   void FileRecord(uint32_t uMsgType = LOGCACHE_MSG_SYNC_EDR_PRIV_NORMAL, const std::string& strData = "data") {
     ASSERT_TRUE(Succeeded(m_router.Deliver(uMsgType, kProducer, strData)));
   }
 
+  CInstallPrefix m_prefix;
   CLogRecorder& m_log;
   CReplacedClock& m_clock;
   CTestRouter m_router;

@@ -12,7 +12,8 @@ bool IsRetryable(uint32_t uResult) {
   return uResult == 0xE0010019 || uResult == 0xB0010025 || uResult == 0xB0010026;
 }
 
-// The record's own data inside the tagged text.
+}  // namespace
+
 std::string ContentOf(std::string_view svText) {
   constexpr std::string_view kOpen = "<end=1><msg=";
   const size_t uAt = svText.find(kOpen);
@@ -23,8 +24,6 @@ std::string ContentOf(std::string_view svText) {
   return std::string(svText.substr(uBegin, svText.size() - uBegin - 1));
 }
 
-}  // namespace
-
 void CStressLedger::BeginLife() {
   const std::lock_guard<std::mutex> guard(m_mutex);
   m_totals = {};
@@ -34,6 +33,14 @@ void CStressLedger::BeginLife() {
     m_setEarlierIds.insert(u64DataId);
   }
   m_mapRecords.clear();
+  m_vecStatistics.clear();
+}
+
+void CStressLedger::ContinueInNextLife() {
+  const std::lock_guard<std::mutex> guard(m_mutex);
+  for (auto& [u64DataId, record] : m_mapRecords) {
+    record.bSettledBefore = record.iSettled > 0;
+  }
   m_vecStatistics.clear();
 }
 
@@ -69,6 +76,9 @@ void CStressLedger::SendSeen(uint64_t u64DataId, std::string_view svText, bool b
   }
   const auto [it, bNew] = m_mapRecords.try_emplace(u64DataId);
   Record& record = it->second;
+  if (record.bSettledBefore) {
+    Fault("a record that an earlier life settled is sent again: " + ToHex(u64DataId));
+  }
   if (!bNew) {
     if (record.strText != svText) {
       Fault("the text changed between two sends of " + ToHex(u64DataId));
@@ -135,8 +145,10 @@ void CStressLedger::LineSeen(const LogLine& line) {
              strText.starts_with("*qmlogcache step2 Error RunExecData AsynSendEx DeleteDataAction Error ")) {
     ++m_totals.u64Raced;
   } else if (strText.starts_with("*qmlogcache InsertExecData Error") ||
-             strText.starts_with("*qmlogcache ReInsertExecData Error") || strText.starts_with("**") ||
-             strText.find("need kill") != std::string::npos) {
+             strText.starts_with("*qmlogcache ReInsertExecData Error") ||
+             strText.starts_with("*qmlogcache CLogCacheData::") || strText.starts_with("*qmlogcache CLogCacheFile::") ||
+             strText.starts_with("*qmlogcache CLogCacheDb::") || strText.starts_with("*qmlogcache CLogCacheMon::") ||
+             strText.starts_with("**") || strText.find("need kill") != std::string::npos) {
     Fault(strText);
   }
 }
@@ -168,6 +180,17 @@ std::set<uint64_t> CStressLedger::UnsettledIds() {
     }
   }
   return setIds;
+}
+
+std::multiset<std::string> CStressLedger::UnsettledContents() {
+  const std::lock_guard<std::mutex> guard(m_mutex);
+  std::multiset<std::string> setContents(m_setAccepted.begin(), m_setAccepted.end());
+  for (const auto& [u64DataId, record] : m_mapRecords) {
+    if (record.iSettled > 0) {
+      setContents.erase(record.strContent);
+    }
+  }
+  return setContents;
 }
 
 std::vector<std::string> CStressLedger::Faults() {

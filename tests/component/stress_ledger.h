@@ -35,10 +35,15 @@ struct LedgerTotals {
   uint64_t Held() const { return u64Accepted - Settled(); }
 };
 
+// The record's own data inside the tagged text.
+std::string ContentOf(std::string_view svText);
+
 class CStressLedger {
  public:
-  // A new life begins. Ids of earlier lives are remembered as such.
+  // A new life begins, which knows nothing of the ones before: their ids are remembered as such.
   void BeginLife();
+  // A new life begins, which takes over every record that is not settled. The books go on.
+  void ContinueInNextLife();
 
   // A producer is about to hand over a record of that content, and has been answered.
   void ProducerAnswered(const std::string& strContent, bool bAccepted);
@@ -53,6 +58,8 @@ class CStressLedger {
   LedgerTotals Totals();
   // Records that were sent and not settled.
   std::set<uint64_t> UnsettledIds();
+  // Contents that a producer was told to be accepted and that were not settled.
+  std::multiset<std::string> UnsettledContents();
   // The statistics lines since the life began.
   size_t StatisticsCount();
   // Waits for the uCount-th statistics line of this life; empty when it does not come.
@@ -64,8 +71,9 @@ class CStressLedger {
   struct Record {
     std::string strContent;
     std::string strText;
-    int iSettled = 0;  // times the component said so
-    int iTold = 0;     // final results answered "success"
+    int iSettled = 0;             // times the component said so
+    int iTold = 0;                // final results answered "success"
+    bool bSettledBefore = false;  // in an earlier life
   };
 
   void Fault(const std::string& strWhat);

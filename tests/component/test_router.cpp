@@ -149,6 +149,9 @@ uint32_t CTestRouter::Reply(int32_t iRet, int64_t i64MsgType, const char* pReply
   pAnswer->uRet = static_cast<uint32_t>(iRet);
   pAnswer->i64MsgType = i64MsgType;
   pAnswer->strText.assign(pReply, uLength);
+  if (m_pfnOnReply) {
+    m_pfnOnReply(*pAnswer);
+  }
   return 0;
 }
 

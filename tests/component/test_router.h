@@ -61,6 +61,8 @@ class CTestRouter : public IComponentContext {
   std::function<ConnectAnswer(const ConnectQuery&)> m_pfnOnConnect;
   // Result of a registration.
   std::function<uint32_t(uint32_t uMsgType)> m_pfnOnReceive;
+  // Called on the thread that delivers a message, with the component's answer, before the answer has left.
+  std::function<void(const Answer&)> m_pfnOnReply;
   // Result of Initialize.
   uint32_t m_uInitializeResult = 0;
   // Whether accepted sends are kept for Sent and WaitForSent.

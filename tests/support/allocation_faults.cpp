@@ -1,16 +1,21 @@
 #include "tests/support/allocation_faults.h"
 
+#include <dlfcn.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <new>
 
 #include "platform/api.h"
+#include "tests/support/allocation_pause.h"
 
 namespace {
 thread_local bool t_bFail = false;
+thread_local unsigned int t_uUntilFault = 0;  // allocations up to and with the one that fails; 0: none does
+thread_local std::size_t t_uLarge = SIZE_MAX;
 }  // namespace
 
 CAllocationFault::CAllocationFault() {
@@ -18,6 +23,23 @@ CAllocationFault::CAllocationFault() {
 }
 CAllocationFault::~CAllocationFault() {
   t_bFail = false;
+}
+
+CNthAllocationFault::CNthAllocationFault(unsigned int uNth) {
+  t_uUntilFault = uNth;
+}
+CNthAllocationFault::~CNthAllocationFault() {
+  t_uUntilFault = 0;
+}
+bool CNthAllocationFault::HasFailed() const {
+  return t_uUntilFault == 0;
+}
+
+CLargeAllocationFault::CLargeAllocationFault(unsigned long ulBytes) {
+  t_uLarge = ulBytes;
+}
+CLargeAllocationFault::~CLargeAllocationFault() {
+  t_uLarge = SIZE_MAX;
 }
 
 CAddressSpaceLimit::CAddressSpaceLimit(unsigned long long u64HeadroomBytes) : m_u64Before(0) {
@@ -35,6 +57,15 @@ CAddressSpaceLimit::~CAddressSpaceLimit() {
   getrlimit(RLIMIT_AS, &limit);
   limit.rlim_cur = m_u64Before;
   setrlimit(RLIMIT_AS, &limit);
+}
+
+// Delegates, so that a sanitizer's own operator new still sees what is allocated.
+QM_PLATFORM_API void* operator new(std::size_t uSize) {
+  static const auto pfnReal = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, "_Znwm"));
+  if (!CAllocationPause::IsPaused() && (uSize >= t_uLarge || (t_uUntilFault != 0 && --t_uUntilFault == 0))) {
+    throw std::bad_alloc();
+  }
+  return pfnReal(uSize);
 }
 
 QM_PLATFORM_API void* operator new(std::size_t uSize, const std::nothrow_t& /*nothrow*/) noexcept {

@@ -1,4 +1,4 @@
-// Lets allocations that may fail without throwing (new (std::nothrow)) fail on request.
+// Lets allocations fail on request.
 #ifndef QMLOGCACHE_TESTS_SUPPORT_ALLOCATION_FAULTS_H_
 #define QMLOGCACHE_TESTS_SUPPORT_ALLOCATION_FAULTS_H_
 
@@ -9,6 +9,27 @@ class CAllocationFault {
   ~CAllocationFault();
   CAllocationFault(const CAllocationFault&) = delete;
   CAllocationFault& operator=(const CAllocationFault&) = delete;
+};
+
+// While it lives, one allocation of the calling thread by way of new fails, the uNth from its construction on: a plain
+// one throws, a nothrow one gives null.
+class CNthAllocationFault {
+ public:
+  explicit CNthAllocationFault(unsigned int uNth);
+  ~CNthAllocationFault();
+  CNthAllocationFault(const CNthAllocationFault&) = delete;
+  CNthAllocationFault& operator=(const CNthAllocationFault&) = delete;
+  // Whether that many were made.
+  bool HasFailed() const;
+};
+
+// While it lives, every allocation of the calling thread by way of new that asks for ulBytes or more fails.
+class CLargeAllocationFault {
+ public:
+  explicit CLargeAllocationFault(unsigned long ulBytes);
+  ~CLargeAllocationFault();
+  CLargeAllocationFault(const CLargeAllocationFault&) = delete;
+  CLargeAllocationFault& operator=(const CLargeAllocationFault&) = delete;
 };
 
 // While it lives, the process cannot have much more address space than it has now: an allocation of uHeadroomBytes or

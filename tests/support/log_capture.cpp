@@ -11,6 +11,7 @@
 
 #include "platform/api.h"
 #include "platform/log.h"
+#include "tests/support/allocation_pause.h"
 
 namespace {
 
@@ -154,6 +155,7 @@ QM_PLATFORM_API void* LogInit(const char* pszChannel) {
 }
 
 QM_PLATFORM_API void LogPrint(void* hLog, int iLevel, const char* pszFormat, ...) {
+  const CAllocationPause pause;
   if (hLog == nullptr) {
     return;
   }
@@ -170,6 +172,7 @@ QM_PLATFORM_API void LogPrint(void* hLog, int iLevel, const char* pszFormat, ...
 }
 
 QM_PLATFORM_API void LogPrintStr(void* hLog, int iLevel, const char* pszText) {
+  const CAllocationPause pause;
   if (hLog != nullptr) {
     Keep(hLog, iLevel, pszText);
   }

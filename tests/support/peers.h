@@ -4,6 +4,7 @@
 #define QMLOGCACHE_TESTS_SUPPORT_PEERS_H_
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,9 +27,19 @@ class CLogCacheDataPeer {
   std::string LogCachePath() const { return m_data.m_strLogCachePath.c_str(); }
   void* DataEvent() const { return m_data.m_hDataEvent; }
 
+  // Keeps other threads out of the store's lock for as long as the action runs.
+  void WithLock(const std::function<void()>& action) {
+    CCriticalSectionGuard guard(m_data.m_csExecData);
+    action();
+  }
+
   size_t MapSize() {
     CCriticalSectionGuard guard(m_data.m_csExecData);
     return m_data.m_mapLogExecData.size();
+  }
+  size_t FileCount() {
+    CCriticalSectionGuard guard(m_data.m_csExecData);
+    return m_data.m_mapLogCacheFile.size();
   }
   unsigned long QueueCount(int iIndex) { return QmGetMsgCount(&m_data.m_ExecDataQueue[static_cast<size_t>(iIndex)]); }
 
@@ -37,6 +48,17 @@ class CLogCacheDataPeer {
     CCriticalSectionGuard guard(m_data.m_csExecData);
     const auto it = m_data.m_mapLogExecData.find(u64DataId);
     return it == m_data.m_mapLogExecData.end() ? nullptr : it->second;
+  }
+  // All data ids, ascending, or those of the records with that save status.
+  std::vector<unsigned long long> Ids(int iSaveStatus = -1) {
+    CCriticalSectionGuard guard(m_data.m_csExecData);
+    std::vector<unsigned long long> vecIds;
+    for (const auto& [u64DataId, pExecData] : m_data.m_mapLogExecData) {
+      if (iSaveStatus == -1 || pExecData->iDataSaveStatus == iSaveStatus) {
+        vecIds.push_back(u64DataId);
+      }
+    }
+    return vecIds;
   }
   // Data ids of the records marked for dropping, ascending.
   std::vector<unsigned long long> Marked() {

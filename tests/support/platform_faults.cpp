@@ -11,6 +11,7 @@
 #include "platform/api.h"
 #include "platform/event.h"
 #include "platform/msg_queue.h"
+#include "tests/support/allocation_pause.h"
 
 namespace {
 
@@ -99,13 +100,16 @@ extern "C" {
 QM_PLATFORM_API int QmMsgQueueInsert(QmMsgQueue* pQueue, unsigned long ulFirst, unsigned long ulSecond, void* pItem) {
   static const auto pfnReal = RealFunction<decltype(&QmMsgQueueInsert)>("QmMsgQueueInsert");
   State& state = TheState();
-  std::function<void()> hook;
   {
-    const std::lock_guard lock(state.mutex);
-    hook = state.insertHook;
-  }
-  if (hook) {
-    hook();
+    const CAllocationPause pause;
+    std::function<void()> hook;
+    {
+      const std::lock_guard lock(state.mutex);
+      hook = state.insertHook;
+    }
+    if (hook) {
+      hook();
+    }
   }
   bool bRefuse = false;
   {
@@ -130,13 +134,16 @@ QM_PLATFORM_API void* QmCreateEvent(int bManualReset, int bInitialState, const c
 QM_PLATFORM_API int QmSetEvent(void* hEvent) {
   static const auto pfnReal = RealFunction<decltype(&QmSetEvent)>("QmSetEvent");
   State& state = TheState();
-  std::function<void(void*)> hook;
   {
-    const std::lock_guard lock(state.mutex);
-    hook = state.setHook;
-  }
-  if (hook) {
-    hook(hEvent);
+    const CAllocationPause pause;
+    std::function<void(void*)> hook;
+    {
+      const std::lock_guard lock(state.mutex);
+      hook = state.setHook;
+    }
+    if (hook) {
+      hook(hEvent);
+    }
   }
   return pfnReal(hEvent);
 }

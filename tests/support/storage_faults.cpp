@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -12,6 +14,7 @@
 #include "platform/api.h"
 #include "platform/base64.h"
 #include "platform/file_info.h"
+#include "tests/support/allocation_pause.h"
 
 namespace {
 
@@ -24,6 +27,9 @@ struct State {
   std::string strModulePath;
   int iModuleErrno = 0;
   bool bThrowOnClose = false;
+  unsigned int uFileSyncs = 0;
+  unsigned int uDirectorySyncs = 0;
+  bool bSkipSyncs = false;
 };
 
 State& TheState() {
@@ -39,6 +45,7 @@ Func RealFunction(const char* pszName) {
 
 template <typename Value>
 Value Locked(Value State::*pMember) {
+  const CAllocationPause pause;
   State& state = TheState();
   const std::lock_guard lock(state.mutex);
   return state.*pMember;
@@ -49,6 +56,14 @@ void Set(Value State::*pMember, Value value) {
   State& state = TheState();
   const std::lock_guard lock(state.mutex);
   state.*pMember = std::move(value);
+}
+
+void CountSync(int iFile) {
+  struct stat info {};
+  const bool bDirectory = fstat(iFile, &info) == 0 && S_ISDIR(info.st_mode);
+  State& state = TheState();
+  const std::lock_guard lock(state.mutex);
+  ++(bDirectory ? state.uDirectorySyncs : state.uFileSyncs);
 }
 
 }  // namespace
@@ -63,6 +78,21 @@ void CStorageFaults::Reset() {
   state.strModulePath.clear();
   state.iModuleErrno = 0;
   state.bThrowOnClose = false;
+  state.uFileSyncs = 0;
+  state.uDirectorySyncs = 0;
+  state.bSkipSyncs = false;
+}
+
+void CStorageFaults::SkipSyncs(bool bSkip) {
+  Set(&State::bSkipSyncs, bSkip);
+}
+
+unsigned int CStorageFaults::FileSyncs() {
+  return Locked(&State::uFileSyncs);
+}
+
+unsigned int CStorageFaults::DirectorySyncs() {
+  return Locked(&State::uDirectorySyncs);
 }
 
 std::vector<std::string> CStorageFaults::Statements(std::string_view svBeginning) {
@@ -105,13 +135,19 @@ QM_PLATFORM_API int sqlite3_exec(sqlite3* pDb, const char* pszSql, int (*pfnCall
                                  void* pArg, char** ppszError) {
   static const auto pfnReal = RealFunction<decltype(&sqlite3_exec)>("sqlite3_exec");
   State& state = TheState();
-  std::function<int(std::string_view)> hook;
+  int iRet = SQLITE_OK;
   {
-    const std::lock_guard lock(state.mutex);
-    state.vecStatements.emplace_back(pszSql);
-    hook = state.execHook;
+    const CAllocationPause pause;
+    std::function<int(std::string_view)> hook;
+    {
+      const std::lock_guard lock(state.mutex);
+      state.vecStatements.emplace_back(pszSql);
+      hook = state.execHook;
+    }
+    if (hook) {
+      iRet = hook(pszSql);
+    }
   }
-  const int iRet = hook ? hook(pszSql) : SQLITE_OK;
   return iRet != SQLITE_OK ? iRet : pfnReal(pDb, pszSql, pfnCallback, pArg, ppszError);
 }
 
@@ -122,6 +158,18 @@ QM_PLATFORM_API int sqlite3_close(sqlite3* pDb) {
     throw std::runtime_error("sqlite3_close");
   }
   return iRet;
+}
+
+QM_PLATFORM_API int fsync(int iFile) {
+  static const auto pfnReal = RealFunction<int (*)(int)>("fsync");
+  CountSync(iFile);
+  return Locked(&State::bSkipSyncs) ? 0 : pfnReal(iFile);
+}
+
+QM_PLATFORM_API int fdatasync(int iFile) {
+  static const auto pfnReal = RealFunction<int (*)(int)>("fdatasync");
+  CountSync(iFile);
+  return Locked(&State::bSkipSyncs) ? 0 : pfnReal(iFile);
 }
 
 QM_PLATFORM_API char* base64Encode(const char* pData, int iLength, int iReserved) {

@@ -1,5 +1,5 @@
-// Functions below the storage layers that delegate, and tell or fail on request: sqlite3_exec, sqlite3_close,
-// base64Encode, statvfs and QmGetModuleFilePath are defined in the test executable.
+// Functions below the storage layers that delegate, and tell or fail on request: sqlite3_exec, sqlite3_close, fsync,
+// fdatasync, base64Encode, statvfs and QmGetModuleFilePath are defined in the test executable.
 //
 // All functions may be called from any thread; hooks run without a lock.
 #ifndef QMLOGCACHE_TESTS_SUPPORT_STORAGE_FAULTS_H_
@@ -25,6 +25,11 @@ class CStorageFaults {
   static void ThrowOnClose(bool bThrow);
   // Encoding gives null where the hook says true.
   static void SetEncodeHook(std::function<bool(std::string_view svData)> hook);
+  // Syncs since Reset.
+  static unsigned int FileSyncs();
+  static unsigned int DirectorySyncs();
+  // Syncs are counted and not done while this is on.
+  static void SkipSyncs(bool bSkip);
   // What statvfs answers, and whether it fails. Empty: the real one.
   static void SetStatvfs(std::function<int(const char* pszPath, struct statvfs* pStat)> hook);
   // The directory that the running program seems to lie in. With an error number the question fails instead.

@@ -1,4 +1,4 @@
-"""A qmhost of its own for a test: configuration, data and socket in a temporary directory."""
+"""A qmhost of its own for a test: installation, configuration, data and socket in a temporary directory."""
 
 import json
 import os
@@ -15,6 +15,8 @@ LIB = pathlib.Path(os.environ["QMLOGCACHE_LIB"])
 SANITIZED = bool(os.environ.get("QMLOGCACHE_SANITIZE"))
 # A hang guard, not a bound: sanitized builds on a busy machine are slow.
 PATIENCE = 120
+# The host's word that the link's destination cannot be reached.
+LINK_DOWN = "server link down"
 
 
 def wait_until(condition, what):
@@ -38,7 +40,10 @@ class HostTestCase(unittest.TestCase):
         self.data_dir = self.dir / "data"
         self.socket = self.dir / "s"
         self.config = self.dir / "qmhost.conf"
+        self.prefix = self.dir / "prefix"
+        self.cache_dir = self.prefix / "data" / "qmlogcache"
         self.host = None
+        self.install()
         self.write_config()
 
     def tearDown(self):
@@ -47,6 +52,24 @@ class HostTestCase(unittest.TestCase):
             self.host.wait()
         shutil.rmtree(self.dir, ignore_errors=True)
 
+    def install(self):
+        """An installation of this test's own: the component finds its files from the directory of the program."""
+        (self.prefix / "bin").mkdir(parents=True)
+        program = self.prefix / "bin" / "qmhost"
+        try:
+            os.link(BIN / "qmhost", program)
+        except OSError:  # another file system, or another owner
+            shutil.copy2(BIN / "qmhost", program)
+        (self.prefix / "lib").symlink_to(LIB)
+        self.write_cache_config()
+
+    def write_cache_config(self, **keys):
+        """Writes the component's configuration. How much room the disk has is no matter of the tests."""
+        file = self.prefix / "etc" / "qmlogcache" / "qmlogcache.conf"
+        file.parent.mkdir(parents=True, exist_ok=True)
+        lines = [f"{key} = {value}\n" for key, value in {"diskfreesize": 0, **keys}.items()]
+        file.write_text("[logcache]\n" + "".join(lines))
+
     def write_config(self, **sections):
         """Writes a whole configuration; keyword arguments add keys to a section ("log", "link", ...)."""
         config = {
@@ -54,7 +77,7 @@ class HostTestCase(unittest.TestCase):
             "log": {"dir": self.log_dir},
             "ingress": {"socket": self.socket},
             "link": {"driver": "file", "path": self.records_file},
-            "plugin logcache": {"path": LIB / "libqmlogcache.so"},
+            "plugin logcache": {},
         }
         for section, keys in sections.items():
             config.setdefault(section, {}).update(keys)
@@ -63,20 +86,34 @@ class HostTestCase(unittest.TestCase):
             text += f"[{section}]\n" + "".join(f"{key} = {value}\n" for key, value in keys.items())
         self.config.write_text(text)
 
-    def start_host(self):
+    def host_command(self):
+        return [self.prefix / "bin" / "qmhost", "--config", self.config]
+
+    def launch_host(self):
+        """Starts the host; returns a function that tells whether it is ready."""
         output = self.dir / "host.out"
         output.touch()
         started = output.read_bytes().count(b"qmhost ready")
         with output.open("ab") as stream:
-            self.host = subprocess.Popen(
-                [BIN / "qmhost", "--config", self.config], stdout=stream, stderr=subprocess.STDOUT
-            )
+            self.host = subprocess.Popen(self.host_command(), stdout=stream, stderr=subprocess.STDOUT)
 
         def ready():
             self.assertIsNone(self.host.poll(), self.host_said())
             return output.read_bytes().count(b"qmhost ready") > started
 
-        wait_until(ready, "the host to be ready")
+        return ready
+
+    def start_host(self):
+        wait_until(self.launch_host(), "the host to be ready")
+
+    def take_link_down(self):
+        """The link's directory goes, so that no file can be made; returns where it is now. Waits for the outage."""
+        outages = self.log_text("qmhost").count(LINK_DOWN)
+        away = self.dir / f"away-{outages}"
+        self.out.rename(away)
+        self.host.send_signal(signal.SIGHUP)
+        wait_until(lambda: self.log_text("qmhost").count(LINK_DOWN) > outages, "the link to be down")
+        return away
 
     def host_said(self):
         return (self.dir / "host.out").read_text(errors="replace")

@@ -12,7 +12,7 @@ from host_fixture import BIN, HostTestCase, PATIENCE, wait_until
 class HostTest(HostTestCase):
     def check_config(self):
         return subprocess.run(
-            [BIN / "qmhost", "--config", self.config, "--check-config"], capture_output=True, text=True, check=False
+            [*self.host_command(), "--check-config"], capture_output=True, text=True, check=False
         )
 
     def test_a_good_configuration_is_said_to_be_ok(self):
@@ -30,7 +30,7 @@ class HostTest(HostTestCase):
 
     def test_a_host_with_a_faulty_configuration_does_not_start(self):
         self.write_config(storage={"sync": "sometimes"})
-        result = subprocess.run([BIN / "qmhost", "--config", self.config], capture_output=True, text=True, check=False)
+        result = subprocess.run(self.host_command(), capture_output=True, text=True, check=False)
         self.assertEqual(result.returncode, 2)
         self.assertIn("sometimes", result.stderr)
 
@@ -70,7 +70,7 @@ class HostTest(HostTestCase):
     def test_a_second_host_on_the_same_data_is_kept_out(self):
         self.start_host()
         second = subprocess.run(
-            [BIN / "qmhost", "--config", self.config], capture_output=True, text=True, timeout=PATIENCE, check=False
+            self.host_command(), capture_output=True, text=True, timeout=PATIENCE, check=False
         )
         self.assertEqual(second.returncode, 1)
         self.assertIn(str(self.host.pid), second.stderr)
@@ -98,10 +98,7 @@ class HostTest(HostTestCase):
         self.start_host()
         self.assertEqual(self.send(data=b"first\n").returncode, 0)
         self.wait_for_records(1)
-        away = self.dir / "away"
-        self.out.rename(away)  # the link's directory is gone: no file can be made
-        self.host.send_signal(signal.SIGHUP)
-        wait_until(lambda: "down" in self.log_text("qmhost"), "the link to be down")
+        away = self.take_link_down()
         lines = [b"%d" % n for n in range(500)]
         sent = self.send(data=b"\n".join(lines) + b"\n")
         self.assertEqual(sent.returncode, 0, sent.stderr)
@@ -121,7 +118,7 @@ class HostTest(HostTestCase):
     def test_a_plug_in_that_cannot_be_loaded_is_named(self):
         self.write_config(**{"plugin logcache": {"guid": "00000000-0000-0000-0000-000000000000"}})
         result = subprocess.run(
-            [BIN / "qmhost", "--config", self.config], capture_output=True, text=True, timeout=PATIENCE, check=False
+            self.host_command(), capture_output=True, text=True, timeout=PATIENCE, check=False
         )
         self.assertEqual(result.returncode, 1)
         self.assertIn("00000000-0000-0000-0000-000000000000", result.stderr)

@@ -1,6 +1,7 @@
 // Start, stop and the manager's own life.
 #include <pthread.h>
 
+#include <cerrno>
 #include <set>
 #include <string>
 
@@ -100,6 +101,7 @@ TEST_F(ManagerLifeTest, AManagerWithoutEventsLivesAndDies) {
   CLogCacheMgr* pManager = CLogCacheMgr::Instance();
   ASSERT_NE(nullptr, pManager);
   EXPECT_EQ(nullptr, CLogCacheMgrPeer(*pManager).Event());
+  ASSERT_TRUE(pManager->Init());
   pManager->SetSendSingleFlag(1);
   EXPECT_EQ(0, pManager->AddExecData(10101, 1, 1, 1, kSenderText, "", "", "x"));
   CLogCacheMgr::Close();
@@ -108,7 +110,19 @@ TEST_F(ManagerLifeTest, AManagerWithoutEventsLivesAndDies) {
 TEST_F(LifecycleTest, InitLogsItsBeginAndEnd) {
   EXPECT_TRUE(m_manager.Init());
   EXPECT_TRUE(LoggedExactly({{kMainChannel, 2, "qmlogcache CLogCacheMgr::Init Begin"},
+                             ConfigLine(2),
                              {kMainChannel, 2, "qmlogcache CLogCacheMgr::Init End"}}));
+}
+
+TEST_F(ManagerLifeTest, InitFailsWhenTheProgramsDirectoryIsUnknown) {
+  CStorageFaults::FailModulePath(ENOENT);
+  CLogCacheMgr& manager = *CLogCacheMgr::Instance();
+  EXPECT_FALSE(manager.Init());
+  EXPECT_TRUE(
+      LoggedExactly({{kMainChannel, 2, "qmlogcache CLogCacheMgr::Init Begin"},
+                     {kMainChannel, 4, "**qmlogcache CLogCacheMon::InitLogCacheMon Error GetModuleFilePath Error[2]"},
+                     {kMainChannel, 4, "**qmlogcache CLogCacheData::InitCacheData Error InitLogCacheMon"},
+                     {kMainChannel, 3, "*qmlogcache CLogCacheMgr::Init Error InitCacheData Error"}}));
 }
 
 TEST_F(LifecycleTest, SetCtxLogsThePointer) {

@@ -109,6 +109,26 @@ TEST_F(SpaceChecksTest, AFileThatHasReachedTheLimitIsFull) {
   EXPECT_EQ(50U, u64Real);
 }
 
+TEST_F(SpaceChecksTest, AFilesWriteAheadLogCountsAsTheFile) {
+  m_peer.FileSize() = 50;
+  Fill("a.db", 30);
+  Fill("a.db-wal", 19);
+  Fill("b.db-wal", 100);
+  EXPECT_EQ(0, m_mon.CheckFileSize(Path("cache/a.db").c_str()));
+  Fill("a.db-wal", 20);
+  EXPECT_EQ(kStatusFileFull, m_mon.CheckFileSize(Path("cache/a.db").c_str()));
+  unsigned long long u64Real = 0;
+  EXPECT_EQ(0, CLogCacheMon::CheckLogCacheFileSizeValid(Path("cache/a.db").c_str(), 51, u64Real));
+  EXPECT_EQ(50U, u64Real);
+}
+
+TEST_F(SpaceChecksTest, ALogWithoutItsFileIsNoFile) {
+  Fill("b.db-wal", 100);
+  unsigned long long u64Real = 7;
+  EXPECT_EQ(0, CLogCacheMon::CheckLogCacheFileSizeValid(Path("cache/b.db").c_str(), 50, u64Real));
+  EXPECT_EQ(0U, u64Real);
+}
+
 TEST_F(SpaceChecksTest, AFileThatIsNotThereYetPasses) {
   EXPECT_EQ(0, m_mon.CheckFileSize(Path("cache/missing.db").c_str()));
 }

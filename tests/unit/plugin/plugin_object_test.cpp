@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "tests/support/allocation_faults.h"
 #include "tests/support/manager_fixture.h"
 
@@ -64,8 +66,23 @@ TEST_F(PluginObjectTest, InitializeMakesTheManagerAndLogsItsEnd) {
   EXPECT_NE(nullptr, CLogCacheMgrPeer::Current());
   EXPECT_TRUE(LoggedExactly({{kMainChannel, 6, "qmlogcache CLogCachePluginObj::Initialize Begin"},
                              {kMainChannel, 2, "qmlogcache CLogCacheMgr::Init Begin"},
+                             ConfigLine(2),
                              {kMainChannel, 2, "qmlogcache CLogCacheMgr::Init End"},
                              {kMainChannel, 6, "qmlogcache CLogCachePluginObj::Initialize End Init OK"}}));
+}
+
+TEST_F(PluginObjectTest, InitializeOfAManagerThatFailsIsOnlyLogged) {
+  CStorageFaults::FailModulePath(EACCES);
+  EXPECT_EQ(0, CLogCachePluginObj::Initialize(&m_iParameter));
+  EXPECT_EQ(1, CLogCachePluginObj::GetStatus());
+  EXPECT_NE(nullptr, CLogCacheMgrPeer::Current());
+  EXPECT_TRUE(
+      LoggedExactly({{kMainChannel, 6, "qmlogcache CLogCachePluginObj::Initialize Begin"},
+                     {kMainChannel, 2, "qmlogcache CLogCacheMgr::Init Begin"},
+                     {kMainChannel, 4, "**qmlogcache CLogCacheMon::InitLogCacheMon Error GetModuleFilePath Error[13]"},
+                     {kMainChannel, 4, "**qmlogcache CLogCacheData::InitCacheData Error InitLogCacheMon"},
+                     {kMainChannel, 3, "*qmlogcache CLogCacheMgr::Init Error InitCacheData Error"},
+                     {kMainChannel, 4, "**qmlogcache CLogCachePluginObj::Initialize Error Init Error"}}));
 }
 
 TEST_F(PluginObjectTest, InitializeWithoutMemoryForTheManagerIsOnlyLogged) {

@@ -7,6 +7,12 @@ namespace {
 
 class RecordActionsTest : public ComponentTest {
  protected:
+  RecordActionsTest() {
+    WriteConfig("");
+    EXPECT_TRUE(m_data.InitCacheData());
+    CLogCapture::Reset();
+  }
+
   int Add(unsigned long long u64DataId, int bForceSave, int iSaveStatus) {
     return m_data.AddDataAction(bForceSave, u64DataId, 11, 2, iSaveStatus, kSenderText, "prod", "comb", "text");
   }

@@ -1,0 +1,103 @@
+#include "db/wal_vfs.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <exception>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace {
+
+constexpr char kName[] = "qmlogcache";
+
+struct SyncedLogs {
+  std::mutex mutex;                // guards the set
+  std::set<std::string> setPaths;  // logs whose names this process has made durable
+};
+
+// Never destroyed: a thread may outlive static destruction.
+SyncedLogs& Synced() {
+  static auto& synced = *new SyncedLogs;
+  return synced;
+}
+
+bool SyncDirectoryOf(const std::string& strPath) {
+  const int iDirectory = open(strPath.substr(0, strPath.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (iDirectory < 0) {
+    return false;
+  }
+  const bool bSynced = fsync(iDirectory) == 0;
+  close(iDirectory);
+  return bSynced;
+}
+
+// Whether the log's name survives a power cut. A log that is missing or empty is made anew by whoever writes to it, and
+// SQLite's own sync takes care of it. One with contents may be left over from a process that was killed before that sync.
+bool IsNameDurable(const char* pszPath) {
+  struct stat info {};
+  const bool bThere = lstat(pszPath, &info) == 0;
+  SyncedLogs& synced = Synced();
+  const std::lock_guard guard(synced.mutex);
+  const std::string strPath(pszPath);
+  if (!bThere) {
+    synced.setPaths.erase(strPath);
+    return false;
+  }
+  if (info.st_size == 0) {
+    return false;
+  }
+  if (synced.setPaths.contains(strPath)) {
+    return true;
+  }
+  if (!SyncDirectoryOf(strPath)) {
+    return false;
+  }
+  synced.setPaths.insert(strPath);
+  return true;
+}
+
+sqlite3_vfs* g_pBase = nullptr;  // set before the VFS is registered
+
+int OpenFile(sqlite3_vfs* /*pVfs*/, const char* pszPath, sqlite3_file* pFile, int iFlags, int* piOutFlags) {
+  bool bDurable = false;
+  if ((iFlags & SQLITE_OPEN_WAL) != 0 && pszPath != nullptr) {
+    try {
+      bDurable = IsNameDurable(pszPath);
+    } catch (const std::exception&) {
+      // Not known: SQLite syncs the directory.
+    }
+  }
+  if (bDurable) {
+    // Without the flag to create the log SQLite takes it for an old one, whose directory needs no sync.
+    const int iRet = g_pBase->xOpen(g_pBase, pszPath, pFile, iFlags & ~SQLITE_OPEN_CREATE, piOutFlags);
+    if (iRet != SQLITE_CANTOPEN) {
+      return iRet;
+    }
+    // Another tool has removed it in between.
+  }
+  return g_pBase->xOpen(g_pBase, pszPath, pFile, iFlags, piOutFlags);
+}
+
+const char* Register() {
+  g_pBase = sqlite3_vfs_find(nullptr);
+  if (g_pBase == nullptr) {
+    return nullptr;
+  }
+  // A copy: its other functions find what they need in pAppData, as they do under their own name.
+  static sqlite3_vfs vfs = *g_pBase;
+  vfs.pNext = nullptr;
+  vfs.zName = kName;
+  vfs.xOpen = OpenFile;
+  return sqlite3_vfs_register(&vfs, 0) == SQLITE_OK ? kName : nullptr;
+}
+
+}  // namespace
+
+const char* WalVfsName() {
+  static const char* const pszName = Register();
+  return pszName;
+}

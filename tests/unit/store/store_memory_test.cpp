@@ -1,0 +1,103 @@
+// Want of memory in the store's work with files: a code or another attempt, never a lost record.
+#include <string>
+
+#include "tests/support/allocation_faults.h"
+#include "tests/unit/store/store_fixture.h"
+
+namespace {
+
+constexpr unsigned int kMoreThanEnough = 5000;
+
+class StoreMemoryTest : public StoreTest {
+ protected:
+  // In memory and queued all of them; a row for those that count as written and for no other.
+  void ExpectNothingLost(unsigned long long u64Last, unsigned int uAllocation) {
+    EXPECT_EQ(IdRange(1, u64Last), Peer().Ids()) << uAllocation;
+    EXPECT_EQ(u64Last, Peer().QueueCount(1)) << uAllocation;
+    EXPECT_EQ(Rows(), Peer().Ids(2)) << uAllocation;
+  }
+};
+
+TEST_F(StoreMemoryTest, AnIntakeWithoutMemoryIsRefusedOrFilesItsRecordWhole) {
+  bool bFailed = true;
+  for (unsigned int uAllocation = 1; bFailed; ++uAllocation) {
+    ASSERT_LT(uAllocation, kMoreThanEnough);
+    Open();
+    const CPString strSender(kSenderText);
+    const CPString strData("the data of a record, which is longer than a short string");
+    int iRet = 0;
+    bool bThrown = false;
+    {
+      const CNthAllocationFault fault(uAllocation);
+      try {
+        iRet = Data().AddDataAction(0, 1, 1, 1, 1, strSender, strData, strData, strData);
+      } catch (const std::bad_alloc&) {
+        bThrown = true;
+      }
+      bFailed = fault.HasFailed();
+    }
+    EXPECT_FALSE(bThrown) << uAllocation;
+    if (iRet == 0) {
+      ExpectNothingLost(1, uAllocation);
+    } else {
+      EXPECT_EQ(static_cast<int>(0xE0010003), iRet) << uAllocation;
+      EXPECT_EQ(0u, Peer().MapSize()) << uAllocation;
+      EXPECT_TRUE(Rows().empty()) << uAllocation;
+    }
+    m_pData.reset();
+    std::filesystem::remove_all(CachePath());
+  }
+}
+
+TEST_F(StoreMemoryTest, ASaveWithoutMemoryLosesNothing) {
+  bool bFailed = true;
+  for (unsigned int uAllocation = 1; bFailed; ++uAllocation) {
+    ASSERT_LT(uAllocation, kMoreThanEnough);
+    Open();
+    AddPending(1, 3);
+    {
+      const CNthAllocationFault fault(uAllocation);
+      EXPECT_EQ(1, Data().SaveCacheToDb());
+      bFailed = fault.HasFailed();
+    }
+    ExpectNothingLost(3, uAllocation);
+    EXPECT_EQ(1, Data().SaveCacheToDb());
+    EXPECT_EQ((DataIds{1, 2, 3}), Rows()) << uAllocation;
+    EXPECT_EQ((DataIds{1, 2, 3}), Peer().Ids(2)) << uAllocation;
+    m_pData.reset();
+    std::filesystem::remove_all(CachePath());
+  }
+}
+
+TEST_F(StoreMemoryTest, ASaveThatFindsNoRoomForItsStatementLeavesTheRecordsPending) {
+  Open();
+  EXPECT_EQ(0, Add(1));
+  const std::string strLong(200000, 'x');
+  Peer().SetDataFlowFlag(1);
+  EXPECT_EQ(0, Add(2, kSenderText, strLong.c_str()));
+  EXPECT_EQ(0, Add(3, kSenderText, strLong.c_str()));
+  {
+    const CLargeAllocationFault fault(100000);
+    EXPECT_EQ(1, Data().SaveCacheToDb());
+  }
+  EXPECT_EQ((DataIds{2, 3}), Peer().Ids(1));
+  EXPECT_EQ((DataIds{1}), Rows());
+  EXPECT_EQ(1, Data().SaveCacheToDb());
+  EXPECT_EQ((DataIds{1, 2, 3}), Rows());
+}
+
+TEST_F(StoreMemoryTest, AnIntakeThatFindsNoRoomForItsStatementLeavesTheRecordPending) {
+  Open();
+  EXPECT_EQ(0, Add(1));
+  const CPString strLong(std::string(200000, 'x').c_str());
+  {
+    const CLargeAllocationFault fault(100000);
+    EXPECT_EQ(0, Data().AddDataAction(0, 2, 1, 1, 1, kSenderText, "prod", "comb", strLong));
+  }
+  EXPECT_EQ(1, Status(2));
+  EXPECT_EQ(2u, Peer().QueueCount(1));
+  EXPECT_EQ(1, Data().SaveCacheToDb());
+  EXPECT_EQ((DataIds{1, 2}), Rows());
+}
+
+}  // namespace
