@@ -3,8 +3,8 @@
 //
 // Writing repairs: a write that fails is tried again with the payload in base64; a file with evidence of damage is
 // backed up, removed and written anew. A record that a sound file refuses twice is dropped with result 0, so that
-// nobody retries it for ever; this is meant. Want of memory is no refusal: it is the result. Without evidence of damage nothing is removed, and the write's own error
-// is the result.
+// nobody retries it for ever; this is meant. Want of memory is no refusal: it is the result. Without evidence of damage
+// nothing is removed, and the write's own error is the result.
 //
 // The file is removed by nobody but a repair, also when the object goes.
 //

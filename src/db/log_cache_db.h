@@ -80,6 +80,9 @@ class CLogCacheDb {
   void BackupDbFile(const CPString& strDbFile);
   // 1 when at least one block was read and handed to zlib, else 0.
   int GenZipFile(const char* pszSrcFile, const char* pszZipFile);
+
+ private:
+  DbCheck ExamineOnce(const CPString& strFile);
 };
 
 #endif  // QMLOGCACHE_DB_LOG_CACHE_DB_H_

@@ -29,6 +29,18 @@ void MakeOwnersFile(const char* pszPath) {
   }
 }
 
+// Makes a file and its name durable. What fails here is nobody's to mend: the damaged file goes either way.
+void SyncToDisk(const CPString& strFile) {
+  const CPString strDirectory(strFile.View().substr(0, strFile.View().rfind('/') + 1));
+  for (const char* pszPath : {strFile.c_str(), strDirectory.c_str()}) {
+    const int iFile = open(pszPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (iFile >= 0) {
+      static_cast<void>(fsync(iFile));
+      close(iFile);
+    }
+  }
+}
+
 struct GzClose {
   void operator()(gzFile_s* pFile) const { gzclose(pFile); }
 };
@@ -100,6 +112,7 @@ void CLogCacheDb::BackupDbFile(const CPString& strDbFile) {
   }
   CheckpointIntoFile(strDbFile.c_str());
   static_cast<void>(GenZipFile(strDbFile.c_str(), strNewer.c_str()));
+  SyncToDisk(strNewer);  // before the only other copy goes
   static_cast<void>(remove(strDbFile.c_str()));
   RemoveSideFiles(strDbFile.c_str());
   // The field shows the path without ".db" and not the backup's name; meant.

@@ -1,6 +1,7 @@
 // Opening, creating and checking cache files.
 #include <sqlite3.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 
@@ -56,6 +57,13 @@ sqlite3* OpenDbFile(const CPString& strFile, int& iRet) {
   return nullptr;
 }
 
+// A row may also tell of a page that could not be read for want of memory or by a failing disk; that is no damage.
+bool TellsOfDamage(const char* pszRow) {
+  constexpr char kErrorCode[] = "error code=";
+  const char* pszCode = strstr(pszRow, kErrorCode);
+  return pszCode == nullptr || IsEvidenceOfDamage(atoi(pszCode + sizeof(kErrorCode) - 1));
+}
+
 // Runs the quick check on an open file.
 DbCheck RunQuickCheck(sqlite3* pHandle) {
   sqlite3_stmt* pStmt = nullptr;
@@ -72,7 +80,7 @@ DbCheck RunQuickCheck(sqlite3* pHandle) {
         result = DbCheck::Sound;
         break;
       }
-      bProblem = true;
+      bProblem = bProblem || TellsOfDamage(pszText);
     }
     if (result != DbCheck::Sound && bProblem) {
       result = DbCheck::Damaged;
@@ -119,6 +127,12 @@ int CLogCacheDb::CheckDbFile(const CPString& strFile) {
 }
 
 DbCheck CLogCacheDb::ExamineDbFile(const CPString& strFile) {
+  // What is damaged is damaged the second time too; a failure that has passed by then was none.
+  const DbCheck first = ExamineOnce(strFile);
+  return first == DbCheck::Damaged ? ExamineOnce(strFile) : first;
+}
+
+DbCheck CLogCacheDb::ExamineOnce(const CPString& strFile) {
   int iRet = SQLITE_OK;
   sqlite3* pHandle = nullptr;
   try {

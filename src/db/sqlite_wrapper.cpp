@@ -61,6 +61,10 @@ void RestrictSchema(sqlite3* pDb) {
 }
 
 int OpenConnection(const std::string& strPath, sqlite3** ppDb) {
+  struct stat info {};
+  if (lstat((strPath + "-journal").c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    return SQLITE_CANTOPEN;  // SQLite would open it, and wait for good if it is a FIFO
+  }
   // One thread uses a connection, from open to close.
   constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_PRIVATECACHE;
   const int iRet = sqlite3_open_v2(strPath.c_str(), ppDb, kFlags, WalVfsName());
@@ -135,8 +139,6 @@ int sqlite3_createdb(const char* pszPath, sqlite3** ppDb) {
   if (strPath.empty()) {
     return SQLITE_CANTOPEN;
   }
-  // What an earlier file left beside it must not be taken for this one's.
-  RemoveSideFiles(strPath.c_str());
   constexpr mode_t kOwnerOnly = 0600;
   const int iFile = open(strPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
   struct stat info {};
@@ -145,6 +147,9 @@ int sqlite3_createdb(const char* pszPath, sqlite3** ppDb) {
   } else if (!IsRegularFile(strPath.c_str(), info) || info.st_size != 0) {
     return SQLITE_CANTOPEN;
   }
+  // What an earlier file left beside it must not be taken for this one's. Not before the file is known to be new: a file
+  // that merely could not be looked at keeps its log.
+  RemoveSideFiles(strPath.c_str());
   const int iRet = OpenConnection(strPath, ppDb);
   return iRet == SQLITE_OK ? Pragma(*ppDb, "PRAGMA synchronous=EXTRA;") : iRet;
 }

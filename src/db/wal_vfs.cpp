@@ -6,17 +6,19 @@
 #include <unistd.h>
 
 #include <exception>
+#include <map>
 #include <mutex>
-#include <set>
 #include <string>
+#include <utility>
 
 namespace {
 
 constexpr char kName[] = "qmlogcache";
 
 struct SyncedLogs {
-  std::mutex mutex;                // guards the set
-  std::set<std::string> setPaths;  // logs whose names this process has made durable
+  std::mutex mutex;  // guards the map
+  // Logs whose names this process has made durable, and which file each was.
+  std::map<std::string, std::pair<dev_t, ino_t>> mapLogs;
 };
 
 // Never destroyed: a thread may outlive static destruction.
@@ -44,19 +46,21 @@ bool IsNameDurable(const char* pszPath) {
   const std::lock_guard guard(synced.mutex);
   const std::string strPath(pszPath);
   if (!bThere) {
-    synced.setPaths.erase(strPath);
+    synced.mapLogs.erase(strPath);
     return false;
   }
   if (info.st_size == 0) {
     return false;
   }
-  if (synced.setPaths.contains(strPath)) {
+  const std::pair identity(info.st_dev, info.st_ino);
+  const auto it = synced.mapLogs.find(strPath);
+  if (it != synced.mapLogs.end() && it->second == identity) {
     return true;
   }
   if (!SyncDirectoryOf(strPath)) {
     return false;
   }
-  synced.setPaths.insert(strPath);
+  synced.mapLogs[strPath] = identity;
   return true;
 }
 

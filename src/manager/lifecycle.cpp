@@ -51,7 +51,11 @@ CLogCacheMgr::~CLogCacheMgr() {
 CLogCacheMgr* CLogCacheMgr::Instance() {
   CLogCacheMgr* pThis = m_pThis.load();
   if (pThis == nullptr) {
-    pThis = new (std::nothrow) CLogCacheMgr;
+    try {
+      pThis = new (std::nothrow) CLogCacheMgr;
+    } catch (const std::bad_alloc&) {
+      pThis = nullptr;  // a member found no memory
+    }
     m_pThis.store(pThis);
   }
   return pThis;

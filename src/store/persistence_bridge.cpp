@@ -17,8 +17,14 @@ bool CLogCacheData::InitCacheData() {
   uint32_t dwDataCountLimit = 0;
   uint32_t dwLocalDataCountLimit = 0;
   uint32_t dwDataCoverFlag = 0;
-  if (!m_LogCacheMon.InitLogCacheMon(dwDataFlowFlag, dwDataCountLimit, dwLocalDataCountLimit, dwDataCoverFlag,
-                                     m_strLogCachePath)) {
+  bool bLoaded = false;
+  try {
+    bLoaded = m_LogCacheMon.InitLogCacheMon(dwDataFlowFlag, dwDataCountLimit, dwLocalDataCountLimit, dwDataCoverFlag,
+                                            m_strLogCachePath);
+  } catch (const std::bad_alloc&) {
+    // Told below.
+  }
+  if (!bLoaded) {
     LogPrintStr(g_hLog, kLogMissing, "**qmlogcache CLogCacheData::InitCacheData Error InitLogCacheMon");
     return false;
   }
