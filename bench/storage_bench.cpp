@@ -34,12 +34,12 @@ void CountSync(int iFile) {
 }  // namespace
 
 // SQLite reaches these through ordinary dynamic symbols.
-extern "C" int fsync(int iFile) {
+extern "C" [[gnu::visibility("default")]] int fsync(int iFile) {
   static const auto pfnNext = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
   CountSync(iFile);
   return pfnNext(iFile);
 }
-extern "C" int fdatasync(int iFile) {
+extern "C" [[gnu::visibility("default")]] int fdatasync(int iFile) {
   static const auto pfnNext = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fdatasync"));
   CountSync(iFile);
   return pfnNext(iFile);

@@ -2,7 +2,8 @@
 // SQLite, where a busy file would look like a damaged one, and where closing one descriptor of a file drops the locks
 // of all.
 //
-// The last lock in the order: nothing else is locked while it is held.
+// The last lock of the component's order: while it is held, only locks are taken that take no other themselves, those of
+// the log, of the durable logs' table (db/wal_vfs.h) and of SQLite.
 #ifndef QMLOGCACHE_CACHEFILE_FILE_LOCK_H_
 #define QMLOGCACHE_CACHEFILE_FILE_LOCK_H_
 

@@ -49,7 +49,8 @@ class CLogCacheFile {
   CLogCacheFile(const CLogCacheFile&) = delete;
   CLogCacheFile& operator=(const CLogCacheFile&) = delete;
 
-  // strLogCachePath ends in "/". Touches no disk: the file is made when it is first written. Always true.
+  // strLogCachePath ends in "/". Touches no disk: the file is made when it is first written. Always true. Without a
+  // directory every write fails with kStatusNoObject: the working directory is nobody's cache.
   bool InitFile(uint32_t dwCountLimit, const CPString& strLogCachePath, const CPString& strFileName);
   // Full path of the file.
   CPString GetLogCacheFile() const;

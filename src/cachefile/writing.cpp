@@ -29,6 +29,9 @@ CPString CLogCacheFile::GetLogCacheFile() const {
 }
 
 int CLogCacheFile::WriteWithRepair(const std::function<int(int iDataType)>& write) {
+  if (m_strLogCachePath.IsEmpty()) {
+    return kStatusNoObject;
+  }
   const int iFirst = write(kDataPlain);
   if (iFirst == kStatusOk) {
     return kStatusOk;
@@ -61,6 +64,9 @@ int CLogCacheFile::AddCacheData(unsigned long long u64DataId, int iPriv, int iMs
 }
 
 int CLogCacheFile::DeleteCacheData(unsigned long long u64DataId) {
+  if (m_strLogCachePath.IsEmpty()) {
+    return kStatusNoObject;
+  }
   CCriticalSectionGuard guard(m_csLock);
   const CFileLock fileLock(m_strLogCacheFile);
   const int iRet = m_db.DeleteDbData(u64DataId, m_strLogCacheFile);

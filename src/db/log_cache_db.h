@@ -6,7 +6,7 @@
 // dataid is the rowid, so rowid order is the order of arrival. datatype tells how data is stored: 0 as text, 1 as
 // base64 of the payload; it says nothing about the payload itself. The reserved columns are never written.
 //
-// Life of a file: made by the first operation that finds no file (or one of zero bytes, a creation that was cut short);
+// Life of a file: made by the first operation that finds no file (or an empty one, a creation that was cut short);
 // grown by inserts, shrunk by VACUUM; when damaged, compressed into NAME1.db.zip (gzip; the one before becomes
 // NAME2.db.zip) and removed together with its side files, so that the next operation makes a new one.
 //

@@ -1,5 +1,6 @@
 // VACUUM, and the compressed backups of damaged files.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -41,6 +42,20 @@ void SyncToDisk(const CPString& strFile) {
   }
 }
 
+// For reading. Null for whatever is no regular file: a link is not followed, a FIFO not waited for.
+FILE* OpenRegularFile(const char* pszPath) {
+  const int iFile = open(pszPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (iFile < 0) {
+    return nullptr;
+  }
+  struct stat info {};
+  FILE* pFile = fstat(iFile, &info) == 0 && S_ISREG(info.st_mode) ? fdopen(iFile, "rb") : nullptr;
+  if (pFile == nullptr) {
+    close(iFile);
+  }
+  return pFile;
+}
+
 struct GzClose {
   void operator()(gzFile_s* pFile) const { gzclose(pFile); }
 };
@@ -71,7 +86,7 @@ int CLogCacheDb::GenZipFile(const char* pszSrcFile, const char* pszZipFile) {
   if (pszSrcFile == nullptr || pszZipFile == nullptr) {
     return 0;
   }
-  const std::unique_ptr<FILE, FileClose> pSource(fopen(pszSrcFile, "rbe"));
+  const std::unique_ptr<FILE, FileClose> pSource(OpenRegularFile(pszSrcFile));
   if (pSource == nullptr) {
     return 0;
   }

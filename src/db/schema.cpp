@@ -1,9 +1,10 @@
 // Opening, creating and checking cache files.
 #include <sqlite3.h>
 
-#include <cstdlib>
+#include <charconv>
 #include <cstring>
 #include <exception>
+#include <string_view>
 
 #include "db/log_cache_db.h"
 #include "db/sqlite_wrapper.h"
@@ -60,8 +61,14 @@ sqlite3* OpenDbFile(const CPString& strFile, int& iRet) {
 // A row may also tell of a page that could not be read for want of memory or by a failing disk; that is no damage.
 bool TellsOfDamage(const char* pszRow) {
   constexpr char kErrorCode[] = "error code=";
-  const char* pszCode = strstr(pszRow, kErrorCode);
-  return pszCode == nullptr || IsEvidenceOfDamage(atoi(pszCode + sizeof(kErrorCode) - 1));
+  const std::string_view svRow(pszRow);
+  const size_t uCode = svRow.find(kErrorCode);
+  if (uCode == std::string_view::npos) {
+    return true;
+  }
+  int iCode = 0;
+  std::from_chars(pszRow + uCode + sizeof(kErrorCode) - 1, pszRow + svRow.size(), iCode);
+  return IsEvidenceOfDamage(iCode);
 }
 
 // Runs the quick check on an open file.

@@ -18,6 +18,9 @@ namespace {
 
 constexpr std::array<const char*, 3> kSideFiles = {"-journal", "-wal", "-shm"};
 
+// SQLite takes a file of one byte for an empty one, too: sound, and without the table that every insert needs.
+constexpr off_t kEmptyFileSize = 1;
+
 // The path with its directory's symbolic links resolved, so that SQLite may be told to follow none. The last component
 // is kept as it is. Empty when the directory is not there.
 std::string ResolveDirectory(const char* pszPath) {
@@ -99,12 +102,14 @@ int UseWriteAheadLog(sqlite3* pDb) {
   sqlite3_wal_hook(pDb, TruncateLongLog, nullptr);
   if (!UsesWriteAheadLog(pDb)) {
     const int iRet = Pragma(pDb, "PRAGMA synchronous=EXTRA;PRAGMA journal_mode=WAL;");
-    if (iRet == SQLITE_BUSY || iRet == SQLITE_LOCKED) {
-      // Somebody else has the file open for good: stay with the rollback journal this time, at full strength.
-      return SQLITE_OK;
-    }
-    if (iRet != SQLITE_OK) {
+    const bool bBusy = iRet == SQLITE_BUSY || iRet == SQLITE_LOCKED;
+    if (iRet != SQLITE_OK && !bBusy) {
       return iRet;
+    }
+    if (bBusy || !UsesWriteAheadLog(pDb)) {
+      // Somebody else has the file open for good, or SQLite will not have a log there (it tells no error then): stay
+      // with the rollback journal this time, at full strength.
+      return SQLITE_OK;
     }
   }
   // EXTRA is FULL for a write-ahead log, and still EXTRA should an operator put the file back to a rollback journal.
@@ -116,7 +121,7 @@ int UseWriteAheadLog(sqlite3* pDb) {
 
 bool IsCutShort(const char* pszPath) {
   struct stat info {};
-  return IsRegularFile(pszPath, info) && info.st_size == 0;
+  return IsRegularFile(pszPath, info) && info.st_size <= kEmptyFileSize;
 }
 
 int sqlite3_opendb(const char* pszPath, sqlite3** ppDb) {
@@ -144,7 +149,7 @@ int sqlite3_createdb(const char* pszPath, sqlite3** ppDb) {
   struct stat info {};
   if (iFile >= 0) {
     close(iFile);
-  } else if (!IsRegularFile(strPath.c_str(), info) || info.st_size != 0) {
+  } else if (!IsRegularFile(strPath.c_str(), info) || info.st_size > kEmptyFileSize) {
     return SQLITE_CANTOPEN;
   }
   // What an earlier file left beside it must not be taken for this one's. Not before the file is known to be new: a file

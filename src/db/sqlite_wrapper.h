@@ -20,7 +20,7 @@ inline constexpr int kBusyTimeoutMs = 30000;
 
 // Opens an existing database file for reading and writing.
 int sqlite3_opendb(const char* pszPath, sqlite3** ppDb);
-// Creates the file (taking over one of zero bytes, removing side files left by an earlier one) and opens it.
+// Creates the file (taking over an empty one, removing side files left by an earlier one) and opens it.
 int sqlite3_createdb(const char* pszPath, sqlite3** ppDb);
 int sqlite3_closedb(sqlite3* pDb);
 // Runs every statement of the text in turn.
@@ -40,9 +40,10 @@ void CheckpointIntoFile(const char* pszPath);
 // The same for an open database, without waiting for readers: what they hold back stays in the log.
 void CheckpointOpenFile(sqlite3* pDb);
 // Undoes a transaction whose rollback journal still stands beside the file. A file whose creation was cut short may be
-// longer than zero bytes before, and is empty after.
+// longer before, and is empty after.
 void RollBackJournal(const char* pszPath);
-// Whether a file of zero bytes stands there: a creation that was cut short.
+// Whether an empty file stands there, of zero bytes or of the one byte that SQLite takes for none: a creation, or
+// something else, that was cut short.
 bool IsCutShort(const char* pszPath);
 
 #endif  // QMLOGCACHE_DB_SQLITE_WRAPPER_H_

@@ -42,24 +42,27 @@ bool SyncDirectoryOf(const std::string& strPath) {
 bool IsNameDurable(const char* pszPath) {
   struct stat info {};
   const bool bThere = lstat(pszPath, &info) == 0;
-  SyncedLogs& synced = Synced();
-  const std::lock_guard guard(synced.mutex);
   const std::string strPath(pszPath);
-  if (!bThere) {
-    synced.mapLogs.erase(strPath);
-    return false;
-  }
-  if (info.st_size == 0) {
-    return false;
-  }
   const std::pair identity(info.st_dev, info.st_ino);
-  const auto it = synced.mapLogs.find(strPath);
-  if (it != synced.mapLogs.end() && it->second == identity) {
-    return true;
+  SyncedLogs& synced = Synced();
+  {
+    const std::lock_guard guard(synced.mutex);
+    if (!bThere) {
+      synced.mapLogs.erase(strPath);
+      return false;
+    }
+    if (info.st_size == 0) {
+      return false;
+    }
+    const auto it = synced.mapLogs.find(strPath);
+    if (it != synced.mapLogs.end() && it->second == identity) {
+      return true;
+    }
   }
   if (!SyncDirectoryOf(strPath)) {
     return false;
   }
+  const std::lock_guard guard(synced.mutex);
   synced.mapLogs[strPath] = identity;
   return true;
 }

@@ -19,8 +19,8 @@
 // left to write.
 //
 // What a load must not bring back. It reads the files without the store's lock, so a record may be settled between the
-// reading of its row and its filing. While a load runs, the ids of deleted records are kept, and none of them is filed. A
-// record settled while its intake writes its row goes, with the row and whatever a load made of it, when that is done.
+// reading of its row and its filing. While a load runs, the ids of deleted records are kept, and none of them is filed.
+// A record settled while its intake writes its row goes, with the row and whatever a load made of it, when that is done.
 //
 // Locks: m_csExecData guards the maps. Public operations take it and call their ...Locked twins; a twin never takes it
 // again. It may be held while a cache file's lock is taken, never the reverse. The queues are used without it.

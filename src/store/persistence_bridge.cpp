@@ -108,8 +108,8 @@ int CLogCacheData::AddCacheData(_LogExecData* pExecData) {
     CCriticalSectionGuard guard(m_csExecData);
     pExecData->iDataSaveStatus = kSaveDone;
     if (pExecData->bErased) {
-      // Settled while its row was being written; the row must not outlive it, nor a record that a load makes or has made
-      // of it. A row that stays all the same is sent once more after the next load.
+      // Settled while its row was being written; the row must not outlive it, nor a record that a load makes or has
+      // made of it. A row that stays all the same is sent once more after the next load.
       static_cast<void>(DeleteCacheData(*pExecData));
       RememberDeletedLocked(pExecData->u64DataId);
       static_cast<void>(DeleteExecDataMapLocked(pExecData->u64DataId));

@@ -9,9 +9,9 @@ bool HasZeroByte(const std::string& strText) {
 }  // namespace
 
 bool CFileModel::Open(Failure failure) {
-  const bool bCreate = m_state == State::Missing || m_state == State::Empty;
+  const bool bCreate = m_state == State::Missing || m_state == State::Empty || m_state == State::OneByte;
   if (bCreate && (failure == kOpening || failure == kCreation)) {
-    m_state = State::Empty;
+    m_state = m_state == State::Missing ? State::Empty : m_state;
     return false;
   }
   if (failure == kOpening) {
@@ -123,7 +123,9 @@ void CFileModel::Spoil(Spoiling spoiling) {
     case kRemove:
       m_state = State::Missing;
       break;
-    case kCutToByte:  // to SQLite a file of one byte is an empty database
+    case kCutToByte:
+      m_state = State::OneByte;
+      break;
     case kDropTable:
       m_state = State::NoTable;
       break;

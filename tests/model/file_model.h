@@ -32,7 +32,8 @@ class CFileModel {
  public:
   enum class State {
     Missing,
-    Empty,  // zero bytes: a creation that was cut short
+    Empty,    // zero bytes: a creation that was cut short
+    OneByte,  // empty to SQLite
     Sound,
     NoTable,
     Damaged,

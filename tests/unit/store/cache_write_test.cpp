@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/status_codes.h"
 #include "tests/unit/store/store_fixture.h"
 
 namespace {
@@ -226,6 +227,16 @@ TEST_F(CacheWriteTest, AddCacheDataWritesAPendingRecordAndMarksIt) {
   EXPECT_EQ(0, Data().AddCacheData(Peer().Find(1)));
   EXPECT_EQ((DataIds{1}), Rows());
   EXPECT_EQ(1u, Inserts());
+}
+
+TEST_F(CacheWriteTest, AStoreThatWasNeverConfiguredWritesNothingIntoTheWorkingDirectory) {
+  CLogCacheData data;
+  EXPECT_EQ(0, data.AddDataAction(0, 1, 1, 1, 1, kSenderText, "prod", "comb", "text"));
+  EXPECT_EQ(0, data.AddDataAction(0, 2, 1, 1, 2, kSenderText, "prod", "comb", "text"));
+  EXPECT_EQ(1, data.SaveCacheToDb());
+  EXPECT_EQ(1, CLogCacheDataPeer(data).Find(1)->iDataSaveStatus.Load());
+  EXPECT_EQ(kStatusNoObject, data.DeleteDataAction(2));
+  EXPECT_FALSE(Exists(std::string(kSenderText) + ".db"));
 }
 
 }  // namespace
