@@ -2,7 +2,6 @@
 // objects.
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <new>
 #include <thread>
@@ -239,23 +238,17 @@ bool CLogCacheMgr::IsThreadGone(ThreadKind kind) {
 }
 
 void CLogCacheMgr::CancelThreads(ThreadKind kind, const char* pszFormat) {
-  std::vector<pthread_t> vecThreadIds;
-  if (!HasThreadEnded(kind)) {
-    CCriticalSectionGuard guard(m_csStatus);
-    vecThreadIds = AliveOf(kind);
-  }
-  for (const pthread_t hThreadId : vecThreadIds) {
-    LogPrint(g_hLog, kLogWarning, pszFormat, hThreadId);
-    CCriticalSectionGuard guard(m_csStatus);
-    const std::vector<pthread_t>& vecAlive = AliveOf(kind);
-    if (std::find(vecAlive.begin(), vecAlive.end(), hThreadId) != vecAlive.end()) {
-      // Under the lock the thread cannot end, so its id still names it. It is unwound only at a window of its own, which
-      // it never opens while it holds a lock.
-      pthread_cancel(hThreadId);
-    }
-  }
   CCriticalSectionGuard guard(m_csStatus);
   IdOf(kind) = 0;
+  if (StatusOf(kind) == kThreadEnded) {
+    return;
+  }
+  for (const pthread_t hThreadId : AliveOf(kind)) {
+    LogPrint(g_hLog, kLogWarning, pszFormat, hThreadId);
+    // Under the lock the thread cannot end, so its id still names it. It is unwound only at a window of its own, which
+    // it never opens while it holds a lock.
+    pthread_cancel(hThreadId);
+  }
 }
 
 void CLogCacheMgr::WakeThreads() {
