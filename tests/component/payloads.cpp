@@ -33,6 +33,16 @@ std::string ResultPayload(uint64_t u64DataId, uint32_t uResult) {
   return strPayload;
 }
 
+std::string ContentOf(std::string_view svText) {
+  constexpr std::string_view kOpen = "<end=1><msg=";
+  const size_t uAt = svText.find(kOpen);
+  if (uAt == std::string_view::npos || !svText.ends_with('>')) {
+    return {};
+  }
+  const size_t uBegin = uAt + kOpen.size();
+  return std::string(svText.substr(uBegin, svText.size() - uBegin - 1));
+}
+
 std::string ToHex(uint64_t u64Number) {
   std::ostringstream stream;
   stream << std::hex << u64Number;

@@ -39,6 +39,9 @@ struct SentFields {
 // The text in which a record of kProducer must leave.
 std::string ExpectedText(const SentFields& fields);
 
+// The record's own data inside the tagged text; empty for any other text.
+std::string ContentOf(std::string_view svText);
+
 std::string ToHex(uint64_t u64Number);
 
 #endif  // QMLOGCACHE_TESTS_COMPONENT_PAYLOADS_H_

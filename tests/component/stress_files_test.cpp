@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 
 #include "cache_files.h"
+#include "payloads.h"
 #include "stress_fixture.h"
 
 namespace {

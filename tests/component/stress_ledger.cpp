@@ -14,16 +14,6 @@ bool IsRetryable(uint32_t uResult) {
 
 }  // namespace
 
-std::string ContentOf(std::string_view svText) {
-  constexpr std::string_view kOpen = "<end=1><msg=";
-  const size_t uAt = svText.find(kOpen);
-  if (uAt == std::string_view::npos || !svText.ends_with('>')) {
-    return {};
-  }
-  const size_t uBegin = uAt + kOpen.size();
-  return std::string(svText.substr(uBegin, svText.size() - uBegin - 1));
-}
-
 void CStressLedger::BeginLife() {
   const std::lock_guard<std::mutex> guard(m_mutex);
   m_totals = {};

@@ -35,9 +35,6 @@ struct LedgerTotals {
   uint64_t Held() const { return u64Accepted - Settled(); }
 };
 
-// The record's own data inside the tagged text.
-std::string ContentOf(std::string_view svText);
-
 class CStressLedger {
  public:
   // A new life begins, which knows nothing of the ones before: their ids are remembered as such.
