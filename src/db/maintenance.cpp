@@ -42,26 +42,69 @@ void SyncToDisk(const CPString& strFile) {
   }
 }
 
-// For reading. Null for whatever is no regular file: a link is not followed, a FIFO not waited for.
-FILE* OpenRegularFile(const char* pszPath) {
+// For reading. -1 for whatever is no regular file: a link is not followed, a FIFO not waited for.
+int OpenRegularFile(const char* pszPath) {
   const int iFile = open(pszPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (iFile < 0) {
-    return nullptr;
-  }
   struct stat info {};
-  FILE* pFile = fstat(iFile, &info) == 0 && S_ISREG(info.st_mode) ? fdopen(iFile, "rb") : nullptr;
-  if (pFile == nullptr) {
+  if (iFile >= 0 && (fstat(iFile, &info) != 0 || !S_ISREG(info.st_mode))) {
     close(iFile);
+    return -1;
   }
-  return pFile;
+  return iFile;
 }
 
 struct GzClose {
   void operator()(gzFile_s* pFile) const { gzclose(pFile); }
 };
+using GzFile = std::unique_ptr<gzFile_s, GzClose>;
 struct FileClose {
   void operator()(FILE* pFile) const { fclose(pFile); }
 };
+using RegularFile = std::unique_ptr<FILE, FileClose>;
+
+RegularFile ReadRegularFile(const char* pszPath) {
+  const int iFile = OpenRegularFile(pszPath);
+  RegularFile pFile(iFile < 0 ? nullptr : fdopen(iFile, "rb"));
+  if (pFile == nullptr && iFile >= 0) {
+    close(iFile);
+  }
+  return pFile;
+}
+
+GzFile ReadBackup(const char* pszPath) {
+  const int iFile = OpenRegularFile(pszPath);
+  GzFile pFile(iFile < 0 ? nullptr : gzdopen(iFile, "rb"));
+  if (pFile == nullptr && iFile >= 0) {
+    close(iFile);
+  }
+  return pFile;
+}
+
+std::unique_ptr<char[]> MakeBlock() {
+  return std::unique_ptr<char[]>(new (std::nothrow) char[kBlockSize]());
+}
+
+// Whether a backup holds nothing but the file that is to be backed up, or its beginning: what a process leaves that ends
+// while it writes the backup, or before it has removed the file.
+bool IsBeginningOf(const char* pszBackup, const char* pszFile) {
+  const RegularFile pFile = ReadRegularFile(pszFile);
+  const GzFile pBackup = ReadBackup(pszBackup);
+  const std::unique_ptr<char[]> pHeld = MakeBlock();
+  const std::unique_ptr<char[]> pWanted = MakeBlock();
+  if (pFile == nullptr || pBackup == nullptr || pHeld == nullptr || pWanted == nullptr) {
+    return false;
+  }
+  int iRead = 0;
+  while ((iRead = gzread(pBackup.get(), pHeld.get(), static_cast<unsigned int>(kBlockSize))) > 0) {
+    const auto uRead = static_cast<size_t>(iRead);
+    if (fread(pWanted.get(), 1, uRead, pFile.get()) != uRead || memcmp(pHeld.get(), pWanted.get(), uRead) != 0) {
+      return false;
+    }
+  }
+  int iError = Z_OK;
+  static_cast<void>(gzerror(pBackup.get(), &iError));
+  return iError == Z_OK || iError == Z_BUF_ERROR;  // the latter: it ends too early
+}
 
 }  // namespace
 
@@ -86,16 +129,16 @@ int CLogCacheDb::GenZipFile(const char* pszSrcFile, const char* pszZipFile) {
   if (pszSrcFile == nullptr || pszZipFile == nullptr) {
     return 0;
   }
-  const std::unique_ptr<FILE, FileClose> pSource(OpenRegularFile(pszSrcFile));
+  const RegularFile pSource = ReadRegularFile(pszSrcFile);
   if (pSource == nullptr) {
     return 0;
   }
   MakeOwnersFile(pszZipFile);
-  const std::unique_ptr<gzFile_s, GzClose> pTarget(gzopen(pszZipFile, "wb"));
+  const GzFile pTarget(gzopen(pszZipFile, "wb"));
   if (pTarget == nullptr) {
     return 0;
   }
-  const std::unique_ptr<char[]> pBlock(new (std::nothrow) char[kBlockSize]());
+  const std::unique_ptr<char[]> pBlock = MakeBlock();
   if (pBlock == nullptr) {
     return 0;
   }
@@ -122,10 +165,12 @@ void CLogCacheDb::BackupDbFile(const CPString& strDbFile) {
   strOlder.Format("%s%d%s.zip", strBase.c_str(), kOlderBackup, strSuffix.c_str());
   CPString strNewer;
   strNewer.Format("%s1%s.zip", strBase.c_str(), strSuffix.c_str());
-  if (access(strNewer.c_str(), F_OK) == 0) {
+  CheckpointIntoFile(strDbFile.c_str());
+  const bool bMakesRoom = access(strOlder.c_str(), F_OK) == 0;
+  // A backup of this very file, left by a process that was killed, must not cost an earlier file its last backup.
+  if (access(strNewer.c_str(), F_OK) == 0 && !(bMakesRoom && IsBeginningOf(strNewer.c_str(), strDbFile.c_str()))) {
     static_cast<void>(rename(strNewer.c_str(), strOlder.c_str()));
   }
-  CheckpointIntoFile(strDbFile.c_str());
   static_cast<void>(GenZipFile(strDbFile.c_str(), strNewer.c_str()));
   SyncToDisk(strNewer);  // before the only other copy goes
   static_cast<void>(remove(strDbFile.c_str()));

@@ -1,6 +1,7 @@
 // Opening, creating and checking cache files.
 #include <sqlite3.h>
 
+#include <array>
 #include <charconv>
 #include <cstring>
 #include <exception>
@@ -64,11 +65,34 @@ bool TellsOfDamage(const char* pszRow) {
   const std::string_view svRow(pszRow);
   const size_t uCode = svRow.find(kErrorCode);
   if (uCode == std::string_view::npos) {
-    return true;
+    return svRow.find("failed to get page") == std::string_view::npos;  // of a payload's chain; it tells no code
   }
   int iCode = 0;
   std::from_chars(pszRow + uCode + sizeof(kErrorCode) - 1, pszRow + svRow.size(), iCode);
   return IsEvidenceOfDamage(iCode);
+}
+
+// Whether every byte of an open file and of its log can be read. To SQLite a file is corrupt whose disk answers EIO.
+bool IsReadable(sqlite3* pHandle) {
+  for (const int iWhich : {SQLITE_FCNTL_FILE_POINTER, SQLITE_FCNTL_JOURNAL_POINTER}) {
+    sqlite3_file* pFile = nullptr;
+    if (sqlite3_file_control(pHandle, nullptr, iWhich, static_cast<void*>(&pFile)) != SQLITE_OK || pFile == nullptr ||
+        pFile->pMethods == nullptr) {
+      continue;
+    }
+    sqlite3_int64 i64Size = 0;
+    if (pFile->pMethods->xFileSize(pFile, &i64Size) != SQLITE_OK) {
+      return false;
+    }
+    std::array<char, 4096> block{};
+    for (sqlite3_int64 i64At = 0; i64At < i64Size; i64At += static_cast<sqlite3_int64>(block.size())) {
+      const int iRet = pFile->pMethods->xRead(pFile, block.data(), static_cast<int>(block.size()), i64At);
+      if (iRet != SQLITE_OK && iRet != SQLITE_IOERR_SHORT_READ) {
+        return false;
+      }
+    }
+  }
+  return true;
 }
 
 // Runs the quick check on an open file.
@@ -97,7 +121,7 @@ DbCheck RunQuickCheck(sqlite3* pHandle) {
     result = DbCheck::Damaged;
   }
   wrap_sqlite3_finalize(pStmt);
-  return result;
+  return result == DbCheck::Damaged && !IsReadable(pHandle) ? DbCheck::Unknown : result;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <new>
 
 #include "monitor/log_cache_mon.h"
 #include "platform/file_info.h"
@@ -43,25 +44,33 @@ int CLogCacheMon::IniParserCallback(void* pUser, const char* pszSection, const c
     return iLine;
   }
   auto& mon = *static_cast<CLogCacheMon*>(pUser);
-  const auto isKey = [pszName](const char* pszKey) { return strcasecmp(pszName, pszKey) == 0; };
-  if (isKey("logcachepath")) {
-    mon.m_strCfgLogCachePath = pszValue;
-  } else if (isKey("logcachesize")) {
-    mon.m_u64LogCacheSize = ParseSize(pszValue);
-  } else if (isKey("logcachetotalsize")) {
-    mon.m_u64LogCacheTotalSize = ParseSize(pszValue);
-  } else if (isKey("diskfreesize")) {
-    mon.m_u64DiskFreeSpace = ParseSize(pszValue);
-  } else if (isKey("dataflowflag")) {
-    mon.m_dwDataFlowFlag = ParseCount(pszValue);
-  } else if (isKey("datacountlimit")) {
-    mon.m_dwDataCountLimit = ParseCount(pszValue);
-  } else if (isKey("localdatacountlimit")) {
-    mon.m_dwLocalDataCountLimit = ParseCount(pszValue);
-  } else if (isKey("datacoverflag")) {
-    mon.m_dwDataCoverFlag = ParseCount(pszValue);
+  try {
+    mon.TakeSetting(pszName, pszValue);
+  } catch (const std::bad_alloc&) {
+    mon.m_bSettingLost = true;  // nothing is thrown through the reader
   }
   return iLine;
+}
+
+void CLogCacheMon::TakeSetting(const char* pszName, const char* pszValue) {
+  const auto isKey = [pszName](const char* pszKey) { return strcasecmp(pszName, pszKey) == 0; };
+  if (isKey("logcachepath")) {
+    m_strCfgLogCachePath = pszValue;
+  } else if (isKey("logcachesize")) {
+    m_u64LogCacheSize = ParseSize(pszValue);
+  } else if (isKey("logcachetotalsize")) {
+    m_u64LogCacheTotalSize = ParseSize(pszValue);
+  } else if (isKey("diskfreesize")) {
+    m_u64DiskFreeSpace = ParseSize(pszValue);
+  } else if (isKey("dataflowflag")) {
+    m_dwDataFlowFlag = ParseCount(pszValue);
+  } else if (isKey("datacountlimit")) {
+    m_dwDataCountLimit = ParseCount(pszValue);
+  } else if (isKey("localdatacountlimit")) {
+    m_dwLocalDataCountLimit = ParseCount(pszValue);
+  } else if (isKey("datacoverflag")) {
+    m_dwDataCoverFlag = ParseCount(pszValue);
+  }
 }
 
 bool CLogCacheMon::InitLogCacheMon(uint32_t& dwDataFlowFlag, uint32_t& dwDataCountLimit,
@@ -76,7 +85,11 @@ bool CLogCacheMon::InitLogCacheMon(uint32_t& dwDataFlowFlag, uint32_t& dwDataCou
   CPString strConfigFile;
   strConfigFile.Format("%s/../etc/qmlogcache/qmlogcache.conf", szModulePath.data());
   // A missing file, or what comes after a syntax error, leaves the defaults.
+  m_bSettingLost = false;
   static_cast<void>(wrap_ini_parse(strConfigFile.c_str(), IniParserCallback, this));
+  if (m_bSettingLost) {
+    throw std::bad_alloc();  // rather that than another directory than the configured one
+  }
 
   dwDataFlowFlag = m_dwDataFlowFlag;
   dwDataCountLimit = m_dwDataCountLimit;

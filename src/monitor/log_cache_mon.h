@@ -23,7 +23,8 @@ class CLogCacheMon {
 
   // --- Configuration: configuration.cpp ---
   // Reads the configuration file beside the running program, resolves and makes the cache directory. False, with
-  // nothing written, when the program's own directory is unknown; a missing or faulty file leaves the defaults.
+  // nothing written, when the program's own directory is unknown; a missing or faulty file leaves the defaults. Throws
+  // std::bad_alloc.
   [[nodiscard]] bool InitLogCacheMon(uint32_t& dwDataFlowFlag, uint32_t& dwDataCountLimit,
                                      uint32_t& dwLocalDataCountLimit, uint32_t& dwDataCoverFlag,
                                      CPString& strLogCachePath);
@@ -54,6 +55,7 @@ class CLogCacheMon {
  private:
   friend class CLogCacheMonPeer;  // tests
 
+  void TakeSetting(const char* pszName, const char* pszValue);
   int StopCaching(int iRet, const char* pszFormat, unsigned long long u64Real, unsigned long long u64Limit)
       QM_REQUIRES(m_csCheck);
 
@@ -64,6 +66,7 @@ class CLogCacheMon {
   uint32_t m_dwDataCountLimit = 500000;
   uint32_t m_dwLocalDataCountLimit = 100000;
   uint32_t m_dwDataCoverFlag = 0;
+  bool m_bSettingLost = false;    // for want of memory
   CPString m_strCfgLogCachePath;  // as configured, relative to the program's directory
   CPString m_strLogCachePath;     // resolved
   QmCriticalSection m_csCheck;

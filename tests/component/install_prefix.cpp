@@ -45,7 +45,7 @@ std::string ConfigurationFile(const std::string& strRoot) {
 
 }  // namespace
 
-CInstallPrefix::CInstallPrefix() : m_strRoot(MakeTemporaryDirectory()) {
+CInstallPrefix::CInstallPrefix() : m_strRoot(MakeTemporaryDirectory()), m_bOwn(true) {
   std::filesystem::create_directories(m_strRoot + "/bin");
   std::filesystem::create_directories(m_strRoot + "/etc/qmlogcache");
   std::filesystem::create_directories(m_strRoot + "/data");
@@ -53,10 +53,16 @@ CInstallPrefix::CInstallPrefix() : m_strRoot(MakeTemporaryDirectory()) {
   FailModulePath(0);
 }
 
+CInstallPrefix::CInstallPrefix(const std::string& strRoot) : m_strRoot(strRoot), m_bOwn(false) {
+  FailModulePath(0);
+}
+
 CInstallPrefix::~CInstallPrefix() {
   SetModulePath({}, ENOENT);
-  std::error_code ignored;
-  std::filesystem::remove_all(m_strRoot, ignored);
+  if (m_bOwn) {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_strRoot, ignored);
+  }
 }
 
 void CInstallPrefix::Configure(const std::string& strKeys) {

@@ -11,7 +11,9 @@ class CInstallPrefix {
  public:
   // Configured to keep records in memory only, so that a test that is not about files makes none.
   CInstallPrefix();
-  // Removes the directory with everything in it.
+  // The installation of another process, at that root: it is left as it is, and stays.
+  explicit CInstallPrefix(const std::string& strRoot);
+  // Removes the directory with everything in it, if it is this object's own.
   ~CInstallPrefix();
   CInstallPrefix(const CInstallPrefix&) = delete;
   CInstallPrefix& operator=(const CInstallPrefix&) = delete;
@@ -31,6 +33,7 @@ class CInstallPrefix {
 
  private:
   std::string m_strRoot;
+  bool m_bOwn;
 };
 
 #endif  // QMLOGCACHE_TESTS_COMPONENT_INSTALL_PREFIX_H_

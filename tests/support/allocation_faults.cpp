@@ -6,15 +6,18 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <new>
 
 #include "platform/api.h"
+#include "platform/cpstring.h"
 #include "tests/support/allocation_pause.h"
 
 namespace {
 thread_local bool t_bFail = false;
-thread_local unsigned int t_uUntilFault = 0;  // allocations up to and with the one that fails; 0: none does
+thread_local unsigned int t_uUntilFault = 0;         // allocations up to and with the one that fails; 0: none does
+thread_local unsigned int t_uStringsUntilFault = 0;  // the same for strings
 thread_local std::size_t t_uLarge = SIZE_MAX;
 }  // namespace
 
@@ -33,6 +36,16 @@ CNthAllocationFault::~CNthAllocationFault() {
 }
 bool CNthAllocationFault::HasFailed() const {
   return t_uUntilFault == 0;
+}
+
+CNthStringFault::CNthStringFault(unsigned int uNth) {
+  t_uStringsUntilFault = uNth;
+}
+CNthStringFault::~CNthStringFault() {
+  t_uStringsUntilFault = 0;
+}
+bool CNthStringFault::HasFailed() const {
+  return t_uStringsUntilFault == 0;
 }
 
 CLargeAllocationFault::CLargeAllocationFault(unsigned long ulBytes) {
@@ -78,6 +91,20 @@ QM_PLATFORM_API void* operator new(std::size_t uSize, const std::nothrow_t& /*no
     return nullptr;
   }
 }
+
+// In place of the platform library's.
+inline namespace qmplatform_v1 {
+CPString::CPString(std::string_view svText) {
+  if (!CAllocationPause::IsPaused() && t_uStringsUntilFault != 0 && --t_uStringsUntilFault == 0) {
+    throw std::bad_alloc();
+  }
+  char* pBytes = nullptr;
+  *this = Allocate(svText.size(), &pBytes);
+  if (pBytes != nullptr) {
+    std::memcpy(pBytes, svText.data(), svText.size());
+  }
+}
+}  // namespace qmplatform_v1
 
 // Read by the sanitizers' run-time libraries at start, if there are any.
 extern "C" {

@@ -23,6 +23,18 @@ class CNthAllocationFault {
   bool HasFailed() const;
 };
 
+// While it lives, one CPString of the calling thread that is made of text finds no memory, the uNth from its construction
+// on. The strings' memory does not come by way of new.
+class CNthStringFault {
+ public:
+  explicit CNthStringFault(unsigned int uNth);
+  ~CNthStringFault();
+  CNthStringFault(const CNthStringFault&) = delete;
+  CNthStringFault& operator=(const CNthStringFault&) = delete;
+  // Whether that many were made.
+  bool HasFailed() const;
+};
+
 // While it lives, every allocation of the calling thread by way of new that asks for ulBytes or more fails.
 class CLargeAllocationFault {
  public:

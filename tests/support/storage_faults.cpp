@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
@@ -23,6 +24,8 @@ struct State {
   std::vector<std::string> vecStatements;
   std::function<int(std::string_view)> execHook;
   std::function<bool(std::string_view)> encodeHook;
+  std::function<void(const std::string&)> syncHook;
+  std::function<int(std::string_view)> statHook;
   std::function<int(const char*, struct statvfs*)> statvfsHook;
   std::string strModulePath;
   int iModuleErrno = 0;
@@ -62,8 +65,23 @@ void CountSync(int iFile) {
   struct stat info {};
   const bool bDirectory = fstat(iFile, &info) == 0 && S_ISDIR(info.st_mode);
   State& state = TheState();
-  const std::lock_guard lock(state.mutex);
-  ++(bDirectory ? state.uDirectorySyncs : state.uFileSyncs);
+  const CAllocationPause pause;
+  std::function<void(const std::string&)> hook;
+  {
+    const std::lock_guard lock(state.mutex);
+    ++(bDirectory ? state.uDirectorySyncs : state.uFileSyncs);
+    hook = state.syncHook;
+  }
+  if (hook) {
+    hook(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(iFile)).string());
+  }
+}
+
+// The error number with which the question for a file is to fail, 0 for none.
+int StatError(const char* pszPath) {
+  const CAllocationPause pause;
+  const auto hook = Locked(&State::statHook);
+  return hook ? hook(pszPath) : 0;
 }
 
 }  // namespace
@@ -74,6 +92,8 @@ void CStorageFaults::Reset() {
   state.vecStatements.clear();
   state.execHook = nullptr;
   state.encodeHook = nullptr;
+  state.syncHook = nullptr;
+  state.statHook = nullptr;
   state.statvfsHook = nullptr;
   state.strModulePath.clear();
   state.iModuleErrno = 0;
@@ -115,6 +135,14 @@ void CStorageFaults::ThrowOnClose(bool bThrow) {
 
 void CStorageFaults::SetEncodeHook(std::function<bool(std::string_view)> hook) {
   Set(&State::encodeHook, std::move(hook));
+}
+
+void CStorageFaults::SetSyncHook(std::function<void(const std::string&)> hook) {
+  Set(&State::syncHook, std::move(hook));
+}
+
+void CStorageFaults::SetStatHook(std::function<int(std::string_view)> hook) {
+  Set(&State::statHook, std::move(hook));
 }
 
 void CStorageFaults::SetStatvfs(std::function<int(const char*, struct statvfs*)> hook) {
@@ -170,6 +198,20 @@ QM_PLATFORM_API int fdatasync(int iFile) {
   static const auto pfnReal = RealFunction<int (*)(int)>("fdatasync");
   CountSync(iFile);
   return Locked(&State::bSkipSyncs) ? 0 : pfnReal(iFile);
+}
+
+QM_PLATFORM_API int stat(const char* pszPath, struct stat* pInfo) noexcept {
+  static const auto pfnReal = RealFunction<int (*)(const char*, struct stat*)>("stat");
+  const int iError = StatError(pszPath);
+  errno = iError != 0 ? iError : errno;
+  return iError != 0 ? -1 : pfnReal(pszPath, pInfo);
+}
+
+QM_PLATFORM_API int lstat(const char* pszPath, struct stat* pInfo) noexcept {
+  static const auto pfnReal = RealFunction<int (*)(const char*, struct stat*)>("lstat");
+  const int iError = StatError(pszPath);
+  errno = iError != 0 ? iError : errno;
+  return iError != 0 ? -1 : pfnReal(pszPath, pInfo);
 }
 
 QM_PLATFORM_API char* base64Encode(const char* pData, int iLength, int iReserved) {

@@ -1,5 +1,5 @@
 // Functions below the storage layers that delegate, and tell or fail on request: sqlite3_exec, sqlite3_close, fsync,
-// fdatasync, base64Encode, statvfs and QmGetModuleFilePath are defined in the test executable.
+// fdatasync, stat, lstat, base64Encode, statvfs and QmGetModuleFilePath are defined in the test executable.
 //
 // All functions may be called from any thread; hooks run without a lock.
 #ifndef QMLOGCACHE_TESTS_SUPPORT_STORAGE_FAULTS_H_
@@ -30,6 +30,10 @@ class CStorageFaults {
   static unsigned int DirectorySyncs();
   // Syncs are counted and not done while this is on.
   static void SkipSyncs(bool bSkip);
+  // Called before each sync with the path of what is synced.
+  static void SetSyncHook(std::function<void(const std::string& strPath)> hook);
+  // Called by stat and lstat; a non-zero answer is the error number with which the call fails.
+  static void SetStatHook(std::function<int(std::string_view svPath)> hook);
   // What statvfs answers, and whether it fails. Empty: the real one.
   static void SetStatvfs(std::function<int(const char* pszPath, struct statvfs* pStat)> hook);
   // The directory that the running program seems to lie in. With an error number the question fails instead.

@@ -1,4 +1,5 @@
 // Single writes, batches, deletes, and repairs.
+#include <cerrno>
 #include <chrono>
 #include <future>
 #include <numeric>
@@ -165,6 +166,16 @@ TEST_F(WritingTest, WithoutDescriptorsNothingIsRemoved) {
   }
   EXPECT_FALSE(Exists(Backup()));
   EXPECT_EQ(Ids{1}, IdsOf(m_strFile));
+}
+
+TEST_F(WritingTest, AFileThatCannotBeLookedAtIsNeitherBackedUpNorWrittenAnew) {
+  EXPECT_EQ(0, Add(m_file, 1));
+  EXPECT_EQ(0, Add(m_file, 2));
+  CStorageFaults::SetStatHook([this](std::string_view svPath) { return svPath == m_strFile ? EACCES : 0; });
+  EXPECT_EQ(kStatusNoConnection, Add(m_file, 3));
+  CStorageFaults::SetStatHook(nullptr);
+  EXPECT_FALSE(Exists(Backup()));
+  EXPECT_EQ((Ids{1, 2}), IdsOf(m_strFile));
 }
 
 TEST_F(WritingTest, ABusyFileIsWaitedForAndNotTakenForDamaged) {

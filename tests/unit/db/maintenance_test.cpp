@@ -100,6 +100,22 @@ TEST_F(DbMaintenanceTest, ABackupHoldsWhatStoodInTheLog) {
   EXPECT_EQ((std::vector<unsigned long long>{1, 2, 3, 4}), IdsOf(Path("unpacked.db")));
 }
 
+TEST_F(DbMaintenanceTest, ABackupAndItsNameAreDurableBeforeTheFileGoes) {
+  const std::string strBackup = Path("a1.db.zip");
+  m_directory.Write("a.db", NoDatabase());
+  m_directory.Write("a1.db.zip", "the one before");
+  std::vector<std::string> vecSynced;
+  CStorageFaults::SetSyncHook([&](const std::string& strPath) {
+    vecSynced.push_back(strPath);
+    EXPECT_TRUE(Exists(Path("a.db"))) << strPath;
+    EXPECT_EQ(NoDatabase(), Unpacked(strBackup)) << strPath;
+    EXPECT_EQ("the one before", BytesOf(Path("a2.db.zip"))) << strPath;
+  });
+  Backup("a.db");
+  EXPECT_EQ((std::vector<std::string>{strBackup, m_directory.Path()}), vecSynced);
+  EXPECT_FALSE(Exists(Path("a.db")));
+}
+
 TEST_F(DbMaintenanceTest, ABackupIsItsOwnersAloneAndFollowsNoLink) {
   const mode_t oldMask = umask(0);
   m_directory.Write("precious", "keep");

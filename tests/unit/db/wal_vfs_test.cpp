@@ -64,6 +64,21 @@ TEST_F(WalVfsTest, ALogThatAnotherToolRemovedIsMadeDurableAgain) {
   EXPECT_EQ((std::vector<unsigned long long>{1, 2, 3, 4}), IdsOf(m_strFile));
 }
 
+TEST_F(WalVfsTest, ALogThatAnotherToolPutInThePlaceOfAKnownOneIsMadeDurableOnce) {
+  for (unsigned long long u64DataId = 1; u64DataId <= 4; ++u64DataId) {
+    Insert(m_strFile, u64DataId);
+  }
+  ASSERT_EQ(0U, CStorageFaults::DirectorySyncs());
+  const std::string strLog = m_strFile + "-wal";
+  std::filesystem::copy_file(strLog, Path("copy"));  // another file: both are there at the same time
+  std::filesystem::rename(Path("copy"), strLog);
+  Insert(m_strFile, 5);
+  EXPECT_EQ(1U, CStorageFaults::DirectorySyncs());
+  Insert(m_strFile, 6);
+  EXPECT_EQ(0U, CStorageFaults::DirectorySyncs());
+  EXPECT_EQ((std::vector<unsigned long long>{1, 2, 3, 4, 5, 6}), IdsOf(m_strFile));
+}
+
 TEST_F(WalVfsTest, ALogOfUnknownOriginIsMadeDurableOnce) {
   for (unsigned long long u64DataId = 1; u64DataId <= 3; ++u64DataId) {
     Insert(m_strFile, u64DataId);

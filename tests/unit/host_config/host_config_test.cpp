@@ -139,6 +139,23 @@ TEST_F(HostConfigTest, BrokenHeadersAndStrayBytesAreProblems) {
                 "F:2: section name longer than 49 bytes; the lines under it are not read");
 }
 
+TEST_F(HostConfigTest, AHeaderWhoseBracketStandsInACommentIsAProblem) {
+  ExpectProblem("[plugin a]\n[log ; here]\nmax_files=3\n",
+                "F:2: section header without ']'; the lines under it are not read");
+  ExpectProblem("[plugin a]\n[log\t;]\nnonsense=3\n",
+                "F:2: section header without ']'; the lines under it are not read");
+  ExpectProblem("[plugin a]\n[log;x]\n", "F:2: unknown section [log;x]; did you mean log?");
+}
+
+TEST_F(HostConfigTest, BlanksAroundAByteOrderMarkAreNoProblem) {
+  for (const char* pszHeader :
+       {"\xEF\xBB\xBF[plugin a]\n", "\xEF\xBB\xBF  [plugin a]\n", " \t\xEF\xBB\xBF[plugin a]\n"}) {
+    EXPECT_EQ(Load(std::string(pszHeader) + "[log]\nmax_files=2\n"), std::vector<std::string>{}) << pszHeader;
+    EXPECT_EQ(m_Config.uLogMaxFiles, 2U) << pszHeader;
+    EXPECT_EQ(m_Config.vecPlugins.size(), 1U) << pszHeader;
+  }
+}
+
 TEST_F(HostConfigTest, CommentsBlanksIndentationAndAByteOrderMarkAreNoProblems) {
   EXPECT_EQ(Load("\xEF\xBB\xBF# top\n\n  ; more\n[plugin a] ; here\n  enabled: yes ; and here\n  \t\n[log]\r\n"
                  "  levels=3\r\n  max_files=2\n"),

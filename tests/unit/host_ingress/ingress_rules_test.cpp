@@ -35,7 +35,7 @@ TEST_F(IngressRulesTest, TheFirstFrameMustBeAHello) {
   ExpectFailure(IngressFailure::Malformed, strMessage, false);
   ExpectFailure(IngressFailure::Malformed, Prefix(0xFFFFFFFF), false);
   ExpectFailure(IngressFailure::Malformed, Prefix(0), false);
-  ExpectFailure(IngressFailure::Malformed, Prefix(12) + std::string(12, 'x'), false);
+  ExpectFailure(IngressFailure::Malformed, Prefix(12).append(12, 'x'), false);
   ExpectFailure(IngressFailure::Malformed, "GET / HTTP/1.1\r\n\r\n", false);
   EXPECT_TRUE(m_pRouter->Deliveries().empty());
   ExpectStillServes(other, 1);
@@ -52,7 +52,7 @@ TEST_F(IngressRulesTest, FramesTooShortForAMessageAreMalformed) {
   Serve();
   CTestProducer other(Path());
   for (const uint32_t uLength : {0U, 1U, 31U}) {
-    ExpectFailure(IngressFailure::Malformed, Prefix(uLength) + "\x03" + std::string(31, '\0'));
+    ExpectFailure(IngressFailure::Malformed, Prefix(uLength).append("\x03").append(31, '\0'));
   }
   EXPECT_TRUE(m_pRouter->Deliveries().empty());
   ExpectStillServes(other, 1);

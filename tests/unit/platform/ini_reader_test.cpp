@@ -102,9 +102,33 @@ TEST_F(IniReaderTest, KeysUnderABadHeaderBelongToNoSection) {
   EXPECT_EQ(m_vecKeys, (Keys{strLongest + "|x|1|2"}));
 }
 
+TEST_F(IniReaderTest, AHeaderWhoseBracketStandsInACommentIsABadLine) {
+  EXPECT_EQ(Parse("[a]\nx=1\n[b ; c]\ny=2\n[c]\nz=3\n"), 3);
+  EXPECT_EQ(m_vecKeys, (Keys{"a|x|1|2", "c|z|3|6"}));
+  EXPECT_EQ(Parse("[a]\nx=1\n[b\t;]\ny=2\n"), 3);
+  EXPECT_EQ(m_vecKeys, (Keys{"a|x|1|2"}));
+}
+
+TEST_F(IniReaderTest, ASemicolonInsideANameOrBehindTheBracketIsNoTrouble) {
+  EXPECT_EQ(Parse("[a;b]\nx=1\n[;c]\ny=2\n[d] ; ]\nz=3\n"), 0);
+  EXPECT_EQ(m_vecKeys, (Keys{"a;b|x|1|2", ";c|y|2|4", "d|z|3|6"}));
+}
+
 TEST_F(IniReaderTest, AByteOrderMarkIsSkipped) {
   EXPECT_EQ(Parse("\xEF\xBB\xBF[a]\nx=1\n"), 0);
   EXPECT_EQ(m_vecKeys, (Keys{"a|x|1|2"}));
+  EXPECT_EQ(Parse(" \xEF\xBB\xBF \t[a]\nx=1\n"), 0);
+  EXPECT_EQ(m_vecKeys, (Keys{"a|x|1|2"}));
+  EXPECT_EQ(Parse("\xEF\xBB\xBFx=1\n"), 0);
+  EXPECT_EQ(m_vecKeys, (Keys{"|x|1|1"}));
+}
+
+TEST_F(IniReaderTest, ABadHeaderBehindAByteOrderMarkIsABadLine) {
+  const std::string strTooLong(50, 's');
+  for (const std::string& strHeader : {std::string("[a"), std::string(" [a ; ]"), "[" + strTooLong + "]"}) {
+    EXPECT_EQ(Parse("\xEF\xBB\xBF" + strHeader + "\nx=1\n[b]\ny=2\n"), 1) << strHeader;
+    EXPECT_EQ(m_vecKeys, (Keys{"b|y|2|4"})) << strHeader;
+  }
 }
 
 TEST_F(IniReaderTest, WhatCannotBeReadIsMinusOne) {

@@ -120,7 +120,7 @@ TEST(JsonParseTest, TheDeepestAllowedNodeCanBeWrittenOut) {
 }
 
 TEST(JsonParseTest, BracketsInsideStringsAreNoNesting) {
-  const std::string strText = std::string(1000, '[') + "\\\"" + std::string(1000, '{');
+  const std::string strText = std::string(1000, '[').append("\\\"").append(1000, '{');
   CPJsonParse parser;
   EXPECT_TRUE(parser.LoadBuffer(CPString("{\"a\":\"" + strText + "\"}")));
   // Many nodes side by side are not deep either.

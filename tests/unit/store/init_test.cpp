@@ -1,6 +1,7 @@
 // Configuration, and the file objects of the senders.
 #include <cerrno>
 #include <filesystem>
+#include <new>
 #include <string>
 
 #include "tests/support/allocation_faults.h"
@@ -49,6 +50,49 @@ TEST_F(InitTest, FailsWhenTheProgramsDirectoryIsUnknownAndKeepsItsValues) {
   EXPECT_EQ(0u, peer.DataFlowFlag());
   EXPECT_EQ(500000u, peer.DataCountLimit());
   EXPECT_EQ("", peer.LogCachePath());
+}
+
+TEST_F(InitTest, WithoutMemoryItFailsWithALineAndKeepsItsValues) {
+  WriteConfig("dataflowflag = 1\ndatacountlimit = 20\n");
+  CLogCapture::SetHook([this](const LogLine& line) {
+    if (line.strText == ConfigLine(1, 20).strText) {
+      throw std::bad_alloc();
+    }
+  });
+  CLogCacheData data;
+  bool bLoaded = true;
+  EXPECT_NO_THROW(bLoaded = data.InitCacheData());
+  EXPECT_FALSE(bLoaded);
+  EXPECT_TRUE(LoggedExactly(
+      {ConfigLine(1, 20), {kMainChannel, 4, "**qmlogcache CLogCacheData::InitCacheData Error InitLogCacheMon"}}));
+  CLogCacheDataPeer peer(data);
+  EXPECT_EQ(0u, peer.DataFlowFlag());
+  EXPECT_EQ(500000u, peer.DataCountLimit());
+  CLogCapture::SetHook(nullptr);
+  EXPECT_TRUE(data.InitCacheData());
+  EXPECT_EQ(1u, peer.DataFlowFlag());
+  EXPECT_EQ(20u, peer.DataCountLimit());
+}
+
+TEST_F(InitTest, ASettingIsTakenOrTheInitFailsWhateverTextFindsNoMemory) {
+  constexpr unsigned int kMoreThanEnough = 100;
+  WriteConfig("logcachepath = ../data/elsewhere/\n");
+  const std::string strConfigured = m_directory.Path("bin/../data/elsewhere/");
+  unsigned int uRefused = 0;
+  bool bFailed = true;
+  for (unsigned int uNth = 1; bFailed; ++uNth) {
+    ASSERT_LT(uNth, kMoreThanEnough);
+    CLogCacheData data;
+    bool bLoaded = false;
+    {
+      const CNthStringFault fault(uNth);
+      EXPECT_NO_THROW(bLoaded = data.InitCacheData()) << uNth;
+      bFailed = fault.HasFailed();
+    }
+    uRefused += bLoaded ? 0 : 1;
+    EXPECT_EQ(bLoaded ? strConfigured : "", CLogCacheDataPeer(data).LogCachePath()) << uNth;
+  }
+  EXPECT_GT(uRefused, 0u);
 }
 
 TEST_F(InitTest, TwoSendersHaveTwoFilesAndASecondRecordUsesTheFirst) {

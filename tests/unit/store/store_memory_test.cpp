@@ -80,8 +80,7 @@ TEST_F(StoreMemoryTest, ASaveThatFindsNoRoomForItsStatementLeavesTheRecordsPendi
   }
   EXPECT_EQ((DataIds{2, 3}), Peer().Ids(1));
   EXPECT_EQ((DataIds{1}), Rows());
-  EXPECT_TRUE(
-      LoggedOnce(kMainChannel, 3, "*qmlogcache CLogCacheData::SaveCacheToDb Warn records not written[2]"));
+  EXPECT_TRUE(LoggedOnce(kMainChannel, 3, "*qmlogcache CLogCacheData::SaveCacheToDb Warn records not written[2]"));
   EXPECT_EQ(1, Data().SaveCacheToDb());
   EXPECT_EQ((DataIds{1, 2, 3}), Rows());
 }
