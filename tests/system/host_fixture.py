@@ -1,5 +1,6 @@
 """A qmhost of its own for a test: installation, configuration, data and socket in a temporary directory."""
 
+import base64
 import json
 import os
 import pathlib
@@ -26,6 +27,13 @@ def wait_until(condition, what):
         if time.monotonic() > deadline:
             raise AssertionError(f"waited in vain for {what}")
         time.sleep(0.02)
+
+
+def message_bytes(record):
+    """The data of a delivered record as it was sent."""
+    if "message_base64" in record:
+        return base64.b64decode(record["message_base64"])
+    return record["message"].encode()
 
 
 class HostTestCase(unittest.TestCase):

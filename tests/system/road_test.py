@@ -1,6 +1,5 @@
 """Records go in at qmsend and come out at the file link: all of them, once, byte for byte."""
 
-import base64
 import collections
 import os
 import pathlib
@@ -8,7 +7,7 @@ import random
 import string
 import unittest
 
-from host_fixture import HostTestCase, SANITIZED
+from host_fixture import HostTestCase, message_bytes, SANITIZED
 
 # Each is synced to its cache file before it is accepted, and its row deleted.
 MANY = 1_000 if SANITIZED else 5_000
@@ -16,13 +15,6 @@ MANY = 1_000 if SANITIZED else 5_000
 TEST_DATA = pathlib.Path(
     os.environ.get("QMLOGCACHE_TEST_DATA", pathlib.Path(__file__).resolve().parents[3] / "shared" / "data")
 )
-
-
-def message_bytes(record):
-    """The record's data as it was sent."""
-    if "message_base64" in record:
-        return base64.b64decode(record["message_base64"])
-    return record["message"].encode()
 
 
 def generated_lines(count, seed=1):
