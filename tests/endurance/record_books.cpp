@@ -8,6 +8,9 @@ std::string Balance::Text() const {
   for (const auto& [strReason, u64Count] : mapDropped) {
     strText += ", dropped (" + strReason + ") " + std::to_string(u64Count);
   }
+  if (u64Unanswered != 0) {
+    strText += ", kept without an answer " + std::to_string(u64Unanswered);
+  }
   return strText + ", repeats " + std::to_string(u64Repeats) + ", lost " + std::to_string(vecLost.size()) +
          ", invented " + std::to_string(vecInvented.size());
 }
@@ -19,6 +22,11 @@ void CRecordBooks::Told(const std::string& strContent, bool bAccepted) {
   } else {
     ++m_u64Refused;
   }
+}
+
+void CRecordBooks::LeftUnanswered(const std::string& strContent) {
+  const std::lock_guard<std::mutex> guard(m_mutex);
+  m_setUnanswered.insert(strContent);
 }
 
 void CRecordBooks::Ended(const std::string& strContent, Ending ending) {
@@ -66,12 +74,16 @@ Balance CRecordBooks::Close(const std::set<std::string>& setHeld) {
         ++balance.u64RefusedByRouter;
         break;
     }
-    if (!m_setAccepted.contains(strContent)) {
+    if (m_setUnanswered.contains(strContent)) {
+      ++balance.u64Unanswered;
+    } else if (!m_setAccepted.contains(strContent)) {
       balance.vecInvented.push_back(strContent.substr(0, 40));
     }
   }
   for (const std::string& strContent : setHeld) {
-    if (!m_setAccepted.contains(strContent)) {
+    if (m_setUnanswered.contains(strContent)) {
+      balance.u64Unanswered += m_mapEnded.contains(strContent) ? 0 : 1;
+    } else if (!m_setAccepted.contains(strContent)) {
       balance.vecInvented.push_back(strContent.substr(0, 40));
     } else if (!m_mapEnded.contains(strContent)) {
       ++balance.u64Held;

@@ -25,6 +25,7 @@ struct Balance {
   uint64_t u64RefusedByRouter = 0;
   uint64_t u64Held = 0;                        // and not ended
   uint64_t u64Repeats = 0;                     // endings after the first
+  uint64_t u64Unanswered = 0;                  // ended or held, and the producer never heard of it
   std::map<std::string, uint64_t> mapDropped;  // by reason, and not ended or held
   std::vector<std::string> vecLost;            // accepted, and nowhere
   std::vector<std::string> vecInvented;        // ended or held, and nobody was told that they were accepted
@@ -35,6 +36,8 @@ struct Balance {
 class CRecordBooks {
  public:
   void Told(const std::string& strContent, bool bAccepted);
+  // Its producer was told nothing, neither yes nor no: it may be anywhere or nowhere.
+  void LeftUnanswered(const std::string& strContent);
   void Ended(const std::string& strContent, Ending ending);
   // The component may have let it go, for a reason that its documents name.
   void MayBeDropped(const std::string& strContent, const std::string& strReason);
@@ -48,6 +51,7 @@ class CRecordBooks {
  private:
   std::mutex m_mutex;  // guards everything below
   std::set<std::string> m_setAccepted;
+  std::set<std::string> m_setUnanswered;
   uint64_t m_u64Refused = 0;
   std::map<std::string, Ending> m_mapEnded;  // the first ending of each
   uint64_t m_u64Repeats = 0;

@@ -47,6 +47,37 @@ TEST_F(DbMaintenanceTest, ABackupTakesTheFilesPlaceAndTheOneBeforeMovesOn) {
   EXPECT_EQ(3U, CLogCapture::Count(line.strChannel, line.iLevel, line.strText));
 }
 
+// What a process leaves that is killed while it writes a backup, or before it has removed the file.
+TEST_F(DbMaintenanceTest, ABackupOfTheSameFileThatWasLeftByAKillCostsNoEarlierOne) {
+  std::string strFile;
+  for (int i = 0; i < 100000; ++i) {
+    strFile += std::to_string(i);
+  }
+  const std::string strNewest = Path("a1.db.zip");
+  m_directory.Write("a.db", strFile);
+  ASSERT_EQ(1, m_db.GenZipFile(Path("a.db").c_str(), strNewest.c_str()));
+  const auto uWhole = std::filesystem::file_size(strNewest);
+  for (const auto uLeft : {uWhole, uWhole - 1, uWhole / 2, uintmax_t{0}}) {
+    m_directory.Write("a.db", strFile);
+    m_directory.Write("a2.db.zip", "an earlier file's");
+    std::filesystem::resize_file(strNewest, uLeft);
+    Backup("a.db");
+    EXPECT_EQ("an earlier file's", BytesOf(Path("a2.db.zip"))) << uLeft;
+    EXPECT_EQ(strFile, Unpacked(strNewest)) << uLeft;
+  }
+  // It costs nothing to move where there is none; and one that holds anything else always moves on.
+  std::filesystem::remove(Path("a2.db.zip"));
+  m_directory.Write("a.db", strFile);
+  Backup("a.db");
+  EXPECT_EQ(strFile, Unpacked(Path("a2.db.zip")));
+  m_directory.Write("a.db", strFile.substr(0, strFile.size() - 1));
+  Backup("a.db");
+  m_directory.Write("a.db", strFile.substr(1));
+  Backup("a.db");
+  EXPECT_EQ(strFile.substr(0, strFile.size() - 1), Unpacked(Path("a2.db.zip")));
+  EXPECT_EQ(strFile.substr(1), Unpacked(strNewest));
+}
+
 TEST_F(DbMaintenanceTest, OnlyTheExactExtensionIsCutFromABackupsName) {
   m_directory.Write("a.log", "x");
   m_directory.Write("b.DB", "y");
