@@ -166,9 +166,9 @@ void CLogCacheDb::BackupDbFile(const CPString& strDbFile) {
   CPString strNewer;
   strNewer.Format("%s1%s.zip", strBase.c_str(), strSuffix.c_str());
   CheckpointIntoFile(strDbFile.c_str());
-  const bool bMakesRoom = access(strOlder.c_str(), F_OK) == 0;
+  const bool bOlderGoes = access(strOlder.c_str(), F_OK) == 0;
   // A backup of this very file, left by a process that was killed, must not cost an earlier file its last backup.
-  if (access(strNewer.c_str(), F_OK) == 0 && !(bMakesRoom && IsBeginningOf(strNewer.c_str(), strDbFile.c_str()))) {
+  if (access(strNewer.c_str(), F_OK) == 0 && !(bOlderGoes && IsBeginningOf(strNewer.c_str(), strDbFile.c_str()))) {
     static_cast<void>(rename(strNewer.c_str(), strOlder.c_str()));
   }
   static_cast<void>(GenZipFile(strDbFile.c_str(), strNewer.c_str()));
