@@ -3,8 +3,9 @@
 //
 // Writing repairs: a write that fails is tried again with the payload in base64; a file with evidence of damage is
 // backed up, removed and written anew. A record that a sound file refuses twice is dropped with result 0, so that
-// nobody retries it for ever; this is meant. Want of memory is no refusal: it is the result. Without evidence of damage
-// nothing is removed, and the write's own error is the result.
+// nobody retries it for ever; this is meant. A statement that found no memory is no refusal: kStatusInsertThrew is the
+// result. Without evidence of damage, or where the file cannot be read to its end, nothing is removed, and the write's
+// own error is the result.
 //
 // The file is removed by nobody but a repair, also when the object goes.
 //
@@ -50,7 +51,7 @@ class CLogCacheFile {
   CLogCacheFile& operator=(const CLogCacheFile&) = delete;
 
   // strLogCachePath ends in "/". Touches no disk: the file is made when it is first written. Always true. Without a
-  // directory every write fails with kStatusNoObject: the working directory is nobody's cache.
+  // directory every write and delete fails with kStatusNoObject: the working directory is nobody's cache.
   bool InitFile(uint32_t dwCountLimit, const CPString& strLogCachePath, const CPString& strFileName);
   // Full path of the file.
   CPString GetLogCacheFile() const;

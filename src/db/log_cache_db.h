@@ -8,7 +8,7 @@
 //
 // Life of a file: made by the first operation that finds no file (or an empty one, a creation that was cut short);
 // grown by inserts, shrunk by VACUUM; when damaged, compressed into NAME1.db.zip (gzip; the one before becomes
-// NAME2.db.zip) and removed together with its side files, so that the next operation makes a new one.
+// NAME2.db.zip, unless a killed process left it of this very file) and removed together with its side files, so that the next operation makes a new one.
 //
 // CLogCacheDb has no state: every operation opens a connection of its own and closes it before it returns. What a
 // connection is set to stands in sqlite_wrapper.h. No operation retries; fallbacks are the cache file's.

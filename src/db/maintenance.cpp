@@ -21,13 +21,15 @@ constexpr char kDbSuffix[] = ".db";
 constexpr int kOlderBackup = 2;
 
 // Puts an empty file in place that only its owner can read, so that gzopen neither makes a wider one nor follows a link.
-void MakeOwnersFile(const char* pszPath) {
+// False when it cannot.
+bool MakeOwnersFile(const char* pszPath) {
   constexpr mode_t kOwnerOnly = 0600;
   unlink(pszPath);
   const int iFile = open(pszPath, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
   if (iFile >= 0) {
     close(iFile);
   }
+  return iFile >= 0;
 }
 
 // Makes a file and its name durable. What fails here is nobody's to mend: the damaged file goes either way.
@@ -84,26 +86,37 @@ std::unique_ptr<char[]> MakeBlock() {
   return std::unique_ptr<char[]>(new (std::nothrow) char[kBlockSize]());
 }
 
-// Whether a backup holds nothing but the file that is to be backed up, or its beginning: what a process leaves that ends
-// while it writes the backup, or before it has removed the file.
-bool IsBeginningOf(const char* pszBackup, const char* pszFile) {
+// What a backup holds of the file that is to be backed up.
+enum class Held {
+  Another,    // another file
+  Beginning,  // its beginning and nothing else: left by a process that ended while it wrote the backup
+  Whole,      // all of it: left by a process that ended before it had removed the file
+};
+
+Held WhatIsHeld(const char* pszBackup, const char* pszFile) {
   const RegularFile pFile = ReadRegularFile(pszFile);
   const GzFile pBackup = ReadBackup(pszBackup);
   const std::unique_ptr<char[]> pHeld = MakeBlock();
   const std::unique_ptr<char[]> pWanted = MakeBlock();
   if (pFile == nullptr || pBackup == nullptr || pHeld == nullptr || pWanted == nullptr) {
-    return false;
+    return Held::Another;
   }
   int iRead = 0;
   while ((iRead = gzread(pBackup.get(), pHeld.get(), static_cast<unsigned int>(kBlockSize))) > 0) {
     const auto uRead = static_cast<size_t>(iRead);
     if (fread(pWanted.get(), 1, uRead, pFile.get()) != uRead || memcmp(pHeld.get(), pWanted.get(), uRead) != 0) {
-      return false;
+      return Held::Another;
     }
   }
   int iError = Z_OK;
   static_cast<void>(gzerror(pBackup.get(), &iError));
-  return iError == Z_OK || iError == Z_BUF_ERROR;  // the latter: it ends too early
+  if (iError == Z_BUF_ERROR) {
+    return Held::Beginning;  // it ends too early
+  }
+  if (iError != Z_OK) {
+    return Held::Another;
+  }
+  return fgetc(pFile.get()) == EOF && ferror(pFile.get()) == 0 ? Held::Whole : Held::Beginning;
 }
 
 }  // namespace
@@ -133,8 +146,7 @@ int CLogCacheDb::GenZipFile(const char* pszSrcFile, const char* pszZipFile) {
   if (pSource == nullptr) {
     return 0;
   }
-  MakeOwnersFile(pszZipFile);
-  const GzFile pTarget(gzopen(pszZipFile, "wb"));
+  const GzFile pTarget(MakeOwnersFile(pszZipFile) ? gzopen(pszZipFile, "wb") : nullptr);
   if (pTarget == nullptr) {
     return 0;
   }
@@ -166,12 +178,15 @@ void CLogCacheDb::BackupDbFile(const CPString& strDbFile) {
   CPString strNewer;
   strNewer.Format("%s1%s.zip", strBase.c_str(), strSuffix.c_str());
   CheckpointIntoFile(strDbFile.c_str());
-  const bool bOlderGoes = access(strOlder.c_str(), F_OK) == 0;
   // A backup of this very file, left by a process that was killed, must not cost an earlier file its last backup.
-  if (access(strNewer.c_str(), F_OK) == 0 && !(bOlderGoes && IsBeginningOf(strNewer.c_str(), strDbFile.c_str()))) {
+  const bool bOlderGoes = access(strOlder.c_str(), F_OK) == 0;
+  const Held held = bOlderGoes ? WhatIsHeld(strNewer.c_str(), strDbFile.c_str()) : Held::Another;
+  if (held == Held::Another && access(strNewer.c_str(), F_OK) == 0) {
     static_cast<void>(rename(strNewer.c_str(), strOlder.c_str()));
   }
-  static_cast<void>(GenZipFile(strDbFile.c_str(), strNewer.c_str()));
+  if (held != Held::Whole) {
+    static_cast<void>(GenZipFile(strDbFile.c_str(), strNewer.c_str()));
+  }
   SyncToDisk(strNewer);  // before the only other copy goes
   static_cast<void>(remove(strDbFile.c_str()));
   RemoveSideFiles(strDbFile.c_str());

@@ -1,7 +1,6 @@
 // Opening, creating and checking cache files.
 #include <sqlite3.h>
 
-#include <array>
 #include <charconv>
 #include <cstring>
 #include <exception>
@@ -72,29 +71,6 @@ bool TellsOfDamage(const char* pszRow) {
   return IsEvidenceOfDamage(iCode);
 }
 
-// Whether every byte of an open file and of its log can be read. To SQLite a file is corrupt whose disk answers EIO.
-bool IsReadable(sqlite3* pHandle) {
-  for (const int iWhich : {SQLITE_FCNTL_FILE_POINTER, SQLITE_FCNTL_JOURNAL_POINTER}) {
-    sqlite3_file* pFile = nullptr;
-    if (sqlite3_file_control(pHandle, nullptr, iWhich, static_cast<void*>(&pFile)) != SQLITE_OK || pFile == nullptr ||
-        pFile->pMethods == nullptr) {
-      continue;
-    }
-    sqlite3_int64 i64Size = 0;
-    if (pFile->pMethods->xFileSize(pFile, &i64Size) != SQLITE_OK) {
-      return false;
-    }
-    std::array<char, 4096> block{};
-    for (sqlite3_int64 i64At = 0; i64At < i64Size; i64At += static_cast<sqlite3_int64>(block.size())) {
-      const int iRet = pFile->pMethods->xRead(pFile, block.data(), static_cast<int>(block.size()), i64At);
-      if (iRet != SQLITE_OK && iRet != SQLITE_IOERR_SHORT_READ) {
-        return false;
-      }
-    }
-  }
-  return true;
-}
-
 // Runs the quick check on an open file.
 DbCheck RunQuickCheck(sqlite3* pHandle) {
   sqlite3_stmt* pStmt = nullptr;
@@ -121,7 +97,7 @@ DbCheck RunQuickCheck(sqlite3* pHandle) {
     result = DbCheck::Damaged;
   }
   wrap_sqlite3_finalize(pStmt);
-  return result == DbCheck::Damaged && !IsReadable(pHandle) ? DbCheck::Unknown : result;
+  return result;
 }
 
 }  // namespace
@@ -171,10 +147,11 @@ DbCheck CLogCacheDb::ExamineOnce(const CPString& strFile) {
   } catch (const std::exception&) {
     return DbCheck::Unknown;
   }
-  if (pHandle == nullptr) {
-    return IsEvidenceOfDamage(iRet) ? DbCheck::Damaged : DbCheck::Unknown;
+  DbCheck result = IsEvidenceOfDamage(iRet) ? DbCheck::Damaged : DbCheck::Unknown;
+  if (pHandle != nullptr) {
+    result = RunQuickCheck(pHandle);
+    CloseDbFileHandle(&pHandle);
   }
-  const DbCheck result = RunQuickCheck(pHandle);
-  CloseDbFileHandle(&pHandle);
-  return result;
+  // To SQLite a file is corrupt, too, whose disk answers EIO.
+  return result == DbCheck::Damaged && !IsReadable(strFile.c_str()) ? DbCheck::Unknown : result;
 }

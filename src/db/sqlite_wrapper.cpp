@@ -5,9 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <climits>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -117,7 +119,45 @@ int UseWriteAheadLog(sqlite3* pDb) {
   return Pragma(pDb, QmGetStorageSync() >= kSyncFull ? "PRAGMA synchronous=EXTRA;" : "PRAGMA synchronous=NORMAL;");
 }
 
+// A missing file is readable. By way of SQLite's VFS, which keeps locks that a plain close would drop.
+bool IsFileReadable(const std::string& strPath) {
+  constexpr int kBlockSize = 65536;
+  struct stat info {};
+  if (lstat(strPath.c_str(), &info) != 0) {
+    return errno == ENOENT;
+  }
+  sqlite3_vfs* pVfs = sqlite3_vfs_find(nullptr);
+  if (!S_ISREG(info.st_mode) || pVfs == nullptr) {
+    return false;
+  }
+  const std::unique_ptr<void, decltype(&sqlite3_free)> pMemory(sqlite3_malloc(pVfs->szOsFile + kBlockSize),
+                                                               &sqlite3_free);
+  if (pMemory == nullptr) {
+    return false;
+  }
+  auto* pFile = static_cast<sqlite3_file*>(pMemory.get());
+  char* pBlock = static_cast<char*>(pMemory.get()) + pVfs->szOsFile;
+  memset(pFile, 0, static_cast<size_t>(pVfs->szOsFile));
+  int iOutFlags = 0;
+  constexpr int kFlags = SQLITE_OPEN_READONLY | SQLITE_OPEN_MAIN_DB | SQLITE_OPEN_NOFOLLOW;
+  if (pVfs->xOpen(pVfs, strPath.c_str(), pFile, kFlags, &iOutFlags) != SQLITE_OK) {
+    return false;
+  }
+  sqlite3_int64 i64Size = 0;
+  int iRet = pFile->pMethods->xFileSize(pFile, &i64Size);
+  for (sqlite3_int64 i64At = 0; iRet == SQLITE_OK && i64At < i64Size; i64At += kBlockSize) {
+    const auto iWanted = static_cast<int>(std::min<sqlite3_int64>(kBlockSize, i64Size - i64At));
+    iRet = pFile->pMethods->xRead(pFile, pBlock, iWanted, i64At);
+  }
+  pFile->pMethods->xClose(pFile);
+  return iRet == SQLITE_OK;
+}
+
 }  // namespace
+
+bool IsReadable(const char* pszPath) {
+  return IsFileReadable(pszPath) && IsFileReadable(std::string(pszPath) + "-wal");
+}
 
 bool IsCutShort(const char* pszPath) {
   struct stat info {};

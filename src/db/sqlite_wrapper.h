@@ -42,6 +42,8 @@ void CheckpointOpenFile(sqlite3* pDb);
 // Undoes a transaction whose rollback journal still stands beside the file. A file whose creation was cut short may be
 // longer before, and is empty after.
 void RollBackJournal(const char* pszPath);
+// Whether every byte of the file and of its write-ahead log can be read.
+bool IsReadable(const char* pszPath);
 // Whether an empty file stands there, of zero bytes or of the one byte that SQLite takes for none: a creation, or
 // something else, that was cut short.
 bool IsCutShort(const char* pszPath);

@@ -12,7 +12,8 @@
 // block.
 //
 // Locks. m_csStatus and m_csDataId are held for single reads and writes, never around a call; the one exception is
-// pthread_create and pthread_cancel under m_csStatus, so that a thread's id is valid whenever it can be read.
+// pthread_create, and pthread_cancel with its log line, under m_csStatus, so that a thread's id is valid whenever it can
+// be read.
 // m_csSettlement is held from the lookup of a result's record to the end of its action, so that of two results for one
 // record the second finds none; it comes before the store's lock and every other.
 // The gate's flags are relaxed atomics: callbacks write them, the work thread reads them, and a stale value is

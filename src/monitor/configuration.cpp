@@ -88,7 +88,7 @@ bool CLogCacheMon::InitLogCacheMon(uint32_t& dwDataFlowFlag, uint32_t& dwDataCou
   m_bSettingLost = false;
   static_cast<void>(wrap_ini_parse(strConfigFile.c_str(), IniParserCallback, this));
   if (m_bSettingLost) {
-    throw std::bad_alloc();  // rather that than another directory than the configured one
+    throw std::bad_alloc();  // rather that than a default in its place
   }
 
   dwDataFlowFlag = m_dwDataFlowFlag;

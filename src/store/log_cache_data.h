@@ -75,7 +75,8 @@ class CLogCacheData {
   // The sender's file object, made on first use and kept until the store goes; null when there is no memory for it.
   // Touches no disk.
   CLogCacheFile* GetLogCacheFile(const CPString& strPluginId);
-  // Writes every pending record to its cache file, in batches and without space checks; always 1. Holds the store's
+  // Writes every pending record to its cache file, in batches and without space checks, or one by one where a batch finds
+  // no memory; a level-3 line counts what stays pending. Always 1. Holds the store's
   // lock throughout.
   int SaveCacheToDb();
   // Files what is on disk and not in memory; 1, or 0 when the scan failed.

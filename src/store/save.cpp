@@ -53,12 +53,21 @@ class CBatch {
  private:
   template <typename Step>
   size_t Run(const Step& step) {
-    size_t uPending = 0;
+    int iRet = kStatusInsertThrew;
     try {
-      const int iRet = step();
-      if (m_file.BatchCount() != 0) {
-        return 0;  // not written yet
+      iRet = step();
+    } catch (const std::bad_alloc&) {
+      // The row, or the file's lock.
+    }
+    size_t uPending = 0;
+    if (iRet == kStatusInsertThrew) {
+      m_file.BatchBegin();
+      for (_LogExecData* pData : m_vecCollected) {
+        uPending += WriteAlone(*pData) ? 0 : 1;
       }
+    } else if (m_file.BatchCount() != 0) {
+      return 0;  // not written yet
+    } else {
       for (_LogExecData* pData : m_vecCollected) {
         if (iRet == kStatusOk) {
           pData->iDataSaveStatus = kSaveDone;
@@ -66,11 +75,6 @@ class CBatch {
         pData->bWriting.store(false);
       }
       uPending = iRet == kStatusOk ? 0 : m_vecCollected.size();
-    } catch (const std::bad_alloc&) {
-      m_file.BatchBegin();
-      for (_LogExecData* pData : m_vecCollected) {
-        uPending += WriteAlone(*pData) ? 0 : 1;
-      }
     }
     m_vecCollected.clear();
     return uPending;

@@ -1,5 +1,8 @@
 // Records that are written in a save: at stop, and when sends keep failing.
+#include <sqlite3.h>
+
 #include <algorithm>
+#include <thread>
 
 #include "cache_file_fixture.h"
 
@@ -168,6 +171,36 @@ TEST_F(SaveTest, MoreThanSixteenFailuresWriteWhatIsPendingAndWhatComes) {
   EXPECT_EQ(Rows().size() + Rows(kOtherProducerText).size(), 3u);
   const std::vector<uint64_t> vecIds = RowIds();
   EXPECT_EQ(std::count(vecIds.begin(), vecIds.end(), IdOf(5)), 0);
+}
+
+TEST_F(SaveTest, AStopWhileASaveRunsWritesEveryRecordOnce) {
+  constexpr int kFailuresBeforeSave = 16;
+  m_clock.SetEventDivisor(1000);
+  BeginConnectedLife();
+  ASSERT_TRUE(WaitForLoads(1));
+  FileRecord(10103, "fails");
+  ASSERT_TRUE(m_router.WaitForSent(1));
+  for (int i = 1; i <= kFailuresBeforeSave; ++i) {
+    FailLastSent();
+  }
+  FileRecord(10100, "waits");
+  FileRecord(10100, "waits, too");
+  // The operator's shell writes to the file; the save waits for it.
+  sqlite3* pShell = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(m_prefix.CacheFile(kProducerText).c_str(), &pShell));
+  ASSERT_EQ(SQLITE_OK, sqlite3_exec(pShell, "begin immediate", nullptr, nullptr, nullptr));
+  ASSERT_TRUE(Succeeded(m_router.DeliverResult(IdOf(1), kWireTimeout)));
+  const bool bSaves = m_log.WaitForLines(kSaveBegin);
+  EXPECT_EQ(m_log.Count(kSaveEnd), 0u);
+  std::thread stop([this] { m_host.Stop(); });
+  const bool bStops = m_log.WaitForLines(kSaveBegin, 2);
+  EXPECT_EQ(SQLITE_OK, sqlite3_exec(pShell, "commit", nullptr, nullptr, nullptr));
+  EXPECT_EQ(SQLITE_OK, sqlite3_close(pShell));
+  stop.join();
+  EXPECT_TRUE(bSaves);
+  EXPECT_TRUE(bStops);
+  EXPECT_EQ(m_log.Count(kSaveEnd), 2u);
+  EXPECT_EQ(RowIds(), (std::vector<uint64_t>{IdOf(1), IdOf(2), IdOf(3)}));
 }
 
 }  // namespace

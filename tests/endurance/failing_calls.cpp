@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sqlite3.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>

@@ -10,7 +10,7 @@
 enum class CallKind {
   None,
   Sqlite,     // opening, executing, preparing, stepping, checkpoints
-  File,       // opening, reading, writing, syncing, truncating, mapping, looking at files
+  File,       // opening, reading, writing, syncing, truncating, looking at files
   Directory,  // making, reading, renaming, removing
   Zlib,
   Event,

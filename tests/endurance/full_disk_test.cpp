@@ -135,7 +135,7 @@ TEST_F(FullDiskTest, WhatAStopOnAFullDiskCannotWriteIsCountedByName) {
   m_host.EndLife();
   const std::set<std::string> setKept = KeysOnDisk();
   EXPECT_TRUE(setKept.contains("r1"));
-  // Each is named by a level-3 line when its write fails, or counted by one when the save gives it up.
+  // Each is named by a level-3 line.
   for (const LogLine& line : m_log.Lines(kInsertFailed)) {
     EXPECT_EQ(line.iLevel, 3);
     const uint64_t u64Sequence = std::stoull("0" + LogField(line.strText, "u64DataId"), nullptr, 16) & 0xffffffff;

@@ -240,6 +240,7 @@ TEST_F(HostileDirectoryTest, OddNamesAreFileNamesAndNothingElse) {
     EXPECT_TRUE(ReadCacheFile(Path(vecNames[i] + ".db")).empty()) << i;
   }
   m_host.EndLife();
+  EXPECT_TRUE(IsReported(std::string(252, 'm') + ".db"));
   std::vector<std::string> vecSent = SentTexts();
   for (const std::string& strText : vecTexts) {
     EXPECT_EQ(1, std::count(vecSent.begin(), vecSent.end(), strText)) << strText;

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <fstream>
 
 #include "db/sqlite_wrapper.h"
 #include "platform/storage_sync.h"
@@ -192,6 +193,14 @@ TEST_F(FailingDiskTest, APageOfALongPayloadThatCannotBeReadIsNoDamage) {
     }
   }
   EXPECT_EQ(DbCheck::Sound, Examine());
+}
+
+TEST_F(FailingDiskTest, ADamagedHeaderIsNoDamageWhereTheRestCannotBeRead) {
+  const unsigned int uPages = MakeTree(20);
+  std::fstream(m_strFile, std::ios::in | std::ios::out | std::ios::binary) << "no database";
+  EXPECT_EQ(DbCheck::Damaged, Examine());
+  const CUnreadablePage unreadable(m_strFile, uPages, EIO);
+  EXPECT_EQ(DbCheck::Unknown, Examine());
 }
 
 TEST_F(FailingDiskTest, WantOfMemoryIsNoDamage) {

@@ -1,6 +1,9 @@
 // VACUUM and backups.
 #include <zlib.h>
 
+#include <chrono>
+#include <filesystem>
+
 #include "tests/unit/db/storage_fixture.h"
 
 namespace {
@@ -65,6 +68,15 @@ TEST_F(DbMaintenanceTest, ABackupOfTheSameFileThatWasLeftByAKillCostsNoEarlierOn
     EXPECT_EQ("an earlier file's", BytesOf(Path("a2.db.zip"))) << uLeft;
     EXPECT_EQ(strFile, Unpacked(strNewest)) << uLeft;
   }
+  // A whole one is not made anew, so that nothing can fail with the file already on its way out.
+  m_directory.Write("a.db", strFile);
+  m_directory.Write("a2.db.zip", "an earlier file's");
+  const auto tMade = std::filesystem::last_write_time(strNewest);
+  std::filesystem::last_write_time(strNewest, tMade - std::chrono::hours(1));
+  Backup("a.db");
+  EXPECT_EQ(tMade - std::chrono::hours(1), std::filesystem::last_write_time(strNewest));
+  EXPECT_EQ("an earlier file's", BytesOf(Path("a2.db.zip")));
+  EXPECT_EQ(strFile, Unpacked(strNewest));
   // It costs nothing to move where there is none; and one that holds anything else always moves on.
   std::filesystem::remove(Path("a2.db.zip"));
   m_directory.Write("a.db", strFile);

@@ -85,6 +85,21 @@ TEST_F(StoreMemoryTest, ASaveThatFindsNoRoomForItsStatementLeavesTheRecordsPendi
   EXPECT_EQ((DataIds{1, 2, 3}), Rows());
 }
 
+TEST_F(StoreMemoryTest, WhatFindsNoRoomAsABatchIsWrittenRecordByRecord) {
+  constexpr unsigned long long kRecords = 10;
+  Open("dataflowflag = 1\n");
+  const std::string strText(30000, 'x');
+  for (unsigned long long u64DataId = 1; u64DataId <= kRecords; ++u64DataId) {
+    EXPECT_EQ(0, Add(u64DataId, kSenderText, strText.c_str()));
+  }
+  {
+    const CLargeAllocationFault fault(100000);
+    EXPECT_EQ(1, Data().SaveCacheToDb());
+  }
+  EXPECT_EQ(IdRange(1, kRecords), Rows());
+  EXPECT_EQ(IdRange(1, kRecords), Peer().Ids(2));
+}
+
 TEST_F(StoreMemoryTest, AnIntakeThatFindsNoRoomForItsStatementLeavesTheRecordPending) {
   Open();
   EXPECT_EQ(0, Add(1));
