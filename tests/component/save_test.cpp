@@ -188,14 +188,17 @@ TEST_F(SaveTest, AStopWhileASaveRunsWritesEveryRecordOnce) {
   // The operator's shell writes to the file; the save waits for it.
   sqlite3* pShell = nullptr;
   ASSERT_EQ(SQLITE_OK, sqlite3_open(m_prefix.CacheFile(kProducerText).c_str(), &pShell));
+  sqlite3_busy_timeout(pShell, 60000);
   ASSERT_EQ(SQLITE_OK, sqlite3_exec(pShell, "begin immediate", nullptr, nullptr, nullptr));
-  ASSERT_TRUE(Succeeded(m_router.DeliverResult(IdOf(1), kWireTimeout)));
+  // The save holds the store's lock, for which the result may have to wait, too.
+  std::thread result([this] { EXPECT_TRUE(Succeeded(m_router.DeliverResult(IdOf(1), kWireTimeout))); });
   const bool bSaves = m_log.WaitForLines(kSaveBegin);
   EXPECT_EQ(m_log.Count(kSaveEnd), 0u);
   std::thread stop([this] { m_host.Stop(); });
   const bool bStops = m_log.WaitForLines(kSaveBegin, 2);
   EXPECT_EQ(SQLITE_OK, sqlite3_exec(pShell, "commit", nullptr, nullptr, nullptr));
   EXPECT_EQ(SQLITE_OK, sqlite3_close(pShell));
+  result.join();
   stop.join();
   EXPECT_TRUE(bSaves);
   EXPECT_TRUE(bStops);
