@@ -25,6 +25,11 @@ constexpr char kTable[] =
     "reserved1 INTEGER NULL, reserved2 VARCHAR(256) NULL);";
 constexpr uint64_t kOldId = 0x6000000000000001;
 constexpr uint64_t kOddId = 0x6100000000000001;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kManyFiles = 500;
+#else
+constexpr int kManyFiles = 5000;
+#endif
 
 void BuildDatabase(const std::string& strFile, const std::string& strSql) {
   sqlite3* pDb = nullptr;
@@ -129,13 +134,14 @@ TEST_F(HostileDirectoryTest, AFifoInPlaceOfASideFileDoesNotBlock) {
   EXPECT_TRUE(IsReported("a-shm.db"));
 }
 
-TEST_F(HostileDirectoryTest, FiveThousandFilesAreLookedAtOneByOne) {
-  for (int i = 0; i < 5000; ++i) {
+TEST_F(HostileDirectoryTest, ThousandsOfFilesAreLookedAtOneByOne) {
+  for (int i = 0; i < kManyFiles; ++i) {
     std::ofstream(Path(std::to_string(i) + ".db")) << "no database";
   }
   ExpectGoodRecordsAnd({});
-  EXPECT_GE(m_log.Count("*qmlogcache CLogCacheFile::ParseCacheData GetAllDbData Error["), 5000u);
-  EXPECT_EQ("no database", ContentsOf(Path("4999.db")));  // reported, and left as it is
+  EXPECT_GE(m_log.Count("*qmlogcache CLogCacheFile::ParseCacheData GetAllDbData Error["),
+            static_cast<size_t>(kManyFiles));
+  EXPECT_EQ("no database", ContentsOf(Path(std::to_string(kManyFiles - 1) + ".db")));  // reported, and left as it is
 }
 
 TEST_F(HostileDirectoryTest, AViewInPlaceOfTheTableIsNotRead) {
