@@ -1,33 +1,14 @@
 // Every call that can fail does, one after the other: first the Nth alone, then the Nth and all after it, for each N
 // until nothing fails any more. The process lives, no sound file is removed, and the books balance in the next life.
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 
 #include "endurance_fixture.h"
 #include "failing_calls.h"
 #include "left_files.h"
 #include "tests/component/process_state.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-// The check of an object's type looks at memory through a pipe that it opens for a moment. Without a descriptor it
-// calls a sound object invalid, so its pipe comes from outside the limit. Nothing under test calls pipe.
-extern "C" [[gnu::visibility("default")]] int pipe(int* piEnds) {
-  static std::mutex s_mutex;  // one at a time finds the test's limit, and not another one's room
-  const std::lock_guard<std::mutex> guard(s_mutex);
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  const rlimit room{limit.rlim_max, limit.rlim_max};
-  setrlimit(RLIMIT_NOFILE, &room);
-  const int iResult = pipe2(piEnds, 0);
-  setrlimit(RLIMIT_NOFILE, &limit);
-  return iResult;
-}
-#endif
 
 namespace {
 
