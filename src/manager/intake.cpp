@@ -1,5 +1,7 @@
 // Step 1: a received message becomes a record.
+#include <algorithm>
 #include <exception>
+#include <limits>
 
 #include "manager/log_cache_mgr.h"
 #include "manager/tagged_text.h"
@@ -10,6 +12,11 @@ namespace {
 constexpr uint32_t kLastSequenceId = 0x7FFFFFFE;
 constexpr unsigned int kSequenceBits = 32;
 constexpr int kPublicPriority = 10;
+
+// Precision with which printf prints a text that no zero byte ends.
+int PrintLength(std::string_view svText) {
+  return static_cast<int>(std::min<size_t>(svText.size(), std::numeric_limits<int>::max()));
+}
 }  // namespace
 
 unsigned long long CLogCacheMgr::GetDataId() {
@@ -25,14 +32,14 @@ unsigned long long CLogCacheMgr::GetDataId() {
 
 int CLogCacheMgr::AddExecData(long i64MsgType, int iPriv, int iMsgType, int iDataSaveStatus,
                               const CPString& strPluginId, const CPString& strProduct, const CPString& strCombo,
-                              const CPString& strData) {
+                              std::string_view svData) {
   const unsigned long long u64DataId = GetDataId();
   const int bForceSave = m_iSaveCacheToDb;
   int iRet = kStatusOk;
   try {
     iRet = m_LogCacheData.AddDataAction(
         bForceSave, u64DataId, iPriv, iMsgType, iDataSaveStatus, strPluginId, strProduct, strCombo,
-        BuildTaggedText(u64DataId, iPriv, iMsgType, strPluginId, strProduct, strCombo, strData));
+        BuildTaggedText(u64DataId, iPriv, iMsgType, strPluginId.View(), strProduct.View(), strCombo.View(), svData));
   } catch (const std::exception&) {
     iRet = kStatusNoResource;  // no memory for the text
   }
@@ -40,15 +47,16 @@ int CLogCacheMgr::AddExecData(long i64MsgType, int iPriv, int iMsgType, int iDat
     m_stat.CountAddFail.Add(1);
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache step1 Error AddDataAction iRet[%x] bForceSave[%d] i64MsgType[%lx] u64DataId[%llx] iPriv[%d] "
-             "iMsgType[%d] iDataSaveStatus[%d] strPluginId[%s] strProduct[%s] strCombo[%s] strData[%s]",
+             "iMsgType[%d] iDataSaveStatus[%d] strPluginId[%s] strProduct[%s] strCombo[%s] strData[%.*s]",
              static_cast<unsigned int>(iRet), bForceSave, static_cast<unsigned long>(i64MsgType), u64DataId, iPriv,
-             iMsgType, iDataSaveStatus, strPluginId.c_str(), strProduct.c_str(), strCombo.c_str(), strData.c_str());
+             iMsgType, iDataSaveStatus, strPluginId.c_str(), strProduct.c_str(), strCombo.c_str(), PrintLength(svData),
+             svData.data());
   } else {
     LogPrint(g_hLog, kLogNormal,
              "qmlogcache step1 OK AddDataAction bForceSave[%d] i64MsgType[%lx] u64DataId[%llx] iPriv[%d] iMsgType[%d] "
-             "iDataSaveStatus[%d] strPluginId[%s] strProduct[%s] strCombo[%s] strData[%s]",
+             "iDataSaveStatus[%d] strPluginId[%s] strProduct[%s] strCombo[%s] strData[%.*s]",
              bForceSave, static_cast<unsigned long>(i64MsgType), u64DataId, iPriv, iMsgType, iDataSaveStatus,
-             strPluginId.c_str(), strProduct.c_str(), strCombo.c_str(), strData.c_str());
+             strPluginId.c_str(), strProduct.c_str(), strCombo.c_str(), PrintLength(svData), svData.data());
   }
   CountIntake(iPriv, iMsgType, !strProduct.IsEmpty() && !strCombo.IsEmpty());
   return iRet;

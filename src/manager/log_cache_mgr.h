@@ -26,6 +26,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <string_view>
 #include <vector>
 
 #include "manager/statistics.h"
@@ -70,10 +71,11 @@ class CLogCacheMgr {
 
   // --- Intake: intake.cpp ---
   [[nodiscard]] unsigned long long GetDataId();
-  // Files a record. iDataSaveStatus: kSavePending, or kSaveNever for memory only. 0 or the store's error.
+  // Files a record; svData is copied once, into the tagged text. iDataSaveStatus: kSavePending, or kSaveNever for
+  // memory only. 0 or the store's error.
   [[nodiscard]] int AddExecData(long i64MsgType, int iPriv, int iMsgType, int iDataSaveStatus,
                                 const CPString& strPluginId, const CPString& strProduct, const CPString& strCombo,
-                                const CPString& strData);
+                                std::string_view svData);
 
   // --- Dispatch: dispatch.cpp ---
   // Sends a record that the caller holds. 1 when the router took it, else 0 (and the record is gone).
@@ -136,7 +138,12 @@ class CLogCacheMgr {
   // The calling thread will not touch the manager any more.
   void EndThread(ThreadKind kind);
   [[nodiscard]] bool IsThreadWanted(ThreadKind kind, unsigned int uStopCount);
-  [[nodiscard]] bool IsConnected();
+  // The same, and whether the agent is connected, with one lock.
+  struct WorkOutlook {
+    bool bWanted;
+    bool bConnected;
+  };
+  [[nodiscard]] WorkOutlook LookAhead(unsigned int uStopCount);
   template <typename Step>
   bool RunStep(const Step& step);
   // One turn of the work loop; false when the thread is to end.

@@ -24,6 +24,9 @@ Outcome Classify(uint32_t dwResult) {
 // What a settlement line prints of a record: the values before the action.
 struct SettlementLog {
   const _LogExecData& data;
+  uint32_t dwStartTime;
+  uint32_t dwReSendCount;
+  int iDataSaveStatus;
   long lRefCount;
   uint32_t dwResult;
   unsigned long ui64ACT;
@@ -33,8 +36,8 @@ struct SettlementLog {
              "qmlogcache step3 OK ResultExecData DeleteDataAction OK SubSendRef lRefCount[%ld] StartTime[%x] "
              "ReSendCount[%u] ui64ACT[%lx] u64DataId[%llx] iPriv[%d] iMsgType[%d] iDataSaveStatus[%d] strPluginId[%s] "
              "strProduct[%s] strCombo[%s]\n",
-             lRefCount, data.StartTime.Load(), data.ReSendCount.Load(), ui64ACT, data.u64DataId, data.iPriv,
-             data.iMsgType, data.iDataSaveStatus.Load(), data.strPluginId.c_str(), data.strProduct.c_str(),
+             lRefCount, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId, data.iPriv,
+             data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(),
              data.strCombo.c_str());
   }
   void SuccessNotDeleted(int iRet) const {
@@ -42,21 +45,21 @@ struct SettlementLog {
              "*qmlogcache step3 OK Error ResultExecData OK DeleteDataAction Error iRet[%x] SubSendRef lRefCount[%ld] "
              "StartTime[%x] ReSendCount[%u] ui64ACT[%lx] u64DataId[%llx] iPriv[%d] iMsgType[%d] iDataSaveStatus[%d] "
              "strPluginId[%s] strProduct[%s] strCombo[%s]\n",
-             static_cast<unsigned int>(iRet), lRefCount, data.StartTime.Load(), data.ReSendCount.Load(), ui64ACT,
-             data.u64DataId, data.iPriv, data.iMsgType, data.iDataSaveStatus.Load(), data.strPluginId.c_str(),
+             static_cast<unsigned int>(iRet), lRefCount, dwStartTime, dwReSendCount, ui64ACT,
+             data.u64DataId, data.iPriv, data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(),
              data.strProduct.c_str(), data.strCombo.c_str());
   }
   // A failure whose action succeeded. pszFormat takes the fields in this order.
   void Failure(const char* pszFormat) const {
-    LogPrint(g_hLog, kLogWarning, pszFormat, lRefCount, dwResult, data.StartTime.Load(), data.ReSendCount.Load(),
-             ui64ACT, data.u64DataId, data.iPriv, data.iMsgType, data.iDataSaveStatus.Load(), data.strPluginId.c_str(),
+    LogPrint(g_hLog, kLogWarning, pszFormat, lRefCount, dwResult, dwStartTime, dwReSendCount,
+             ui64ACT, data.u64DataId, data.iPriv, data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(),
              data.strProduct.c_str(), data.strCombo.c_str());
   }
   // A failure whose action failed too.
   void FailureOfAction(const char* pszFormat, int iRet) const {
     LogPrint(g_hLog, kLogWarning, pszFormat, static_cast<unsigned int>(iRet), lRefCount, dwResult,
-             data.StartTime.Load(), data.ReSendCount.Load(), ui64ACT, data.u64DataId, data.iPriv, data.iMsgType,
-             data.iDataSaveStatus.Load(), data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str());
+             dwStartTime, dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType,
+             iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str());
   }
   // The only copy of a rejected record.
   void RejectedData() const {
@@ -64,8 +67,8 @@ struct SettlementLog {
              "*qmlogcache step3 Error ResultExecData result[%x] StartTime[%x] ReSendCount[%u] ui64ACT[%lx] "
              "u64DataId[%llx] iPriv[%d] iMsgType[%d] iDataSaveStatus[%d] strPluginId[%s] strProduct[%s] strCombo[%s] "
              "strData[%s]",
-             dwResult, data.StartTime.Load(), data.ReSendCount.Load(), ui64ACT, data.u64DataId, data.iPriv,
-             data.iMsgType, data.iDataSaveStatus.Load(), data.strPluginId.c_str(), data.strProduct.c_str(),
+             dwResult, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId, data.iPriv,
+             data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(),
              data.strCombo.c_str(), data.strData.c_str());
   }
 };
@@ -76,23 +79,23 @@ int CLogCacheMgr::ResultExecData(unsigned long long u64DataId, uint32_t dwResult
   CCriticalSectionGuard guard(m_csSettlement);
   const long lRefCount = SubSendRef();
   const Outcome outcome = Classify(dwResult);
-  _LogExecData data;
-  const int iFound = m_LogCacheData.GetExecDataFromMap(u64DataId, outcome == Outcome::Rejected ? 1 : 0, data);
-  if (iFound != kStatusOk) {
+  const ExecDataHold hold = m_LogCacheData.FindExecData(u64DataId);
+  if (hold == nullptr) {
     // lRefCount and ui64ACT stand under each other's label and the id is decimal; both are meant and relied upon.
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache step3 Error ResultExecData GetExecDataFromMap iRet[%x] SubSendRef lRefCount[%ld] "
              "ui64ACT[%lx] u64DataId[%llu] dwResult[%x]\n",
-             static_cast<unsigned int>(iFound), static_cast<long>(ui64ACT), static_cast<unsigned long>(lRefCount),
+             static_cast<unsigned int>(kStatusUnknownDataId), static_cast<long>(ui64ACT), static_cast<unsigned long>(lRefCount),
              u64DataId, dwResult);
-    return iFound;
+    return kStatusUnknownDataId;
   }
   const bool bRetry = outcome == Outcome::Timeout || outcome == Outcome::Cloud;
   SetSendSingleFlag(bRetry ? 1 : 0);
-  const SettlementLog log{data, lRefCount, dwResult, ui64ACT};
+  const SettlementLog log{*hold,     hold->StartTime, hold->ReSendCount, hold->iDataSaveStatus,
+                          lRefCount, dwResult,        ui64ACT};
 
   if (bRetry) {
-    const bool bFirst = data.ReSendCount == 0;
+    const bool bFirst = log.dwReSendCount == 0;
     if (outcome == Outcome::Timeout) {
       (bFirst ? m_stat.CountTimeout : m_stat.CountReTimeout).Add(1);
     } else {

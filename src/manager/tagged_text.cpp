@@ -23,16 +23,14 @@ class CNumberText {
 };
 
 // A C string ends at the first zero byte, whatever length was announced for it.
-std::string_view UpToZero(const CPString& strText) {
-  const std::string_view svText = strText.View();
-  const size_t uZero = svText.find('\0');
-  return svText.substr(0, uZero);
+std::string_view UpToZero(std::string_view svText) {
+  return svText.substr(0, svText.find('\0'));
 }
 
 }  // namespace
 
-CPString BuildTaggedText(unsigned long long u64DataId, int iPriv, int iMsgType, const CPString& strPluginId,
-                         const CPString& strProduct, const CPString& strCombo, const CPString& strData) {
+CPString BuildTaggedText(unsigned long long u64DataId, int iPriv, int iMsgType, std::string_view svPluginId,
+                         std::string_view svProduct, std::string_view svCombo, std::string_view svData) {
   constexpr int kDecimal = 10;
   constexpr int kHexadecimal = 16;
   const CNumberText dataId(u64DataId, kHexadecimal);
@@ -40,9 +38,9 @@ CPString BuildTaggedText(unsigned long long u64DataId, int iPriv, int iMsgType, 
   const CNumberText msgType(iMsgType, kDecimal);
   const std::array<std::string_view, 15> pieces = {
       "<version=1><dataid=", dataId.View(),        "><priv=",  priv.View(),
-      "><msgtype=",          msgType.View(),       "><guid=",  UpToZero(strPluginId),
-      "><product=",          UpToZero(strProduct), "><combo=", UpToZero(strCombo),
-      "><end=1><msg=",       UpToZero(strData),    ">"};
+      "><msgtype=",          msgType.View(),       "><guid=",  UpToZero(svPluginId),
+      "><product=",          UpToZero(svProduct), "><combo=", UpToZero(svCombo),
+      "><end=1><msg=",       UpToZero(svData),    ">"};
   size_t uLength = 0;
   for (const std::string_view svPiece : pieces) {
     uLength += svPiece.size();

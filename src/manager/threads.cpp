@@ -80,9 +80,9 @@ bool CLogCacheMgr::IsThreadWanted(ThreadKind kind, unsigned int uStopCount) {
   return StatusOf(kind) == kThreadRunning && m_uStopCount == uStopCount;
 }
 
-bool CLogCacheMgr::IsConnected() {
+CLogCacheMgr::WorkOutlook CLogCacheMgr::LookAhead(unsigned int uStopCount) {
   CCriticalSectionGuard guard(m_csStatus);
-  return m_bConnect;
+  return {m_iWorkThreadStatus == kThreadRunning && m_uStopCount == uStopCount, m_bConnect};
 }
 
 void* CLogCacheMgr::WorkThread(void* pArgument) {
@@ -138,10 +138,11 @@ bool CLogCacheMgr::TimerStep(unsigned int uStopCount) {
 }
 
 bool CLogCacheMgr::WorkStep(WorkState& state) {
-  if (!IsThreadWanted(ThreadKind::Work, state.uStopCount)) {
+  const WorkOutlook outlook = LookAhead(state.uStopCount);
+  if (!outlook.bWanted) {
     return false;
   }
-  if (!IsConnected()) {
+  if (!outlook.bConnected) {
     StepUnconnected(state);
     return true;
   }

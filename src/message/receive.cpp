@@ -20,6 +20,20 @@ struct Message {
   unsigned int uiDataLength;
 };
 
+// Text of a message's sender. A thread's messages come in runs of one sender, whose text they share.
+const CPString& SenderText(const Message& message) {
+  thread_local CPString t_strSender;
+  if (t_strSender.View() != message.pszSender) {
+    t_strSender = CPString(message.pszSender);
+  }
+  return t_strSender;
+}
+
+// The part of a message that is a record's data.
+std::string_view DataFrom(const Message& message, uint32_t uOffset, uint32_t uLength) {
+  return {reinterpret_cast<const char*>(message.pData) + uOffset, uLength};
+}
+
 int RejectUnknownType(const Message& message) {
   LogPrint(g_hLog, kLogWarning,
            "*qmlogcache step1 Error ReceiveCallback GetPrivAndMsgType i64MsgType[%llx] stComponentID[%s] "
@@ -59,9 +73,9 @@ int TakeCombo(CLogCacheMgr& manager, const Message& message) {
     return RejectUnknownType(message);  // no queue serves a negative priority
   }
   const int iDataSaveStatus = header.iDataSaveFlag != kComboDoNotSave ? kSavePending : kSaveNever;
-  const CPString strData(reinterpret_cast<const char*>(message.pData) + kComboHeaderSize, header.uDataLength);
   return manager.AddExecData(message.i64MsgType, header.iPriv, header.iJsonDataType, iDataSaveStatus,
-                             CPString(message.pszSender), strProduct, strCombo, strData);
+                             SenderText(message), strProduct, strCombo,
+                             DataFrom(message, kComboHeaderSize, header.uDataLength));
 }
 
 int TakePriorityMessage(CLogCacheMgr& manager, const Message& message) {
@@ -70,9 +84,8 @@ int TakePriorityMessage(CLogCacheMgr& manager, const Message& message) {
   if (!CLogCacheReceive::GetPrivAndMsgType(message.i64MsgType, iPriv, iMsgType)) {
     return RejectUnknownType(message);
   }
-  const CPString strData(reinterpret_cast<const char*>(message.pData), message.uiDataLength);
-  return manager.AddExecData(message.i64MsgType, iPriv, iMsgType, kSavePending, CPString(message.pszSender), CPString(),
-                             CPString(), strData);
+  return manager.AddExecData(message.i64MsgType, iPriv, iMsgType, kSavePending, SenderText(message), CPString(),
+                             CPString(), DataFrom(message, 0, message.uiDataLength));
 }
 
 int TakeMessage(CLogCacheMgr* pLogCacheMgr, const Message& message) {

@@ -1,5 +1,6 @@
 #include "platform/event.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -12,12 +13,14 @@
 namespace {
 
 struct Event {
-  Event(bool bManual, bool bInitially) : bManualReset(bManual), bSet(bInitially) {}
+  Event(bool bManual, bool bInitially) : bManualReset(bManual), uSet(bInitially ? 1 : 0) {}
 
   const bool bManualReset;
   std::mutex mutex;
   std::condition_variable condition;
-  bool bSet;  // guarded by mutex
+  // Written under mutex. An event that is set already is set again without it: the look at it is a read-modify-write, so
+  // that whoever resets the event afterwards sees all that was done before.
+  std::atomic<unsigned char> uSet;
 };
 
 }  // namespace
@@ -33,9 +36,12 @@ QM_PLATFORM_API int QmSetEvent(void* hEvent) {
     return EINVAL;
   }
   auto* pEvent = static_cast<Event*>(hEvent);
+  if (pEvent->uSet.fetch_or(0, std::memory_order_acq_rel) != 0) {
+    return 0;
+  }
   // Notified under the lock: a waiter that leaves because of this call may destroy the event at once.
   const std::lock_guard lock(pEvent->mutex);
-  pEvent->bSet = true;
+  pEvent->uSet.store(1, std::memory_order_release);
   if (pEvent->bManualReset) {
     pEvent->condition.notify_all();
   } else {
@@ -60,11 +66,11 @@ QM_PLATFORM_API int QmWaitEventTimeout(void* hEvent, unsigned int dwMilliseconds
   auto* pEvent = static_cast<Event*>(hEvent);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(dwMilliseconds);
   std::unique_lock lock(pEvent->mutex);
-  if (!pEvent->condition.wait_until(lock, deadline, [pEvent] { return pEvent->bSet; })) {
+  if (!pEvent->condition.wait_until(lock, deadline, [pEvent] { return pEvent->uSet.load(std::memory_order_acquire) != 0; })) {
     return ETIMEDOUT;
   }
   if (!pEvent->bManualReset) {
-    pEvent->bSet = false;
+    pEvent->uSet.exchange(0, std::memory_order_acq_rel);
   }
   return 0;
 }

@@ -12,10 +12,10 @@
 
 namespace {
 
-struct Entry {
+// The two words of an entry beside its item.
+struct Words {
   unsigned long ulFirst;
   unsigned long ulSecond;
-  void* pItem;
 };
 
 // A deque gives its blocks back as they empty; only its table of blocks stays, which is let go once the queue is empty
@@ -25,10 +25,11 @@ constexpr size_t kLongQueue = 4096;
 struct Queue {
   std::mutex mutex;
   std::condition_variable condition;
-  std::deque<Entry> deqEntries;   // guarded by mutex
+  std::deque<void*> deqItems;     // guarded by mutex
+  std::deque<Words> deqWords;     // guarded by mutex: as long as deqItems, or empty while all words are zero
   size_t uPeak = 0;               // guarded by mutex: longest since it was last empty
   size_t uWaiting = 0;            // guarded by mutex: threads inside the condition's wait
-  std::atomic<size_t> uCount{0};  // deqEntries.size(), written under mutex, read without: a probe costs no lock
+  std::atomic<size_t> uCount{0};  // deqItems.size(), written under mutex, read without: a probe costs no lock
 };
 
 // Counts the caller as waiting, also when it leaves the wait because its thread was cancelled.
@@ -49,14 +50,37 @@ Queue*& QueueOf(QmMsgQueue* pQueue) {
   return *std::launder(reinterpret_cast<Queue**>(pQueue->abOpaque));
 }
 
+// Changes nothing when there is no memory.
+void AddBack(Queue& queue, const Words& words, void* pItem) {
+  const size_t uCount = queue.deqItems.size();
+  const bool bWords = !queue.deqWords.empty() || words.ulFirst != 0 || words.ulSecond != 0;
+  if (bWords) {
+    queue.deqWords.resize(uCount);
+    queue.deqWords.push_back(words);
+  }
+  try {
+    queue.deqItems.push_back(pItem);
+  } catch (...) {
+    if (bWords) {
+      queue.deqWords.pop_back();
+    }
+    throw;
+  }
+}
+
 void TakeFront(Queue& queue, QmMsg* pMsg) {
-  const Entry& entry = queue.deqEntries.front();
-  *pMsg = QmMsg{entry.ulFirst, entry.ulSecond, entry.pItem, 0};
-  queue.deqEntries.pop_front();
-  queue.uCount.store(queue.deqEntries.size(), std::memory_order_release);
-  if (queue.deqEntries.empty()) {
+  Words words{0, 0};
+  if (!queue.deqWords.empty()) {
+    words = queue.deqWords.front();
+    queue.deqWords.pop_front();
+  }
+  *pMsg = QmMsg{words.ulFirst, words.ulSecond, queue.deqItems.front(), 0};
+  queue.deqItems.pop_front();
+  queue.uCount.store(queue.deqItems.size(), std::memory_order_release);
+  if (queue.deqItems.empty()) {
     if (queue.uPeak >= kLongQueue) {
-      queue.deqEntries.shrink_to_fit();
+      queue.deqItems.shrink_to_fit();
+      queue.deqWords.shrink_to_fit();
     }
     queue.uPeak = 0;
   }
@@ -98,11 +122,11 @@ QM_PLATFORM_API int QmMsgQueueInsert(QmMsgQueue* pQueue, unsigned long ulFirst, 
   {
     const std::lock_guard lock(queue.mutex);
     try {
-      queue.deqEntries.push_back(Entry{ulFirst, ulSecond, pItem});
+      AddBack(queue, {ulFirst, ulSecond}, pItem);
     } catch (...) {
       return ENOMEM;
     }
-    const size_t uCount = queue.deqEntries.size();
+    const size_t uCount = queue.deqItems.size();
     queue.uPeak = uCount > queue.uPeak ? uCount : queue.uPeak;
     queue.uCount.store(uCount, std::memory_order_release);
     bSomebodyWaits = queue.uWaiting != 0;
@@ -122,14 +146,14 @@ QM_PLATFORM_API int QmGetMsgFromQueue(QmMsgQueue* pQueue, QmMsg* pMsg, unsigned 
     return EAGAIN;
   }
   std::unique_lock lock(queue.mutex);
-  if (queue.deqEntries.empty()) {
+  if (queue.deqItems.empty()) {
     if (dwWaitMs == 0) {
       return EAGAIN;
     }
     // A cancellation point: a cancelled thread unwinds through here and leaves neither the lock nor its count behind.
     const CWaiterCount waiter(queue.uWaiting);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(dwWaitMs);
-    if (!queue.condition.wait_until(lock, deadline, [&queue] { return !queue.deqEntries.empty(); })) {
+    if (!queue.condition.wait_until(lock, deadline, [&queue] { return !queue.deqItems.empty(); })) {
       return ETIMEDOUT;
     }
   }

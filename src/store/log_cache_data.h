@@ -5,15 +5,15 @@
 // Who may free a record. Results come late, doubled, out of order, for records still queued, or while the work thread
 // is sending the very record. So nobody frees a record: everybody who can reach one holds a reference, and the last
 // reference frees it.
-//   - The map holds one, from AddExecDataMap to erasure. Erasing sets bErased.
-//   - A queue entry holds one. bQueued makes sure that a record has at most one entry: queueing it again while it
+//   - The map holds one, from AddExecDataMap to erasure. Erasing marks it so.
+//   - A queue entry holds one. The queued mark makes sure that a record has at most one entry: queueing it again while it
 //     stands in its queue changes its counters and nothing else. An entry whose record is erased is dropped when it is
 //     met.
 //   - A thread that works on a record outside the lock holds one: InsertExecData while it files, the taker of
 //     GetExecData through its ExecDataHold.
 // A pointer found in the map may be used without a reference only while m_csExecData is held.
 //
-// Who may write a record to its file. The thread that claimed it (bWriting): intake without the store's lock, a re-queue
+// Who may write a record to its file. The thread that claimed it, with the writing mark: intake without the store's lock, a re-queue
 // or a save under it. A save passes over a record whose own write is under way, since its row would clash with that one
 // and fail the other rows of its batch; an intake that meets a save waits for its end and then looks whether anything is
 // left to write.
@@ -29,6 +29,8 @@
 // thread saves at stop. Errors: 32-bit codes of platform/status_codes.h.
 #ifndef QMLOGCACHE_STORE_LOG_CACHE_DATA_H_
 #define QMLOGCACHE_STORE_LOG_CACHE_DATA_H_
+
+#include <absl/container/btree_map.h>
 
 #include <array>
 #include <cstdint>
@@ -59,6 +61,8 @@ struct ExecDataRelease {
 };
 // A reference to a record that its holder may read without a lock. The record itself stays the store's.
 using ExecDataHold = std::unique_ptr<_LogExecData, ExecDataRelease>;
+// One more reference, for a caller that has one or holds the store's lock.
+ExecDataHold HoldExecData(_LogExecData& data);
 
 class CLogCacheData {
  public:
@@ -108,7 +112,8 @@ class CLogCacheData {
   // kStatusCountLimit when there are more records than allowed, else 0. One over the limit is meant: the test comes
   // before the record that it is made for.
   [[nodiscard]] int CheckExecDataLimit();
-  // Marks the oldest record that is not marked yet; the work thread deletes it when it takes it.
+  // Marks the oldest record that is not marked yet; the work thread deletes it when it takes it. As fast with many marked
+  // records as with none.
   void DelFirLineFromExecData();
   // "mapLogCacheFile[%u] mapLogExecData[%u] LowQueueData[%lu] ...": sizes of the maps and queues.
   CPString GetDataStat();
@@ -116,6 +121,8 @@ class CLogCacheData {
   // --- Map primitives ---
   // Copies the record's fields, without bIsDel and pLogCacheFile, and strData only when bCopyData is set.
   [[nodiscard]] int GetExecDataFromMap(unsigned long long u64DataId, int bCopyData, _LogExecData& out);
+  // The record itself, null when there is none under that id.
+  ExecDataHold FindExecData(unsigned long long u64DataId);
   bool IsDataIdExist(unsigned long long u64DataId);
   // Adds a reference for the map. A record already there under that id is replaced.
   [[nodiscard]] int AddExecDataMap(_LogExecData* pExecData);
@@ -144,6 +151,17 @@ class CLogCacheData {
     CLogCacheData& m_data;
   };
 
+  using LogCacheFileMap = std::map<CPString, std::unique_ptr<CLogCacheFile>>;  // by sender
+
+  [[nodiscard]] int CheckExecDataLimitLocked() QM_REQUIRES(m_csExecData);
+  void DelFirLineFromExecDataLocked() QM_REQUIRES(m_csExecData);
+  // The sender's entry, made on first use; null when there is no memory for it.
+  const LogCacheFileMap::value_type* GetSenderLocked(const CPString& strPluginId) QM_REQUIRES(m_csExecData);
+  // Puts a new record into the map, unless its id is there or was settled while a load runs: then bFiled is false, and
+  // the result 0.
+  [[nodiscard]] int FileExecDataLocked(_LogExecData* pExecData, bool& bFiled) QM_REQUIRES(m_csExecData);
+  // Writes a filed record if bSave is set, and queues it.
+  [[nodiscard]] int SaveAndQueueExecData(_LogExecData* pExecData, int bSave) QM_EXCLUDES(m_csExecData);
   [[nodiscard]] int AddExecDataMapLocked(_LogExecData* pExecData) QM_REQUIRES(m_csExecData);
   [[nodiscard]] int DeleteExecDataMapLocked(unsigned long long u64DataId) QM_REQUIRES(m_csExecData);
   // A load that runs now will not file the record.
@@ -172,8 +190,12 @@ class CLogCacheData {
   void* m_hDataEvent;                                   // set each time a record is queued
   std::array<QmMsgQueue, kQueueCount> m_ExecDataQueue;  // 0 low, 1 normal, 2 high, 3 real-time
   QmCriticalSection m_csExecData;
-  std::map<unsigned long long, _LogExecData*> m_mapLogExecData QM_GUARDED_BY(m_csExecData);
-  std::map<CPString, std::unique_ptr<CLogCacheFile>> m_mapLogCacheFile QM_GUARDED_BY(m_csExecData);  // by sender
+  // A b-tree: a third of a red-black tree's memory, and less of it touched. Insertion and erasure move its entries, so an
+  // iterator outlives neither.
+  absl::btree_map<unsigned long long, _LogExecData*> m_mapLogExecData QM_GUARDED_BY(m_csExecData);
+  // No record below this id waits to be marked by the count limit.
+  unsigned long long m_u64FirstUnmarked QM_GUARDED_BY(m_csExecData) = 0;
+  LogCacheFileMap m_mapLogCacheFile QM_GUARDED_BY(m_csExecData);
   unsigned int m_uLoads QM_GUARDED_BY(m_csExecData) = 0;                                             // that run now
   std::unordered_set<unsigned long long> m_setDeletedInLoad QM_GUARDED_BY(m_csExecData);
 };

@@ -20,6 +20,25 @@ enum DataSaveStatus : int {
 // Fields that change after the record was filed are relaxed atomics: the thread that sends a record reads them without
 // the store's lock. Everything else is set before the record is filed and never changes.
 struct _LogExecData {
+  // Marks that threads set and clear one by one.
+  class CMarks {
+   public:
+    enum Mark : uint8_t {
+      kQueued = 1,   // a queue entry stands for the record
+      kErased = 2,   // no longer in the map: to be forgotten, not sent
+      kWriting = 4,  // a thread is writing it to its cache file
+    };
+    bool Has(Mark mark) const { return (m_uMarks.load(std::memory_order_acquire) & mark) != 0; }
+    // True when it was set before. As orderly as a lock: what was written before a mark was cleared is seen by whoever
+    // sets it next.
+    bool Set(Mark mark) { return (m_uMarks.fetch_or(mark, std::memory_order_acq_rel) & mark) != 0; }
+    void Clear(Mark mark) { m_uMarks.fetch_and(static_cast<uint8_t>(~mark), std::memory_order_release); }
+
+   private:
+    std::atomic<uint8_t> m_uMarks{0};
+  };
+
+
   CRelaxedAtomic<int> bIsDel{0};            // 1: dropped by the count limit, to be deleted instead of sent
   CRelaxedAtomic<uint32_t> StartTime{0};    // seconds since the epoch when it was last taken; 0: queued, not yet taken
   CRelaxedAtomic<uint32_t> ReSendCount{0};  // how often it was queued again after a failed or lost send
@@ -29,19 +48,17 @@ struct _LogExecData {
   int iPriv = 0;     // 0 low, 1 normal, 2 high, 3 real-time; 10 added for public data
   int iMsgType = 0;  // 1 server (EDR), 2 plug-in (EPP), 3 cloud tag
   CRelaxedAtomic<int> iDataSaveStatus{kSavePending};
-  CPString strPluginId;  // GUID text of the sender
+  // Lifetime, kept by the store (see log_cache_data.h): one reference for the map, one for a queue entry, one for each
+  // thread that works on the record. Here, where they fill a gap.
+  std::atomic<uint16_t> uRefs{1};
+  CMarks marks;
+  CPString strPluginId;  // GUID text of the sender; the bytes are shared by all its records
   CPString strProduct;
   CPString strCombo;
   CPString strData;                        // the tagged text that is sent
   CLogCacheFile* pLogCacheFile = nullptr;  // the sender's cache file; owned by the store
-
-  // Lifetime, kept by the store (see log_cache_data.h): one reference for the map, one for a queue entry, one for each
-  // thread that works on the record.
-  std::atomic<uint32_t> uRefs{1};
-  std::atomic<bool> bQueued{false};  // a queue entry stands for it
-  std::atomic<bool> bErased{false};  // no longer in the map: to be forgotten, not sent
-
-  std::atomic<bool> bWriting{false};  // a thread is writing it to its cache file
 };
+// With the allocator's own eight bytes this fills its class of 96. Half a million records may be held.
+static_assert(sizeof(_LogExecData) <= 88);
 
 #endif  // QMLOGCACHE_STORE_LOG_EXEC_DATA_H_

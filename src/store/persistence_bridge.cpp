@@ -37,9 +37,14 @@ bool CLogCacheData::InitCacheData() {
 
 CLogCacheFile* CLogCacheData::GetLogCacheFile(const CPString& strPluginId) {
   CCriticalSectionGuard guard(m_csExecData);
+  const auto* pSender = GetSenderLocked(strPluginId);
+  return pSender == nullptr ? nullptr : pSender->second.get();
+}
+
+const CLogCacheData::LogCacheFileMap::value_type* CLogCacheData::GetSenderLocked(const CPString& strPluginId) {
   const auto it = m_mapLogCacheFile.find(strPluginId);
   if (it != m_mapLogCacheFile.end()) {
-    return it->second.get();
+    return &*it;
   }
   try {
     std::unique_ptr<CLogCacheFile> pFile(new (std::nothrow) CLogCacheFile);
@@ -47,7 +52,7 @@ CLogCacheFile* CLogCacheData::GetLogCacheFile(const CPString& strPluginId) {
       return nullptr;
     }
     pFile->InitFile(m_dwLocalDataCountLimit, m_strLogCachePath, strPluginId);
-    return m_mapLogCacheFile.emplace(strPluginId, std::move(pFile)).first->second.get();
+    return &*m_mapLogCacheFile.emplace(strPluginId, std::move(pFile)).first;
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
@@ -107,7 +112,7 @@ int CLogCacheData::AddCacheData(_LogExecData* pExecData) {
     }
     CCriticalSectionGuard guard(m_csExecData);
     pExecData->iDataSaveStatus = kSaveDone;
-    if (pExecData->bErased) {
+    if (pExecData->marks.Has(_LogExecData::CMarks::kErased)) {
       // Settled while its row was being written; the row must not outlive it, nor a record that a load makes or has
       // made of it. A row that stays all the same is sent once more after the next load.
       static_cast<void>(DeleteCacheData(*pExecData));

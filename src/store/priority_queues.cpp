@@ -9,6 +9,7 @@
 
 namespace {
 constexpr unsigned int kTakeWaitSeconds = 5;
+constexpr auto kQueued = _LogExecData::CMarks::kQueued;
 
 void DropReference(_LogExecData* pExecData) {
   // The acquire half makes every other holder's reads happen before the record goes.
@@ -17,6 +18,11 @@ void DropReference(_LogExecData* pExecData) {
   }
 }
 }  // namespace
+
+ExecDataHold HoldExecData(_LogExecData& data) {
+  data.uRefs.fetch_add(1, std::memory_order_relaxed);
+  return ExecDataHold(&data);
+}
 
 void ExecDataRelease::operator()(_LogExecData* pExecData) const {
   DropReference(pExecData);
@@ -33,10 +39,10 @@ int QueueIndexOfPriority(int iPriv) {
 
 bool CLogCacheData::QueueExecData(_LogExecData* pExecData) {
   const auto uIndex = static_cast<size_t>(QueueIndexOfPriority(pExecData->iPriv));
-  if (!pExecData->bQueued.exchange(true, std::memory_order_acq_rel)) {
+  if (!pExecData->marks.Set(kQueued)) {
     pExecData->uRefs.fetch_add(1, std::memory_order_relaxed);
     if (QmMsgQueueInsert(&m_ExecDataQueue[uIndex], 0, 0, pExecData) != 0) {
-      pExecData->bQueued.store(false, std::memory_order_release);
+      pExecData->marks.Clear(kQueued);
       DropReference(pExecData);  // not the last one: the caller reaches the record too
       return false;
     }
@@ -52,8 +58,8 @@ _LogExecData* CLogCacheData::TakeFromQueues() {
   for (int i = kQueueCount - 1; i >= 0; --i) {
     while (QmGetMsgFromQueue(&m_ExecDataQueue[static_cast<size_t>(i)], &msg, 0) == 0) {
       auto* pExecData = static_cast<_LogExecData*>(msg.pItem);
-      pExecData->bQueued.store(false, std::memory_order_release);
-      if (!pExecData->bErased.load(std::memory_order_acquire)) {
+      pExecData->marks.Clear(kQueued);
+      if (!pExecData->marks.Has(_LogExecData::CMarks::kErased)) {
         return pExecData;  // with the entry's reference
       }
       DropReference(pExecData);
@@ -89,7 +95,7 @@ void CLogCacheData::ForgetQueuedData() {
   for (QmMsgQueue& queue : m_ExecDataQueue) {
     while (QmGetMsgFromQueue(&queue, &msg, 0) == 0) {
       auto* pExecData = static_cast<_LogExecData*>(msg.pItem);
-      pExecData->bQueued.store(false, std::memory_order_release);
+      pExecData->marks.Clear(kQueued);
       DropReference(pExecData);
     }
   }

@@ -1,4 +1,5 @@
 // Filing, finding, queueing again and deleting single records, and the four-hour sweep.
+#include <algorithm>
 #include <ctime>
 #include <new>
 
@@ -13,38 +14,40 @@ constexpr uint32_t kResendAfterSeconds = 4 * 3600;
 int CLogCacheData::AddDataAction(int bForceSave, unsigned long long u64DataId, int iPriv, int iMsgType,
                                  int iDataSaveStatus, const CPString& strPluginId, const CPString& strProduct,
                                  const CPString& strCombo, const CPString& strData) {
-  const int iLimit = CheckExecDataLimit();
-  if (iLimit != kStatusOk) {
-    if (m_dwDataCoverFlag == 0) {
-      return iLimit;
-    }
-    DelFirLineFromExecData();
-  }
-  CLogCacheFile* pFile = GetLogCacheFile(strPluginId);
-  if (pFile == nullptr) {
-    return kStatusNoResource;
-  }
   ExecDataHold pExecData(new (std::nothrow) _LogExecData);
-  if (pExecData == nullptr) {
-    return kStatusNoResource;
+  if (pExecData != nullptr) {
+    pExecData->u64DataId = u64DataId;
+    pExecData->iPriv = iPriv;
+    pExecData->iMsgType = iMsgType;
+    pExecData->iDataSaveStatus = m_dwDataFlowFlag == kFlowMemoryOnly ? kSaveNever : iDataSaveStatus;
+    pExecData->strProduct = strProduct;
+    pExecData->strCombo = strCombo;
+    pExecData->strData = strData;
   }
-  pExecData->u64DataId = u64DataId;
-  pExecData->iPriv = iPriv;
-  pExecData->iMsgType = iMsgType;
-  pExecData->iDataSaveStatus = iDataSaveStatus;
-  pExecData->strPluginId = strPluginId;
-  pExecData->strProduct = strProduct;
-  pExecData->strCombo = strCombo;
-  pExecData->strData = strData;
-  pExecData->pLogCacheFile = pFile;
-
-  int bSave = 1;
-  if (m_dwDataFlowFlag == kFlowMemoryOnly) {
-    pExecData->iDataSaveStatus = kSaveNever;
-  } else if (m_dwDataFlowFlag == kFlowWriteAtSave) {
-    bSave = bForceSave != 0 ? 1 : 0;
+  const int bSave = m_dwDataFlowFlag == kFlowWriteAtSave && bForceSave == 0 ? 0 : 1;
+  {
+    // One lock from the limit to the map: every record comes this way.
+    CCriticalSectionGuard guard(m_csExecData);
+    const int iLimit = CheckExecDataLimitLocked();
+    if (iLimit != kStatusOk) {
+      if (m_dwDataCoverFlag == 0) {
+        return iLimit;
+      }
+      DelFirLineFromExecDataLocked();
+    }
+    const auto* pSender = GetSenderLocked(strPluginId);
+    if (pSender == nullptr || pExecData == nullptr) {
+      return kStatusNoResource;
+    }
+    pExecData->strPluginId = pSender->first;
+    pExecData->pLogCacheFile = pSender->second.get();
+    bool bFiled = false;
+    const int iMapped = FileExecDataLocked(pExecData.get(), bFiled);
+    if (!bFiled) {
+      return iMapped;
+    }
   }
-  return InsertExecData(pExecData.release(), bSave);
+  return SaveAndQueueExecData(pExecData.get(), bSave);
 }
 
 int CLogCacheData::InsertExecData(_LogExecData* pExecData, int bSave) {
@@ -54,16 +57,30 @@ int CLogCacheData::InsertExecData(_LogExecData* pExecData, int bSave) {
   // Keeps the record alive to the end of filing, whatever a result for its id does in between.
   const ExecDataHold hold(pExecData);
   {
-    // One lock for the question and the filing: nothing may settle a record that a load brings back in between.
     CCriticalSectionGuard guard(m_csExecData);
-    if (m_mapLogExecData.contains(pExecData->u64DataId) || m_setDeletedInLoad.contains(pExecData->u64DataId)) {
-      return kStatusOk;
-    }
-    const int iMapped = AddExecDataMapLocked(pExecData);
-    if (iMapped != kStatusOk) {
+    bool bFiled = false;
+    const int iMapped = FileExecDataLocked(pExecData, bFiled);
+    if (!bFiled) {
       return iMapped;
     }
   }
+  return SaveAndQueueExecData(pExecData, bSave);
+}
+
+int CLogCacheData::FileExecDataLocked(_LogExecData* pExecData, bool& bFiled) {
+  // The question and the filing under one lock: nothing may settle a record that a load brings back in between.
+  bFiled = false;
+  const unsigned long long u64DataId = pExecData->u64DataId;
+  const bool bNewest = m_mapLogExecData.empty() || m_mapLogExecData.rbegin()->first < u64DataId;
+  if ((!bNewest && m_mapLogExecData.contains(u64DataId)) || m_setDeletedInLoad.contains(u64DataId)) {
+    return kStatusOk;
+  }
+  const int iRet = AddExecDataMapLocked(pExecData);
+  bFiled = iRet == kStatusOk;
+  return iRet;
+}
+
+int CLogCacheData::SaveAndQueueExecData(_LogExecData* pExecData, int bSave) {
   if (bSave != 0) {
     const int iRet = AddCacheData(pExecData);
     if (iRet != kStatusOk) {
@@ -122,17 +139,17 @@ void CLogCacheData::RepeatExecDataMap() {
   CCriticalSectionGuard guard(m_csExecData);
   const auto dwNow = static_cast<uint32_t>(time(nullptr));
   for (auto it = m_mapLogExecData.begin(); it != m_mapLogExecData.end();) {
+    const unsigned long long u64DataId = it->first;
     _LogExecData* pExecData = it->second;
-    ++it;  // first: a failed re-queue erases the record
     const uint32_t dwStartTime = pExecData->StartTime;
-    if (dwStartTime == 0) {
+    if (dwStartTime != 0 && dwNow < dwStartTime) {
+      pExecData->StartTime = dwNow;
+    } else if (dwStartTime != 0 && dwNow - dwStartTime >= kResendAfterSeconds &&
+               ReInsertExecDataLocked(pExecData) != kStatusOk) {
+      it = m_mapLogExecData.upper_bound(u64DataId);  // it has logged, and erased the record: the sweep goes on
       continue;
     }
-    if (dwNow < dwStartTime) {
-      pExecData->StartTime = dwNow;
-    } else if (dwNow - dwStartTime >= kResendAfterSeconds) {
-      static_cast<void>(ReInsertExecDataLocked(pExecData));  // it has logged; the sweep goes on
-    }
+    ++it;
   }
 }
 
@@ -160,6 +177,12 @@ int CLogCacheData::GetExecDataFromMap(unsigned long long u64DataId, int bCopyDat
   return kStatusOk;
 }
 
+ExecDataHold CLogCacheData::FindExecData(unsigned long long u64DataId) {
+  CCriticalSectionGuard guard(m_csExecData);
+  const auto it = m_mapLogExecData.find(u64DataId);
+  return it == m_mapLogExecData.end() ? nullptr : HoldExecData(*it->second);
+}
+
 bool CLogCacheData::IsDataIdExist(unsigned long long u64DataId) {
   CCriticalSectionGuard guard(m_csExecData);
   return m_mapLogExecData.contains(u64DataId);
@@ -180,6 +203,8 @@ int CLogCacheData::AddExecDataMapLocked(_LogExecData* pExecData) {
     const auto it = m_mapLogExecData.try_emplace(m_mapLogExecData.end(), pExecData->u64DataId, nullptr);
     replaced.reset(it->second);
     it->second = pExecData;
+    // Ids come mostly in order, but a load brings old ones back.
+    m_u64FirstUnmarked = std::min(m_u64FirstUnmarked, pExecData->u64DataId);
   } catch (const std::bad_alloc&) {
     return kStatusNoResource;
   }
@@ -199,7 +224,7 @@ int CLogCacheData::DeleteExecDataMapLocked(unsigned long long u64DataId) {
   }
   const ExecDataHold erased(it->second);
   m_mapLogExecData.erase(it);
-  erased->bErased.store(true, std::memory_order_release);
+  erased->marks.Set(_LogExecData::CMarks::kErased);
   RememberDeletedLocked(u64DataId);
   // The record leaves memory even when its row could not be deleted.
   return erased->iDataSaveStatus == kSaveDone ? DeleteCacheData(*erased) : kStatusOk;
@@ -220,7 +245,7 @@ void CLogCacheData::CleanExecDataMap() {
   CCriticalSectionGuard guard(m_csExecData);
   for (const auto& [u64DataId, pExecData] : m_mapLogExecData) {
     const ExecDataHold erased(pExecData);
-    erased->bErased.store(true, std::memory_order_release);
+    erased->marks.Set(_LogExecData::CMarks::kErased);
   }
   m_mapLogExecData.clear();
 }

@@ -22,7 +22,7 @@ bool WriteAlone(_LogExecData& data) {
   if (iRet == kStatusOk) {
     data.iDataSaveStatus = kSaveDone;
   }
-  data.bWriting.store(false);
+  data.marks.Clear(_LogExecData::CMarks::kWriting);
   return iRet == kStatusOk;
 }
 
@@ -72,7 +72,7 @@ class CBatch {
         if (iRet == kStatusOk) {
           pData->iDataSaveStatus = kSaveDone;
         }
-        pData->bWriting.store(false);
+        pData->marks.Clear(_LogExecData::CMarks::kWriting);
       }
       uPending = iRet == kStatusOk ? 0 : m_vecCollected.size();
     }
@@ -96,7 +96,7 @@ int CLogCacheData::SaveCacheToDb() {
   for (const auto& [u64DataId, pExecData] : m_mapLogExecData) {
     // A record whose intake is writing it at this moment is left to that.
     if (pExecData->pLogCacheFile == nullptr || pExecData->iDataSaveStatus != kSavePending ||
-        pExecData->bWriting.exchange(true)) {
+        pExecData->marks.Set(_LogExecData::CMarks::kWriting)) {
       continue;
     }
     CBatch* pBatch = nullptr;

@@ -26,19 +26,25 @@ CLogCacheData::~CLogCacheData() {
 }
 
 int CLogCacheData::CheckExecDataLimit() {
-  uint32_t dwCount = 0;
-  {
-    CCriticalSectionGuard guard(m_csExecData);
-    dwCount = static_cast<uint32_t>(m_mapLogExecData.size());
-  }
-  return m_dwDataCountLimit < dwCount ? kStatusCountLimit : kStatusOk;
+  CCriticalSectionGuard guard(m_csExecData);
+  return CheckExecDataLimitLocked();
+}
+
+int CLogCacheData::CheckExecDataLimitLocked() {
+  return m_dwDataCountLimit < static_cast<uint32_t>(m_mapLogExecData.size()) ? kStatusCountLimit : kStatusOk;
 }
 
 void CLogCacheData::DelFirLineFromExecData() {
   CCriticalSectionGuard guard(m_csExecData);
-  for (const auto& [u64DataId, pExecData] : m_mapLogExecData) {
-    if (pExecData->bIsDel == 0) {
-      pExecData->bIsDel = 1;
+  DelFirLineFromExecDataLocked();
+}
+
+void CLogCacheData::DelFirLineFromExecDataLocked() {
+  for (auto it = m_mapLogExecData.lower_bound(m_u64FirstUnmarked); it != m_mapLogExecData.end(); ++it) {
+    _LogExecData& data = *it->second;
+    if (data.bIsDel == 0) {
+      data.bIsDel = 1;
+      m_u64FirstUnmarked = it->first;
       return;
     }
   }

@@ -6,10 +6,10 @@
 
 class CWriteClaim {
  public:
-  explicit CWriteClaim(_LogExecData& data) : m_data(data), m_bHeld(!data.bWriting.exchange(true)) {}
+  explicit CWriteClaim(_LogExecData& data) : m_data(data), m_bHeld(!data.marks.Set(_LogExecData::CMarks::kWriting)) {}
   ~CWriteClaim() {
     if (m_bHeld) {
-      m_data.bWriting.store(false);
+      m_data.marks.Clear(_LogExecData::CMarks::kWriting);
     }
   }
   CWriteClaim(const CWriteClaim&) = delete;

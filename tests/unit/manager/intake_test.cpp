@@ -51,7 +51,7 @@ TEST_F(IntakeTest, BuildsTheTaggedTextAndCounts) {
 
 TEST_F(IntakeTest, TagValuesGoInWithoutEscaping) {
   const CPString strText =
-      BuildTaggedText(0xABCDEF, -3, 7, "g<>", "<combo=evil>", "%s%n", CPString("line\n<msg=\"%d\">", 15));
+      BuildTaggedText(0xABCDEF, -3, 7, "g<>", "<combo=evil>", "%s%n", std::string_view("line\n<msg=\"%d\">", 15));
   EXPECT_STREQ(
       "<version=1><dataid=abcdef><priv=-3><msgtype=7><guid=g<>><product=<combo=evil>><combo=%s%n><end=1>"
       "<msg=line\n<msg=\"%d\">>",
@@ -60,9 +60,9 @@ TEST_F(IntakeTest, TagValuesGoInWithoutEscaping) {
 
 TEST_F(IntakeTest, TheTaggedTextEndsDataAtItsFirstZeroByte) {
   EXPECT_EQ("<version=1><dataid=1><priv=0><msgtype=1><guid=g><product=><combo=><end=1><msg=ab>",
-            BuildTaggedText(1, 0, 1, "g", "", "", CPString("ab\0cd", 5)).View());
+            BuildTaggedText(1, 0, 1, "g", "", "", std::string_view("ab\0cd", 5)).View());
   EXPECT_EQ("<version=1><dataid=1><priv=0><msgtype=1><guid=g><product=><combo=><end=1><msg=>",
-            BuildTaggedText(1, 0, 1, "g", "", "", CPString("\0", 1)).View());
+            BuildTaggedText(1, 0, 1, "g", "", "", std::string_view("\0", 1)).View());
 }
 
 TEST_F(IntakeTest, LogsAFiledRecordWithItsRawData) {

@@ -219,11 +219,11 @@ TEST_F(ReceiveTest, KeepsDataWithZeroBytesWholeAndCutsTheTaggedTextAtTheFirst) {
 class ReceiveWithoutMemoryTest : public ReceiveTest {
  protected:
   ReceiveWithoutMemoryTest() {
-    constexpr size_t kPayload = 256U << 20;
-    constexpr size_t kHeadroom = 64U << 20;
-    // Never touched but for reading: it costs address space, not memory.
-    void* pPayload = mmap(nullptr, kPayload, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    constexpr size_t kPayload = 128U << 20;
+    constexpr size_t kHeadroom = 32U << 20;
+    void* pPayload = mmap(nullptr, kPayload, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     EXPECT_NE(MAP_FAILED, pPayload);
+    std::memset(pPayload, 'x', kPayload);
     {
       const CAddressSpaceLimit limit(kHeadroom);
       CLogCacheReceive::m_gReceive.ReceiveCallback(kSenderGuid, 10101, static_cast<const unsigned char*>(pPayload),

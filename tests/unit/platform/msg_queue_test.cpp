@@ -42,6 +42,20 @@ TEST_F(MsgQueueTest, FirstInFirstOutWithEveryWord) {
   EXPECT_EQ(QmGetMsgCount(&m_queue), 0u);
 }
 
+TEST_F(MsgQueueTest, EachItemKeepsItsOwnWordsWhereOthersHaveNone) {
+  constexpr uintptr_t kItems = 1000;
+  for (uintptr_t u = 1; u <= kItems; ++u) {
+    EXPECT_EQ(QmMsgQueueInsert(&m_queue, u % 7 == 0 ? u : 0, u % 11 == 0 ? u : 0, ItemOf(u)), 0);
+  }
+  for (uintptr_t u = 1; u <= kItems; ++u) {
+    QmMsg msg{8, 8, nullptr, 8};
+    ASSERT_EQ(QmGetMsgFromQueue(&m_queue, &msg, 0), 0);
+    EXPECT_EQ(msg.ulFirst, u % 7 == 0 ? u : 0);
+    EXPECT_EQ(msg.ulSecond, u % 11 == 0 ? u : 0);
+    EXPECT_EQ(msg.pItem, ItemOf(u));
+  }
+}
+
 TEST_F(MsgQueueTest, AnEmptyQueueGivesNothingAndLeavesTheMessageAlone) {
   QmMsg msg{7, 8, ItemOf(9), 10};
   EXPECT_NE(QmGetMsgFromQueue(&m_queue, &msg, 0), 0);

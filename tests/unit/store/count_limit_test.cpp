@@ -66,6 +66,30 @@ TEST_F(CountLimitTest, MarksTheThreeSmallestIdsOneByOne) {
   EXPECT_EQ(4u, m_peer.QueueCount(1));
 }
 
+TEST_F(CountLimitTest, MarksAnOldRecordThatComesBackBeforeNewerOnes) {
+  for (const unsigned long long u64DataId : {20ULL, 30ULL, 40ULL}) {
+    EXPECT_EQ(0, Add(u64DataId));
+  }
+  m_data.DelFirLineFromExecData();
+  m_data.DelFirLineFromExecData();
+  EXPECT_EQ(0, Add(10));
+  m_data.DelFirLineFromExecData();
+  EXPECT_EQ((std::vector<unsigned long long>{10, 20, 30}), m_peer.Marked());
+  m_data.DelFirLineFromExecData();
+  EXPECT_EQ((std::vector<unsigned long long>{10, 20, 30, 40}), m_peer.Marked());
+}
+
+TEST_F(CountLimitTest, GoesOnMarkingWhereMarkedRecordsHaveLeft) {
+  for (const unsigned long long u64DataId : {10ULL, 20ULL, 30ULL}) {
+    EXPECT_EQ(0, Add(u64DataId));
+  }
+  m_data.DelFirLineFromExecData();
+  EXPECT_EQ(0, m_data.DeleteDataAction(10));
+  EXPECT_EQ(0, m_data.DeleteDataAction(20));
+  m_data.DelFirLineFromExecData();
+  EXPECT_EQ((std::vector<unsigned long long>{30}), m_peer.Marked());
+}
+
 TEST_F(CountLimitTest, MarkingChangesNothingWhenAllAreMarked) {
   EXPECT_EQ(0, Add(1));
   EXPECT_EQ(0, Add(2));

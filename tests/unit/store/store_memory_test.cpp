@@ -49,6 +49,38 @@ TEST_F(StoreMemoryTest, AnIntakeWithoutMemoryIsRefusedOrFilesItsRecordWhole) {
   }
 }
 
+TEST_F(StoreMemoryTest, TheMapStaysWholeWhereverItFindsNoMemoryAsItGrows) {
+  constexpr unsigned long long kRecords = 3001;  // a prime: every stride visits every id
+  constexpr unsigned int kMostAllocations = 8;
+  Open();
+  Peer().SetDataFlowFlag(2);
+  const CPString strSender(kSenderText);
+  EXPECT_EQ(0, Add(kRecords, kSenderText));
+  unsigned int uRefused = 0;
+  unsigned long long u64Filed = 1;
+  for (const unsigned long long u64Stride : {1ULL, 1500ULL}) {
+    for (unsigned long long i = 1; i < kRecords; ++i) {
+      const unsigned long long u64DataId = i * u64Stride % kRecords;
+      if ((u64Stride == 1 && u64DataId % 2 == 0) || Data().IsDataIdExist(u64DataId)) {
+        continue;  // in order first, then the rest in between
+      }
+      for (unsigned int uAllocation = kMostAllocations; !Data().IsDataIdExist(u64DataId); --uAllocation) {
+        ASSERT_EQ(u64Filed, Peer().MapSize());
+        const CNthAllocationFault fault(uAllocation);  // 0: none fails
+        uRefused += Data().AddDataAction(0, u64DataId, 1, 1, 1, strSender, "", "", "text") == 0 ? 0 : 1;
+      }
+      ++u64Filed;
+    }
+  }
+  EXPECT_EQ(IdRange(1, kRecords), Peer().Ids());
+  EXPECT_GT(uRefused, 0u);
+  for (unsigned long long u64DataId = 1; u64DataId <= kRecords; ++u64DataId) {
+    ASSERT_EQ(u64DataId, Peer().Find(u64DataId)->u64DataId);
+    ASSERT_EQ(0, Data().DeleteDataAction(u64DataId));
+  }
+  EXPECT_EQ(0u, Peer().MapSize());
+}
+
 TEST_F(StoreMemoryTest, ASaveWritesEveryRecordThoughOneAllocationFails) {
   bool bFailed = true;
   for (unsigned int uAllocation = 1; bFailed; ++uAllocation) {
