@@ -158,8 +158,7 @@ void MeasureBacklog(const BenchOptions& options) {
     const char* pszName;
     uint64_t u64Held;
   };
-  constexpr Case kCases[] = {
-      {"held_1", 1}, {"held_1000", 1000}, {"held_100000", 100000}, {"held_500000", kMostHeld}};
+  constexpr Case kCases[] = {{"held_1", 1}, {"held_1000", 1000}, {"held_100000", 100000}, {"held_500000", kMostHeld}};
   for (int iRound = 1; iRound <= options.iRounds; ++iRound) {
     if (options.IsWanted(kMemoryGroup.pszGroup)) {
       MeasureMemory(options, iRound);

@@ -57,8 +57,7 @@ void MeasurePipeline(const BenchOptions& options) {
   const uint64_t u64Records = options.bQuick ? 200000 : 1000000;
   for (int iRound = 1; iRound <= options.iRounds; ++iRound) {
     kGroup.Print("bare", iRound, "rate", "records/s", MeasureBare(u64Records));
-    kGroup.Print("component", iRound, "rate", "records/s",
-                 MeasureComponent(options, "dataflowflag = 2\n", u64Records));
+    kGroup.Print("component", iRound, "rate", "records/s", MeasureComponent(options, "dataflowflag = 2\n", u64Records));
     kGroup.Print("component_flow1", iRound, "rate", "records/s",
                  MeasureComponent(options, "dataflowflag = 1\n", u64Records));
   }

@@ -7,9 +7,9 @@
 
 struct BenchOptions {
   bool bQuick = false;
-  int iRounds = 7;                      // 3 with --quick
-  std::string strDirectory;             // where files go; empty: a fresh directory that is removed
-  std::vector<std::string> vecOnly;     // groups to measure; empty: all
+  int iRounds = 7;                   // 3 with --quick
+  std::string strDirectory;          // where files go; empty: a fresh directory that is removed
+  std::vector<std::string> vecOnly;  // groups to measure; empty: all
   bool IsWanted(const char* pszGroup) const;
 };
 

@@ -94,8 +94,7 @@ void CBenchInstallation::Configure(const std::string& strKeys) const {
 }
 
 CLoadedComponent::CLoadedComponent(ISendSink& sink)
-    : m_sink(sink),
-      m_pObject(static_cast<_PluginObjFuncTable*>(TheLibrary().pfnCreateObject(kComponentGuidText))) {
+    : m_sink(sink), m_pObject(static_cast<_PluginObjFuncTable*>(TheLibrary().pfnCreateObject(kComponentGuidText))) {
   if (m_pObject == nullptr || m_pObject->Initialize(this) != 0) {
     throw std::runtime_error("the component cannot be initialised");
   }

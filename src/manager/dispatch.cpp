@@ -34,10 +34,9 @@ int CLogCacheMgr::RunExecData(_LogExecData* pExecData) {
   {
     // A thread that is cancelled in here leaves its send in flight, like any send whose outcome never comes.
     const CCancellationWindow window;
-    uRet = pCompCtx->AsynSendEx(&s_guid, AGENT_MSG_ASYNC_LOGCACHE,
-                                reinterpret_cast<const uint8_t*>(data.strData.c_str()),
-                                static_cast<uint32_t>(data.strData.GetLength()), SendCompletion(), data.u64DataId,
-                                &ui64ACT, kSendTimeoutMs);
+    uRet = pCompCtx->AsynSendEx(
+        &s_guid, AGENT_MSG_ASYNC_LOGCACHE, reinterpret_cast<const uint8_t*>(data.strData.c_str()),
+        static_cast<uint32_t>(data.strData.GetLength()), SendCompletion(), data.u64DataId, &ui64ACT, kSendTimeoutMs);
   }
   if (uRet == 0) {
     LogPrint(g_hLog, kLogNormal,

@@ -36,30 +36,29 @@ struct SettlementLog {
              "qmlogcache step3 OK ResultExecData DeleteDataAction OK SubSendRef lRefCount[%ld] StartTime[%x] "
              "ReSendCount[%u] ui64ACT[%lx] u64DataId[%llx] iPriv[%d] iMsgType[%d] iDataSaveStatus[%d] strPluginId[%s] "
              "strProduct[%s] strCombo[%s]\n",
-             lRefCount, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId, data.iPriv,
-             data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(),
-             data.strCombo.c_str());
+             lRefCount, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType, iDataSaveStatus,
+             data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str());
   }
   void SuccessNotDeleted(int iRet) const {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache step3 OK Error ResultExecData OK DeleteDataAction Error iRet[%x] SubSendRef lRefCount[%ld] "
              "StartTime[%x] ReSendCount[%u] ui64ACT[%lx] u64DataId[%llx] iPriv[%d] iMsgType[%d] iDataSaveStatus[%d] "
              "strPluginId[%s] strProduct[%s] strCombo[%s]\n",
-             static_cast<unsigned int>(iRet), lRefCount, dwStartTime, dwReSendCount, ui64ACT,
-             data.u64DataId, data.iPriv, data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(),
-             data.strProduct.c_str(), data.strCombo.c_str());
+             static_cast<unsigned int>(iRet), lRefCount, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId,
+             data.iPriv, data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(),
+             data.strCombo.c_str());
   }
   // A failure whose action succeeded. pszFormat takes the fields in this order.
   void Failure(const char* pszFormat) const {
-    LogPrint(g_hLog, kLogWarning, pszFormat, lRefCount, dwResult, dwStartTime, dwReSendCount,
-             ui64ACT, data.u64DataId, data.iPriv, data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(),
-             data.strProduct.c_str(), data.strCombo.c_str());
+    LogPrint(g_hLog, kLogWarning, pszFormat, lRefCount, dwResult, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId,
+             data.iPriv, data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(),
+             data.strCombo.c_str());
   }
   // A failure whose action failed too.
   void FailureOfAction(const char* pszFormat, int iRet) const {
-    LogPrint(g_hLog, kLogWarning, pszFormat, static_cast<unsigned int>(iRet), lRefCount, dwResult,
-             dwStartTime, dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType,
-             iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str());
+    LogPrint(g_hLog, kLogWarning, pszFormat, static_cast<unsigned int>(iRet), lRefCount, dwResult, dwStartTime,
+             dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType, iDataSaveStatus,
+             data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str());
   }
   // The only copy of a rejected record.
   void RejectedData() const {
@@ -67,9 +66,8 @@ struct SettlementLog {
              "*qmlogcache step3 Error ResultExecData result[%x] StartTime[%x] ReSendCount[%u] ui64ACT[%lx] "
              "u64DataId[%llx] iPriv[%d] iMsgType[%d] iDataSaveStatus[%d] strPluginId[%s] strProduct[%s] strCombo[%s] "
              "strData[%s]",
-             dwResult, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId, data.iPriv,
-             data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(),
-             data.strCombo.c_str(), data.strData.c_str());
+             dwResult, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType, iDataSaveStatus,
+             data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str(), data.strData.c_str());
   }
 };
 
@@ -85,14 +83,14 @@ int CLogCacheMgr::ResultExecData(unsigned long long u64DataId, uint32_t dwResult
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache step3 Error ResultExecData GetExecDataFromMap iRet[%x] SubSendRef lRefCount[%ld] "
              "ui64ACT[%lx] u64DataId[%llu] dwResult[%x]\n",
-             static_cast<unsigned int>(kStatusUnknownDataId), static_cast<long>(ui64ACT), static_cast<unsigned long>(lRefCount),
-             u64DataId, dwResult);
+             static_cast<unsigned int>(kStatusUnknownDataId), static_cast<long>(ui64ACT),
+             static_cast<unsigned long>(lRefCount), u64DataId, dwResult);
     return kStatusUnknownDataId;
   }
   const bool bRetry = outcome == Outcome::Timeout || outcome == Outcome::Cloud;
   SetSendSingleFlag(bRetry ? 1 : 0);
-  const SettlementLog log{*hold,     hold->StartTime, hold->ReSendCount, hold->iDataSaveStatus,
-                          lRefCount, dwResult,        ui64ACT};
+  const SettlementLog log{*hold,    hold->StartTime, hold->ReSendCount, hold->iDataSaveStatus, lRefCount,
+                          dwResult, ui64ACT};
 
   if (bRetry) {
     const bool bFirst = log.dwReSendCount == 0;

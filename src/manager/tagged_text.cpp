@@ -37,8 +37,8 @@ CPString BuildTaggedText(unsigned long long u64DataId, int iPriv, int iMsgType, 
   const CNumberText priv(iPriv, kDecimal);
   const CNumberText msgType(iMsgType, kDecimal);
   const std::array<std::string_view, 15> pieces = {
-      "<version=1><dataid=", dataId.View(),        "><priv=",  priv.View(),
-      "><msgtype=",          msgType.View(),       "><guid=",  UpToZero(svPluginId),
+      "<version=1><dataid=", dataId.View(),       "><priv=",  priv.View(),
+      "><msgtype=",          msgType.View(),      "><guid=",  UpToZero(svPluginId),
       "><product=",          UpToZero(svProduct), "><combo=", UpToZero(svCombo),
       "><end=1><msg=",       UpToZero(svData),    ">"};
   size_t uLength = 0;

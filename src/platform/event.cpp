@@ -66,7 +66,8 @@ QM_PLATFORM_API int QmWaitEventTimeout(void* hEvent, unsigned int dwMilliseconds
   auto* pEvent = static_cast<Event*>(hEvent);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(dwMilliseconds);
   std::unique_lock lock(pEvent->mutex);
-  if (!pEvent->condition.wait_until(lock, deadline, [pEvent] { return pEvent->uSet.load(std::memory_order_acquire) != 0; })) {
+  if (!pEvent->condition.wait_until(lock, deadline,
+                                    [pEvent] { return pEvent->uSet.load(std::memory_order_acquire) != 0; })) {
     return ETIMEDOUT;
   }
   if (!pEvent->bManualReset) {

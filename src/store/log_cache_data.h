@@ -196,7 +196,7 @@ class CLogCacheData {
   // No record below this id waits to be marked by the count limit.
   unsigned long long m_u64FirstUnmarked QM_GUARDED_BY(m_csExecData) = 0;
   LogCacheFileMap m_mapLogCacheFile QM_GUARDED_BY(m_csExecData);
-  unsigned int m_uLoads QM_GUARDED_BY(m_csExecData) = 0;                                             // that run now
+  unsigned int m_uLoads QM_GUARDED_BY(m_csExecData) = 0;  // that run now
   std::unordered_set<unsigned long long> m_setDeletedInLoad QM_GUARDED_BY(m_csExecData);
 };
 

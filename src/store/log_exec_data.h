@@ -38,7 +38,6 @@ struct _LogExecData {
     std::atomic<uint8_t> m_uMarks{0};
   };
 
-
   CRelaxedAtomic<int> bIsDel{0};            // 1: dropped by the count limit, to be deleted instead of sent
   CRelaxedAtomic<uint32_t> StartTime{0};    // seconds since the epoch when it was last taken; 0: queued, not yet taken
   CRelaxedAtomic<uint32_t> ReSendCount{0};  // how often it was queued again after a failed or lost send

@@ -108,8 +108,7 @@ void WriteAndRead(FuzzedDataProvider& input) {
   const std::string strProduct = input.ConsumeRandomLengthString(kNameSize).c_str();
   const std::string strCombo = input.ConsumeRandomLengthString(kNameSize).c_str();
   const std::string strMessage = input.ConsumeRemainingBytesAsString();
-  const CPString strText =
-      BuildTaggedText(u64DataId, iPriv, iMsgType, szGuid, strProduct, strCombo, strMessage);
+  const CPString strText = BuildTaggedText(u64DataId, iPriv, iMsgType, szGuid, strProduct, strCombo, strMessage);
   const CExactText text(strText.View());
   TaggedText tags;
   FUZZ_CHECK(ParseTaggedText(text.View(), tags));
