@@ -4,7 +4,9 @@
 #include <array>
 #include <boost/json/src.hpp>
 #include <boost/nowide/utf/utf.hpp>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "platform/base64.h"
@@ -41,9 +43,36 @@ void AppendBase64(std::string& strOut, std::string_view svBytes) {
 CJsonText::CJsonText() : m_pSerializer(std::make_unique<boost::json::serializer>()) {}
 CJsonText::~CJsonText() = default;
 
+namespace {
+
+// Whether the text stands in a JSON literal as it is: ASCII without control characters, quotes and backslashes. Looks at
+// eight bytes at a time.
+bool IsPlain(std::string_view svText) {
+  constexpr uint64_t kEach = 0x0101010101010101U;
+  constexpr uint64_t kHighBits = 0x8080808080808080U;
+  const auto fnHasZero = [](uint64_t u64) { return (u64 - kEach) & ~u64; };
+  uint64_t u64Special = 0;
+  while (!svText.empty()) {
+    uint64_t u64 = kEach * 'x';
+    const size_t uCount = std::min(svText.size(), sizeof(u64));
+    std::memcpy(&u64, svText.data(), uCount);
+    svText.remove_prefix(uCount);
+    u64Special |= u64 | (u64 - kEach * ' ') | fnHasZero(u64 ^ (kEach * '"')) | fnHasZero(u64 ^ (kEach * '\\'));
+  }
+  return (u64Special & kHighBits) == 0;
+}
+
+}  // namespace
+
 void CJsonText::AppendField(std::string& strOut, std::string_view svName, std::string_view svText) {
   strOut += '"';
   strOut += svName;
+  if (IsPlain(svText)) {
+    strOut += "\":\"";
+    strOut += svText;
+    strOut += '"';
+    return;
+  }
   if (IsUtf8(svText)) {
     strOut += "\":";
     AppendLiteral(strOut, svText);

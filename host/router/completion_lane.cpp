@@ -24,13 +24,19 @@ CCompletionLane::~CCompletionLane() {
 }
 
 bool CCompletionLane::Put(LaneTicket&& ticket) {
-  const std::lock_guard<std::mutex> guard(m_Lock);
-  if (m_bStopping) {
-    return false;
+  bool bWake = false;
+  {
+    const std::lock_guard<std::mutex> guard(m_Lock);
+    if (m_bStopping) {
+      return false;
+    }
+    m_listQueue.splice(m_listQueue.end(), ticket);
+    // One notification for a thread that sleeps, however many items come before it runs.
+    bWake = m_uIdle > m_uWakes;
+    m_uWakes += bWake ? 1 : 0;
   }
-  m_listQueue.splice(m_listQueue.end(), ticket);
-  if (m_uIdle > 0) {
-    m_Filled.notify_one();
+  if (bWake) {
+    m_Filled.notify_one();  // not under the lock, where the woken thread would have to wait for it
   }
   return true;
 }
@@ -56,7 +62,11 @@ void CCompletionLane::Run() {
   std::unique_lock<std::mutex> guard(m_Lock);
   while (true) {
     ++m_uIdle;
-    m_Filled.wait(guard, [this] { return m_bStopping || !m_listQueue.empty(); });
+    while (!m_bStopping && m_listQueue.empty()) {
+      m_Filled.wait(guard);
+      // Also counted when nobody notified: then one notification more is sent than needed, and never one less.
+      m_uWakes -= m_uWakes > 0 ? 1 : 0;
+    }
     --m_uIdle;
     if (m_bStopping) {
       return;

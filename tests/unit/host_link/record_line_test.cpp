@@ -85,6 +85,29 @@ TEST(RecordLineTest, CarriesEveryUtf8TextThroughJson) {
   }
 }
 
+TEST(RecordLineTest, FindsTheOneSpecialByteWhereverItStands) {
+  for (size_t uLength = 1; uLength <= 17; ++uLength) {
+    for (size_t uAt = 0; uAt < uLength; ++uAt) {
+      for (int iByte = 0; iByte < 0x80; ++iByte) {
+        for (const char cOther : {' ', 'x', '!', '#', '[', ']', '~'}) {
+          std::string strText(uLength, cOther);
+          strText[uAt] = static_cast<char>(iByte);
+          CJsonText text;
+          std::string strField = "{";
+          text.AppendField(strField, "f", strText);
+          ASSERT_EQ(Json::parse(strField + "}")["f"].get<std::string>(), strText) << iByte << " at " << uAt;
+        }
+      }
+    }
+  }
+  for (int iByte = 0x80; iByte <= 0xff; ++iByte) {
+    CJsonText text;
+    std::string strField;
+    text.AppendField(strField, "f", std::string(12, 'x') + static_cast<char>(iByte));
+    EXPECT_TRUE(strField.starts_with("\"f_base64\":")) << iByte;
+  }
+}
+
 // The oracle is another library's check.
 TEST(RecordLineTest, AgreesWithAnotherLibraryOnWhatIsUtf8) {
   const auto bValid = [](const std::string& strText) {
