@@ -5,6 +5,10 @@
 
 #include "host/router/thread_setup.h"
 
+namespace {
+thread_local const CCompletionLane* t_pHeld = nullptr;  // the lane that this thread does not wake at present
+}  // namespace
+
 CCompletionLane::CCompletionLane(unsigned int uThreads, std::function<void(LaneItem&)> fnRun)
     : m_fnRun(std::move(fnRun)), m_bAlone(uThreads <= 1) {
   const unsigned int uCount = std::max(uThreads, 1U);
@@ -32,13 +36,30 @@ bool CCompletionLane::Put(LaneTicket&& ticket) {
     }
     m_listQueue.splice(m_listQueue.end(), ticket);
     // One notification for a thread that sleeps, however many items come before it runs.
-    bWake = m_uIdle > m_uWakes;
+    bWake = t_pHeld != this && m_uIdle > m_uWakes;
     m_uWakes += bWake ? 1 : 0;
   }
   if (bWake) {
     m_Filled.notify_one();  // not under the lock, where the woken thread would have to wait for it
   }
   return true;
+}
+
+void CCompletionLane::HoldWakeUps() {
+  t_pHeld = this;
+}
+
+void CCompletionLane::ReleaseWakeUps() {
+  t_pHeld = nullptr;
+  size_t uWake = 0;
+  {
+    const std::lock_guard<std::mutex> guard(m_Lock);
+    uWake = m_uIdle > m_uWakes ? std::min<size_t>(m_uIdle - m_uWakes, m_listQueue.size()) : 0;
+    m_uWakes += static_cast<unsigned int>(uWake);
+  }
+  for (; uWake > 0; --uWake) {
+    m_Filled.notify_one();
+  }
 }
 
 void CCompletionLane::Stop() {

@@ -56,6 +56,9 @@ class CCompletionLane {
 
   // Any thread. False, and the ticket kept, once the lane is stopping.
   bool Put(LaneTicket&& ticket);
+  // Between the two, Put by the calling thread wakes nobody; the second wakes for all of it.
+  void HoldWakeUps();
+  void ReleaseWakeUps();
   // Returns when no item runs any more; items still queued are forgotten.
   void Stop();
 

@@ -86,10 +86,10 @@ TEST(RecordLineTest, CarriesEveryUtf8TextThroughJson) {
 }
 
 TEST(RecordLineTest, FindsTheOneSpecialByteWhereverItStands) {
-  for (size_t uLength = 1; uLength <= 17; ++uLength) {
+  for (const size_t uLength : {1U, 7U, 8U, 9U, 17U}) {
     for (size_t uAt = 0; uAt < uLength; ++uAt) {
       for (int iByte = 0; iByte < 0x80; ++iByte) {
-        for (const char cOther : {' ', 'x', '!', '#', '[', ']', '~'}) {
+        for (const char cOther : {' ', '!', '#', '[', '~'}) {
           std::string strText(uLength, cOther);
           strText[uAt] = static_cast<char>(iByte);
           CJsonText text;
