@@ -1,4 +1,6 @@
 // Rows: inserts, delete and read. SQL is text with the values spliced in.
+#include <array>
+#include <charconv>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -36,20 +38,35 @@ bool PreparePayload(int iDataType, CPString& strData) {
   return true;
 }
 
+template <typename T>
+void AppendNumber(std::string& strSql, T number) {
+  constexpr size_t kLongestNumber = 24;
+  std::array<char, kLongestNumber> szNumber;
+  strSql.append(szNumber.data(), std::to_chars(szNumber.data(), szNumber.data() + szNumber.size(), number).ptr);
+}
+
+void AppendText(std::string& strSql, const CPString& strText) {
+  strSql.append("'").append(strText.View()).append("'");
+}
+
 // Appends one row's values. A zero byte in a text stays in it and ends the statement inside a quoted text, so that SQLite
 // refuses the statement instead of storing half a text.
 void AppendRow(std::string& strSql, unsigned long long u64DataId, int iPriv, int iMsgType, const CPString& strProduct,
                const CPString& strCombo, int iDataType, const CPString& strData) {
-  const auto appendText = [&strSql](const CPString& strText) { strSql.append("'").append(strText.View()).append("'"); };
-  CPString strNumbers;
-  strNumbers.Format("(%llu, %d, %d, ", u64DataId, iPriv, iMsgType);
-  strSql += strNumbers.View();
-  appendText(strProduct);
+  strSql += "(";
+  AppendNumber(strSql, u64DataId);
   strSql += ", ";
-  appendText(strCombo);
-  strNumbers.Format(", %d, ", iDataType);
-  strSql += strNumbers.View();
-  appendText(strData);
+  AppendNumber(strSql, iPriv);
+  strSql += ", ";
+  AppendNumber(strSql, iMsgType);
+  strSql += ", ";
+  AppendText(strSql, strProduct);
+  strSql += ", ";
+  AppendText(strSql, strCombo);
+  strSql += ", ";
+  AppendNumber(strSql, iDataType);
+  strSql += ", ";
+  AppendText(strSql, strData);
   strSql += ")";
 }
 

@@ -29,7 +29,8 @@ bool IsEvidenceOfDamage(int iSqliteCode) {
 sqlite3* OpenDbFile(const CPString& strFile, int& iRet) {
   sqlite3* pHandle = nullptr;
   RollBackJournal(strFile.c_str());
-  if (QmIsFileExisted(strFile.c_str()) != 0 && !IsCutShort(strFile.c_str())) {
+  // The first question answers for nearly every operation.
+  if (HasContents(strFile.c_str()) || (QmIsFileExisted(strFile.c_str()) != 0 && !IsCutShort(strFile.c_str()))) {
     iRet = sqlite3_opendb(strFile.c_str(), &pHandle);
     if (iRet == SQLITE_OK) {
       return pHandle;

@@ -159,6 +159,11 @@ bool IsReadable(const char* pszPath) {
   return IsFileReadable(pszPath) && IsFileReadable(std::string(pszPath) + "-wal");
 }
 
+bool HasContents(const char* pszPath) {
+  struct stat info {};
+  return IsRegularFile(pszPath, info) && info.st_size > kEmptyFileSize;
+}
+
 bool IsCutShort(const char* pszPath) {
   struct stat info {};
   return IsRegularFile(pszPath, info) && info.st_size <= kEmptyFileSize;
@@ -239,7 +244,7 @@ void CheckpointOpenFile(sqlite3* pDb) {
 
 void RollBackJournal(const char* pszPath) {
   struct stat info {};
-  if (!IsRegularFile(pszPath, info) || !IsRegularFile((std::string(pszPath) + "-journal").c_str(), info)) {
+  if (!IsRegularFile((std::string(pszPath) + "-journal").c_str(), info) || !IsRegularFile(pszPath, info)) {
     return;
   }
   const std::string strPath = ResolveDirectory(pszPath);

@@ -44,6 +44,8 @@ void CheckpointOpenFile(sqlite3* pDb);
 void RollBackJournal(const char* pszPath);
 // Whether every byte of the file and of its write-ahead log can be read.
 bool IsReadable(const char* pszPath);
+// Whether a regular file with contents stands there.
+bool HasContents(const char* pszPath);
 // Whether an empty file stands there, of zero bytes or of the one byte that SQLite takes for none: a creation, or
 // something else, that was cut short.
 bool IsCutShort(const char* pszPath);

@@ -1,6 +1,7 @@
 #include "message/receive.h"
 
 #include <array>
+#include <cstring>
 #include <exception>
 
 #include "manager/callback_scope.h"
@@ -14,19 +15,34 @@ namespace {
 
 // One inbound message, as the callback was given it.
 struct Message {
-  const char* pszSender;  // GUID text
+  const GUID& sender;
   long i64MsgType;
   const unsigned char* pData;
   unsigned int uiDataLength;
 };
 
+// A sender's GUID text for a log line; made only where one is printed.
+class CSenderName {
+ public:
+  explicit CSenderName(const GUID& sender) { FormatGuid(sender, m_szText); }
+  const char* c_str() const { return m_szText; }  // NOLINT(readability-identifier-naming)
+
+ private:
+  char m_szText[kGuidBufferSize] = {};
+};
+
 // Text of a message's sender. A thread's messages come in runs of one sender, whose text they share.
 const CPString& SenderText(const Message& message) {
-  thread_local CPString t_strSender;
-  if (t_strSender.View() != message.pszSender) {
-    t_strSender = CPString(message.pszSender);
+  struct Sender {
+    GUID guid{};
+    CPString strText;
+  };
+  thread_local Sender t_sender;
+  if (t_sender.strText.IsEmpty() || std::memcmp(&t_sender.guid, &message.sender, sizeof(GUID)) != 0) {
+    t_sender.strText = CPString(CSenderName(message.sender).c_str());
+    t_sender.guid = message.sender;
   }
-  return t_strSender;
+  return t_sender.strText;
 }
 
 // The part of a message that is a record's data.
@@ -38,7 +54,8 @@ int RejectUnknownType(const Message& message) {
   LogPrint(g_hLog, kLogWarning,
            "*qmlogcache step1 Error ReceiveCallback GetPrivAndMsgType i64MsgType[%llx] stComponentID[%s] "
            "uiDataLength[%u]",
-           static_cast<unsigned long long>(message.i64MsgType), message.pszSender, message.uiDataLength);
+           static_cast<unsigned long long>(message.i64MsgType), CSenderName(message.sender).c_str(),
+           message.uiDataLength);
   return kStatusUnknownType;
 }
 
@@ -48,7 +65,7 @@ int TakeResult(CLogCacheMgr& manager, const Message& message) {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache CLogCacheReceive::ReceiveCallback Error recv size i64MsgType[%llx] stComponentID[%s] "
              "uiDataLength[%u] recvSize[%u]",
-             kMsgType, message.pszSender, message.uiDataLength, kResultMessageSize);
+             kMsgType, CSenderName(message.sender).c_str(), message.uiDataLength, kResultMessageSize);
     return kStatusBadResultSize;
   }
   const ResultMessage result = DecodeResultMessage(message.pData);
@@ -64,9 +81,9 @@ int TakeCombo(CLogCacheMgr& manager, const Message& message) {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache step1 Error ReceiveCallback size i64MsgType[%llx] stComponentID[%s] uiDataLength[%u] "
              "recvSize[%u] iJsonDataType[%d] iPriv[%d] szProduct[%s] szCombo[%s] uDataLength[%u]",
-             static_cast<unsigned long long>(message.i64MsgType), message.pszSender, message.uiDataLength,
-             static_cast<uint32_t>(u64Expected), header.iJsonDataType, header.iPriv, strProduct.c_str(),
-             strCombo.c_str(), header.uDataLength);
+             static_cast<unsigned long long>(message.i64MsgType), CSenderName(message.sender).c_str(),
+             message.uiDataLength, static_cast<uint32_t>(u64Expected), header.iJsonDataType, header.iPriv,
+             strProduct.c_str(), strCombo.c_str(), header.uDataLength);
     return kStatusBadSize;
   }
   if (header.iPriv < 0) {
@@ -93,7 +110,7 @@ int TakeMessage(CLogCacheMgr* pLogCacheMgr, const Message& message) {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache CLogCacheReceive::ReceiveCallback Error pData is NULL i64MsgType[%llx] stComponentID[%s] "
              "pData[%p] uiDataLength[%u]",
-             static_cast<unsigned long long>(message.i64MsgType), message.pszSender,
+             static_cast<unsigned long long>(message.i64MsgType), CSenderName(message.sender).c_str(),
              static_cast<const void*>(message.pData), message.uiDataLength);
     return kStatusEmptyData;
   }
@@ -101,7 +118,8 @@ int TakeMessage(CLogCacheMgr* pLogCacheMgr, const Message& message) {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache CLogCacheReceive::ReceiveCallback Error pLogCacheMgr is NULL i64MsgType[%llx] "
              "stComponentID[%s] uiDataLength[%u]",
-             static_cast<unsigned long long>(message.i64MsgType), message.pszSender, message.uiDataLength);
+             static_cast<unsigned long long>(message.i64MsgType), CSenderName(message.sender).c_str(),
+             message.uiDataLength);
     return kStatusNoResource;
   }
   switch (message.i64MsgType) {
@@ -110,7 +128,7 @@ int TakeMessage(CLogCacheMgr* pLogCacheMgr, const Message& message) {
       LogPrint(g_hLog, kLogNormal,
                "qmlogcache CLogCacheReceive::ReceiveCallback AGENT_MSG_BROADCAST_CONNECT stComponentID[%s] "
                "uiDataLength[%u]",
-               message.pszSender, message.uiDataLength);
+               CSenderName(message.sender).c_str(), message.uiDataLength);
       return kStatusOk;
     case LOGCACHE_MSG_ASYNC_LOGCACHR_RESULT:
       return TakeResult(*pLogCacheMgr, message);
@@ -158,17 +176,15 @@ bool CLogCacheReceive::GetPrivAndMsgType(long long i64MsgType, int& iPriv, int& 
 void CLogCacheReceive::ReceiveCallback(const GUID& stComponentID, long i64MsgType, const unsigned char* pData,
                                        unsigned int uiDataLength, void* pReplyHandle, void* pContext) {
   const CCallbackScope scope(CallbackKind::Receive);
-  char szSender[kGuidBufferSize] = {};
-  FormatGuid(stComponentID, szSender);
   int iRet = kStatusOk;
   try {
-    iRet = TakeMessage(scope.Manager(), {szSender, i64MsgType, pData, uiDataLength});
+    iRet = TakeMessage(scope.Manager(), {stComponentID, i64MsgType, pData, uiDataLength});
   } catch (const std::exception&) {
     iRet = kStatusNoResource;
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache CLogCacheReceive::ReceiveCallback Error no memory i64MsgType[%llx] stComponentID[%s] "
              "uiDataLength[%u]",
-             static_cast<unsigned long long>(i64MsgType), szSender, uiDataLength);
+             static_cast<unsigned long long>(i64MsgType), CSenderName(stComponentID).c_str(), uiDataLength);
   }
   if (pContext != nullptr && pReplyHandle != nullptr) {
     constexpr char kSuccess[] = "success";

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "platform/api.h"
@@ -15,6 +16,7 @@
 
 namespace {
 
+constexpr size_t kCutSize = 1024;
 constexpr auto kHangGuard = std::chrono::seconds(60);
 
 struct Channel {
@@ -165,10 +167,16 @@ QM_PLATFORM_API void LogPrint(void* hLog, int iLevel, const char* pszFormat, ...
   va_copy(again, arguments);
   const int iLength = vsnprintf(nullptr, 0, pszFormat, arguments);
   va_end(arguments);
-  std::string strText(iLength > 0 ? static_cast<size_t>(iLength) : 0, '\0');
-  vsnprintf(strText.data(), strText.size() + 1, pszFormat, again);
+  // As the library does: a line that finds no memory is cut.
+  size_t uSize = iLength > 0 ? static_cast<size_t>(iLength) + 1 : 1;
+  std::unique_ptr<char[]> pText(new (std::nothrow) char[uSize]);
+  if (pText == nullptr) {
+    uSize = kCutSize;
+    pText = std::make_unique<char[]>(uSize);
+  }
+  vsnprintf(pText.get(), uSize, pszFormat, again);
   va_end(again);
-  Keep(hLog, iLevel, std::move(strText));
+  Keep(hLog, iLevel, pText.get());
 }
 
 QM_PLATFORM_API void LogPrintStr(void* hLog, int iLevel, const char* pszText) {

@@ -219,8 +219,8 @@ TEST_F(ReceiveTest, KeepsDataWithZeroBytesWholeAndCutsTheTaggedTextAtTheFirst) {
 class ReceiveWithoutMemoryTest : public ReceiveTest {
  protected:
   ReceiveWithoutMemoryTest() {
-    constexpr size_t kPayload = 128U << 20;
-    constexpr size_t kHeadroom = 32U << 20;
+    constexpr size_t kPayload = 96U << 20;
+    constexpr size_t kHeadroom = 64U << 20;
     void* pPayload = mmap(nullptr, kPayload, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     EXPECT_NE(MAP_FAILED, pPayload);
     std::memset(pPayload, 'x', kPayload);
@@ -249,6 +249,9 @@ TEST_F(ReceiveWithoutMemoryTest, LogsTheRejectedMessage) {
   ASSERT_EQ(1u, CLogCapture::Lines().size());
   EXPECT_EQ(kMainChannel, CLogCapture::Lines()[0].strChannel);
   EXPECT_EQ(3, CLogCapture::Lines()[0].iLevel);
+  EXPECT_TRUE(CLogCapture::Lines()[0].strText.starts_with(
+      "*qmlogcache step1 Error AddDataAction iRet[e0010003] bForceSave[0] i64MsgType[2775] "))
+      << CLogCapture::Lines()[0].strText;
 }
 
 }  // namespace

@@ -1,0 +1,1 @@
+"""From the lines that the benchmark programs print to the tables and plots of docs/performance.md."""
