@@ -1,7 +1,9 @@
 // storage_insert and storage_insert_delete.
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/storage/acknowledging_destination.h"
@@ -97,6 +99,8 @@ class CSingleRecords {
     for (size_t i = 0; i < kRowsBefore; ++i) {
       send(i);
     }
+    // The space of the directory is looked at once a minute, and for every record of the second in which that happens.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     const auto run = [&] {
       for (size_t i = kRowsBefore; i < m_vecRows.size(); ++i) {
         send(i);

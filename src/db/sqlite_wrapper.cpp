@@ -72,7 +72,15 @@ int OpenConnection(const std::string& strPath, sqlite3** ppDb) {
   }
   // One thread uses a connection, from open to close.
   constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_PRIVATECACHE;
-  const int iRet = sqlite3_open_v2(strPath.c_str(), ppDb, kFlags, WalVfsName());
+  int iRet = sqlite3_open_v2(strPath.c_str(), ppDb, kFlags, WalVfsName());
+  if (iRet != SQLITE_OK && sqlite3_extended_errcode(*ppDb) == SQLITE_CANTOPEN_SYMLINK) {
+    // The directory is reached through a symbolic link, which it may be; the file itself may be none.
+    const std::string strResolved = ResolveDirectory(strPath.c_str());
+    if (!strResolved.empty()) {
+      sqlite3_close(*ppDb);
+      iRet = sqlite3_open_v2(strResolved.c_str(), ppDb, kFlags, WalVfsName());
+    }
+  }
   if (iRet == SQLITE_OK) {
     sqlite3_busy_timeout(*ppDb, kBusyTimeoutMs);
     RestrictSchema(*ppDb);
@@ -175,11 +183,7 @@ int sqlite3_opendb(const char* pszPath, sqlite3** ppDb) {
   if (!IsRegularFile(pszPath, info)) {
     return SQLITE_CANTOPEN;
   }
-  const std::string strPath = ResolveDirectory(pszPath);
-  if (strPath.empty()) {
-    return SQLITE_CANTOPEN;
-  }
-  const int iRet = OpenConnection(strPath, ppDb);
+  const int iRet = OpenConnection(pszPath, ppDb);
   return iRet == SQLITE_OK ? UseWriteAheadLog(*ppDb) : iRet;
 }
 
@@ -247,10 +251,9 @@ void RollBackJournal(const char* pszPath) {
   if (!IsRegularFile((std::string(pszPath) + "-journal").c_str(), info) || !IsRegularFile(pszPath, info)) {
     return;
   }
-  const std::string strPath = ResolveDirectory(pszPath);
   sqlite3* pDb = nullptr;
   // Any read does it. Whatever fails here fails again where the file is opened for its work, and is told there.
-  if (!strPath.empty() && OpenConnection(strPath, &pDb) == SQLITE_OK) {
+  if (OpenConnection(pszPath, &pDb) == SQLITE_OK) {
     static_cast<void>(Pragma(pDb, "PRAGMA schema_version;"));
   }
   sqlite3_close(pDb);
@@ -262,11 +265,10 @@ void CheckpointIntoFile(const char* pszPath) {
       info.st_size == 0) {
     return;
   }
-  const std::string strPath = ResolveDirectory(pszPath);
   sqlite3* pDb = nullptr;
   // Not by way of sqlite3_opendb: that may write to the file, and what is backed up is to be what was there. The log is
   // opened by the first read.
-  if (!strPath.empty() && OpenConnection(strPath, &pDb) == SQLITE_OK &&
+  if (OpenConnection(pszPath, &pDb) == SQLITE_OK &&
       sqlite3_exec(pDb, "PRAGMA schema_version;", nullptr, nullptr, nullptr) == SQLITE_OK) {
     // Readers are waited for: what stays in the log is not in the backup.
     static_cast<void>(sqlite3_wal_checkpoint_v2(pDb, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr));
