@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "host/install_tree.h"
+#include "host/link_drivers.h"
 #include "platform/log.h"
 #include "platform/storage_sync.h"
 
@@ -76,7 +77,6 @@ bool CHost::Prepare() {
   // The lock comes before the log, which two hosts on one configuration would otherwise share.
   if (!MakeDirectories(m_Config.strDataDir, kPrivateMode, strError) || !m_DataDir.Lock(strError) ||
       !MakeDirectories(m_Config.strLogDir, kPrivateMode, strError) ||
-      !MakeDirectories(DirectoryOf(m_Config.fileDriver.strPath), kPrivateMode, strError) ||
       !MakeDirectories(DirectoryOf(m_Config.ingress.strSocketPath), kSocketDirMode, strError)) {
     Fail(strError);
     return false;
@@ -106,7 +106,12 @@ bool CHost::Prepare() {
 bool CHost::StartParts() {
   std::string strError;
   m_pRouter = CreateRouter(m_Config.router);
-  m_pLink = CreateServerLink(*m_pRouter, CreateFileDriver(m_Config.fileDriver));
+  std::unique_ptr<ILinkDriver> pDriver = MakeLinkDriver(m_Config, strError);
+  if (!pDriver) {
+    Fail(strError);
+    return false;
+  }
+  m_pLink = CreateServerLink(*m_pRouter, std::move(pDriver));
   if (!m_pLink->Start(strError)) {
     m_pLink.reset();
     Fail(strError);

@@ -1,11 +1,12 @@
 """The sides of the comparison: how each is configured, started and fed. All get the same lines of the same loader."""
 
-import os
 import signal
+import socket
 import subprocess
+import threading
 import time
 
-from processes import Daemon, Failed, finish, wait_until
+from processes import PATIENCE, Daemon, Failed, finish, wait_until
 
 # More than any run holds: no side may refuse or block for want of room.
 QUEUE_ROOM = 1_200_000
@@ -90,6 +91,8 @@ class QmLogCache(Side):
                           f"[link]\npath = {self.output}\n[plugin logcache]\n")
         self.daemon = Daemon([program, "--config", config], self.directory / "words")
         self.daemon.wait_ready(lambda: "qmhost ready" in self.daemon.said())
+        # Until it knows of a connection, the component's work thread looks for one once a second, and says nothing.
+        time.sleep(1.2)
 
     def start_without_sink(self):
         # The host makes the directory when it starts; a link that reopens its file does not.
@@ -113,7 +116,46 @@ class QmLogCache(Side):
         return cpu, acknowledged
 
 
-class RSyslog(Side):
+class SocketSide(Side):
+    """A side whose sink, where it has to be down, is a loopback port at which nobody listens yet. A file that cannot be
+    opened would not do: it has no queue at syslog-ng, and rsyslog loses what it has buffered for the file."""
+
+    def __init__(self, tools, directory):
+        super().__init__(tools, directory)
+        self.listener = None
+        self.copier = None
+
+    def start_without_sink(self):
+        self.listener = socket.socket()
+        self.listener.bind(("127.0.0.1", 0))
+        self.sink_directory.mkdir()
+        self.launch(on_disk=False)
+
+    def port(self):
+        """Of the sink that is no file; None when it is one."""
+        return self.listener.getsockname()[1] if self.listener is not None else None
+
+    def raise_sink(self):
+        self.listener.listen()
+        self.listener.settimeout(PATIENCE)
+        self.copier = threading.Thread(target=self.copy, daemon=True)
+        self.copier.start()
+
+    def copy(self):
+        connection, _ = self.listener.accept()
+        with connection, self.output.open("wb", buffering=0) as stream:
+            while piece := connection.recv(1 << 20):
+                stream.write(piece)
+
+    def stop(self):
+        super().stop()  # ends the connection, and with it the copier
+        if self.copier is not None:
+            self.copier.join(PATIENCE)
+        if self.listener is not None:
+            self.listener.close()
+
+
+class RSyslog(SocketSide):
     name = "rsyslog"
     batched = False
 
@@ -129,6 +171,8 @@ class RSyslog(Side):
         disk = ('queue.type="Disk" queue.filename="queue" queue.maxFileSize="100m" queue.checkpointInterval="1" '
                 f'queue.syncqueuefiles="on" {room}')
         direct = 'queue.type="Direct"'
+        sink = (f'type="omfwd" target="127.0.0.1" port="{self.port()}" protocol="tcp"' if self.port() else
+                f'type="omfile" file="{self.output}" ioBufferSize="64k" sync="{"on" if on_disk else "off"}"')
         main, action = (memory, direct) if not on_disk else (disk, direct) if self.batched else (direct, disk)
         config.write_text(f"""
 global(workDirectory="{work}")
@@ -136,8 +180,7 @@ module(load="imptcp" threads="1")
 main_queue({main})
 template(name="line" type="string" string="%rawmsg%\\n")
 input(type="imptcp" path="{self.socket}")
-action(type="omfile" file="{self.output}" template="line" createDirs="off" ioBufferSize="64k"
-       sync="{'on' if on_disk else 'off'}" action.resumeRetryCount="-1" action.resumeInterval="1"
+action({sink} template="line" action.resumeRetryCount="-1" action.resumeInterval="1"
        {action})
 """)
         root = self.tools.peers
@@ -154,35 +197,13 @@ class RSyslogBatched(RSyslog):
     batched = True
 
 
-class SyslogNg(Side):
+class SyslogNg(SocketSide):
     name = "syslog_ng"
-
-    def __init__(self, tools, directory):
-        super().__init__(tools, directory)
-        self.pipe = directory / "pipe"
-        self.copier = None
-
-    def start_without_sink(self):
-        # A file that cannot be opened has no queue here. A pipe that nobody reads has, and holds 64 KiB itself.
-        os.mkfifo(self.pipe)
-        self.sink_directory.mkdir()
-        self.launch(on_disk=False)
-
-    def raise_sink(self):
-        with self.output.open("wb") as stream:
-            self.copier = subprocess.Popen(["cat", self.pipe], stdout=stream)
-
-    def stop(self):
-        super().stop()
-        if self.copier is not None:
-            self.copier.kill()
-            self.copier.wait()
-            self.copier = None
 
     def launch(self, on_disk):
         if on_disk:
             raise Failed("syslog-ng's disk buffer knows no sync")
-        sink = f'pipe("{self.pipe}"' if self.pipe.exists() else f'file("{self.output}" fsync(no)'
+        sink = f'network("127.0.0.1" port({self.port()})' if self.port() else f'file("{self.output}" fsync(no)'
         config = self.directory / "syslog-ng.conf"
         config.write_text(f"""
 @version: 3.38

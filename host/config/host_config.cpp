@@ -11,7 +11,10 @@
 #include <utility>
 
 #include "host/config/config_values.h"
+#include "host/config/http_keys.h"
+#include "host/config/key_rule.h"
 #include "host/config/path_obstacles.h"
+#include "host/link/agent_id.h"
 #include "plugin/compctx/guid.h"
 
 namespace {
@@ -20,38 +23,6 @@ constexpr uint64_t kKilo = 1U << 10;
 constexpr uint64_t kGiga = 1U << 30;
 constexpr uint64_t kHourMs = 3600000;
 constexpr std::string_view kPluginPrefix = "plugin ";
-
-// What the keys are set in.
-struct Target {
-  HostConfig& config;
-  PluginSpec& plugin;  // that of the key's section
-  bool& bEnabled;
-  const std::string& strPrefix;
-};
-
-// One key: its value goes into the target, or the answer says what is wrong.
-struct KeyRule {
-  const char* pszSection;  // "plugin" stands for every plug-in's section
-  const char* pszKey;
-  const char* pszDefault;
-  std::string (*pfnSet)(std::string_view svValue, Target& target);
-};
-
-template <typename TField>
-std::string SetNumber(std::string_view svValue, uint64_t u64Least, uint64_t u64Most, TField& uField) {
-  uint64_t u64Read = 0;
-  std::string strWrong = ReadNumber(svValue, u64Least, u64Most, u64Read);
-  uField = static_cast<TField>(u64Read);
-  return strWrong;
-}
-
-template <typename TField>
-std::string SetSize(std::string_view svValue, uint64_t u64Least, uint64_t u64Most, TField& uField) {
-  uint64_t u64Read = 0;
-  std::string strWrong = ReadSize(svValue, u64Least, u64Most, u64Read);
-  uField = static_cast<TField>(u64Read);
-  return strWrong;
-}
 
 std::string SetSync(std::string_view svValue, Target& target) {
   size_t uWord = 0;
@@ -71,12 +42,20 @@ std::string SetSocket(std::string_view svValue, Target& target) {
   return strWrong;
 }
 
-std::string SetDriver(std::string_view svValue, Target& /*target*/) {
+std::string SetDriver(std::string_view svValue, Target& target) {
   size_t uWord = 0;
-  return ReadWord(svValue, {"file"}, uWord);
+  std::string strWrong = ReadWord(svValue, LinkDriverNames(), uWord);
+  target.config.linkDriver = static_cast<LinkDriver>(uWord);
+  return strWrong;
 }
 
-const KeyRule kRules[] = {
+std::string SetAgentId(std::string_view svValue, Target& target) {
+  target.config.strAgentId.clear();
+  const bool bGood = svValue.empty() || ReadAgentId(svValue, target.config.strAgentId);
+  return bGood ? std::string() : "\"" + std::string(svValue) + "\" is not a UUID";
+}
+
+const KeyRule kHostRules[] = {
     {"host", "data_dir", "data",
      [](std::string_view sv, Target& t) { return ReadPath(sv, t.strPrefix, t.config.strDataDir); }},
     {"log", "dir", "log", [](std::string_view sv, Target& t) { return ReadPath(sv, t.strPrefix, t.config.strLogDir); }},
@@ -107,12 +86,27 @@ const KeyRule kRules[] = {
     {"link", "driver", "file", SetDriver},
     {"link", "path", "data/records.jsonl",
      [](std::string_view sv, Target& t) { return ReadPath(sv, t.strPrefix, t.config.fileDriver.strPath); }},
+    {"link", "agent_id", "", SetAgentId},
+};
+
+const KeyRule kPluginRules[] = {
     {"plugin", "path", "lib/libqmlogcache.so",
      [](std::string_view sv, Target& t) { return ReadPath(sv, t.strPrefix, t.plugin.strPath); }},
     {"plugin", "guid", kComponentGuidText,
      [](std::string_view sv, Target& t) { return ReadGuid(sv, t.plugin.strGuid); }},
     {"plugin", "enabled", "yes", [](std::string_view sv, Target& t) { return ReadSwitch(sv, t.bEnabled); }},
 };
+
+// Every key, in the order of the table in the header.
+const std::vector<KeyRule>& AllRules() {
+  static const std::vector<KeyRule> s_vecRules = [] {
+    std::vector<KeyRule> vecRules(std::begin(kHostRules), std::end(kHostRules));
+    vecRules.insert(vecRules.end(), HttpKeyRules().begin(), HttpKeyRules().end());
+    vecRules.insert(vecRules.end(), std::begin(kPluginRules), std::end(kPluginRules));
+    return vecRules;
+  }();
+  return s_vecRules;
+}
 
 struct PluginSection {
   std::string strSection;
@@ -150,6 +144,7 @@ class CChecker {
     }
     const int iLastLine = std::max(text.iLines, 1);
     CheckPaths(iLastLine);
+    CheckLink(iLastLine);
     CheckPlugins(iLastLine);
   }
 
@@ -160,7 +155,7 @@ class CChecker {
     PluginSpec spec;
     bool bEnabled = true;
     Target target{m_Config, spec, bEnabled, m_strPrefix};
-    for (const KeyRule& rule : kRules) {
+    for (const KeyRule& rule : AllRules()) {
       std::string strWrong = rule.pfnSet(rule.pszDefault, target);
       // Only the length of a path depends on the installation.
       m_vecDefaultProblems.push_back(strWrong.empty() ? strWrong : std::string(rule.pszKey) + ": " + strWrong);
@@ -170,7 +165,7 @@ class CChecker {
 
   void TakeSection(const ConfigSection& section) {
     const std::string strRule = RuleSection(section.strName);
-    const bool bKnown = std::any_of(std::begin(kRules), std::end(kRules), [&](const KeyRule& rule) {
+    const bool bKnown = std::any_of(AllRules().begin(), AllRules().end(), [&](const KeyRule& rule) {
       return strRule == rule.pszSection && (strRule != "plugin" || IsPluginSection(section.strName));
     });
     if (!bKnown) {
@@ -179,7 +174,7 @@ class CChecker {
         return;
       }
       std::vector<std::string> vecKnown;
-      for (const KeyRule& rule : kRules) {
+      for (const KeyRule& rule : AllRules()) {
         vecKnown.emplace_back(rule.pszSection);
       }
       Complain(section.iLine, "unknown section [" + section.strName + "]" + Suggestion(section.strName, vecKnown));
@@ -207,7 +202,7 @@ class CChecker {
     PluginSection* pPlugin = FindPlugin(entry.strSection);
     std::vector<std::string> vecKnown;
     const KeyRule* pRule = nullptr;
-    for (const KeyRule& rule : kRules) {
+    for (const KeyRule& rule : AllRules()) {
       if (strRule == rule.pszSection && (strRule != "plugin" || pPlugin != nullptr)) {
         vecKnown.emplace_back(rule.pszKey);
         pRule = entry.strKey == rule.pszKey ? &rule : pRule;
@@ -227,7 +222,7 @@ class CChecker {
                                 std::to_string(itFirst->second));
       return;
     }
-    m_vecDefaultProblems[static_cast<size_t>(pRule - std::begin(kRules))].clear();
+    m_vecDefaultProblems[static_cast<size_t>(pRule - AllRules().data())].clear();
     PluginSpec unused;
     bool bUnused = true;
     Target target{m_Config, pPlugin != nullptr ? pPlugin->spec : unused,
@@ -246,7 +241,32 @@ class CChecker {
     CheckPath({"host", "data_dir"}, m_Config.strDataDir, DirectoryObstacle, iLastLine);
     CheckPath({"log", "dir"}, m_Config.strLogDir, DirectoryObstacle, iLastLine);
     CheckPath({"ingress", "socket"}, m_Config.ingress.strSocketPath, SocketObstacle, iLastLine);
-    CheckPath({"link", "path"}, m_Config.fileDriver.strPath, RecordFileObstacle, iLastLine);
+  }
+
+  // What the chosen driver needs. A row a driver.
+  void CheckLink(int iLastLine) {
+    if (m_setBadKeys.count({"link", "driver"}) != 0) {
+      return;
+    }
+    switch (m_Config.linkDriver) {
+      case LinkDriver::File:
+        CheckPath({"link", "path"}, m_Config.fileDriver.strPath, RecordFileObstacle, iLastLine);
+        break;
+      case LinkDriver::Http:
+        CheckTogether("http", HttpKeyProblems(m_Config.httpDriver), iLastLine);
+        break;
+    }
+  }
+
+  void CheckTogether(const std::string& strSection, const std::vector<std::pair<std::string, std::string>>& vecProblems,
+                     int iLastLine) {
+    for (const auto& [strKey, strText] : vecProblems) {
+      const auto it = m_mapLines.find({strSection, strKey});
+      if (m_setBadKeys.count({strSection, strKey}) == 0) {
+        std::string strProblem = strKey;
+        Complain(it == m_mapLines.end() ? iLastLine : it->second, strProblem.append(": ").append(strText));
+      }
+    }
   }
 
   void CheckPath(const std::pair<std::string, std::string>& key, const std::string& strPath,
@@ -318,9 +338,14 @@ std::vector<ConfigProblem> LoadHostConfig(const std::string& strFile, const std:
   return vecProblems;
 }
 
+const std::vector<std::string>& LinkDriverNames() {
+  static const std::vector<std::string> s_vecNames = {"file", "http"};
+  return s_vecNames;
+}
+
 std::vector<HostConfigKey> HostConfigKeys() {
   std::vector<HostConfigKey> vecKeys;
-  for (const KeyRule& rule : kRules) {
+  for (const KeyRule& rule : AllRules()) {
     vecKeys.push_back({rule.pszSection, rule.pszKey, rule.pszDefault});
   }
   return vecKeys;

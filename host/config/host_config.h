@@ -20,8 +20,21 @@
 // |               |                    |                      | 3600000                                               |
 // |               | max_connections    | 1024                 | connections at once, 1 to 65536                       |
 // |               | threads            | 2                    | threads that take messages, 1 to 256                  |
-// | [link]        | driver             | file                 | where records go: file                                |
+// | [link]        | driver             | file                 | where records go: file or http                        |
 // |               | path               | data/records.jsonl   | file driver: the file that is appended to             |
+// |               | agent_id           |                      | UUID that destinations know the agent by; without it  |
+// |               |                    |                      | one is made and kept in the data directory            |
+// | [http]        | url                |                      | where batches are sent, http or https; needed         |
+// |               | ca_file            |                      | the only authorities to trust; the system's           |
+// |               | client_cert        |                      | certificate of this agent                             |
+// |               | client_key         |                      | its key, unless it stands in client_cert              |
+// |               | token_file         |                      | bearer token                                          |
+// |               | proxy              |                      | URL, or environment; none                             |
+// |               | timeout_ms         | 30000                | how long an answer may take, 100 to 600000            |
+// |               | connect_timeout_ms | 10000                | how long a connection may take, 100 to 600000         |
+// |               | retry_max_ms       | 60000                | longest pause between attempts, 100 to 3600000        |
+// |               | batch_bytes        | 1M                   | text of the records of a batch, 1K to 256M            |
+// |               | requests           | 2                    | requests at a time, 1 to 8                            |
 // | [plugin NAME] | path               | lib/libqmlogcache.so | the plug-in's library                                 |
 // |               | guid               | the log cache's      | the object to make                                    |
 // |               | enabled            | yes                  | no: the section is checked and otherwise ignored      |
@@ -38,6 +51,7 @@
 
 #include "host/config/config_file.h"
 #include "host/ingress/ingress_server.h"
+#include "host/link/http/http_driver.h"
 #include "host/link/server_link.h"
 #include "host/plugins/plugin_spec.h"
 #include "host/router/router.h"
@@ -49,6 +63,11 @@ struct HostConfigKey {
   std::string strDefault;
 };
 
+// The drivers of the server link, each a value of [link] driver.
+enum class LinkDriver { File, Http };
+// In the order of the enumeration.
+const std::vector<std::string>& LinkDriverNames();
+
 struct HostConfig {
   std::string strDataDir;
   std::string strLogDir;
@@ -58,7 +77,10 @@ struct HostConfig {
   int iStorageSync = 2;  // as QmSetStorageSync takes it
   RouterOptions router;
   IngressOptions ingress;
+  LinkDriver linkDriver = LinkDriver::File;
+  std::string strAgentId;  // empty: the one in the data directory
   FileDriverOptions fileDriver;
+  HttpDriverOptions httpDriver;        // without the agent's id
   std::vector<PluginSpec> vecPlugins;  // the enabled ones, in the order of the file
 };
 

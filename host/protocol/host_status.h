@@ -13,7 +13,8 @@ inline constexpr uint32_t kHostNoReply = 0xE0020005;        // the receiver did 
 inline constexpr uint32_t kHostAlreadyTaken = 0xE0020006;   // the type or the GUID belongs to another component
 inline constexpr uint32_t kHostBadArgument = 0xE0020007;    // null pointer, unknown handle
 inline constexpr uint32_t kHostNoMemory = 0xE0020008;
-inline constexpr uint32_t kHostBadText = 0xA0020001;  // the server link cannot read a record's text
+inline constexpr uint32_t kHostBadText = 0xA0020001;        // the server link cannot read a record's text
+inline constexpr uint32_t kHostRecordRefused = 0xA0020002;  // the destination refused this very record for good
 // A send whose outcome did not come in time; the component retries it.
 inline constexpr uint32_t kHostSendTimeout = 0xE0010019;
 

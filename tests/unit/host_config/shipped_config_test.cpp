@@ -54,6 +54,12 @@ class ShippedConfigTest : public ::testing::Test {
     text << config.ingress.uMaxFrame << ' ' << config.ingress.uWindow << ' ' << config.ingress.uStallTimeoutMs << ' '
          << config.ingress.uMaxConnections << ' ' << config.ingress.uThreads << '\n'
          << config.fileDriver.strPath << ' ' << config.fileDriver.bSync << '\n';
+    const HttpDriverOptions& http = config.httpDriver;
+    text << static_cast<int>(config.linkDriver) << ' ' << config.strAgentId << '\n'
+         << http.strUrl << ' ' << http.strCaFile << ' ' << http.strClientCert << ' ' << http.strClientKey << ' '
+         << http.strTokenFile << ' ' << http.strProxy << '\n'
+         << http.uTimeoutMs << ' ' << http.uConnectTimeoutMs << ' ' << http.uLongestBackOffMs << ' ' << http.uBatchBytes
+         << ' ' << http.uRequests << '\n';
     for (const PluginSpec& plugin : config.vecPlugins) {
       text << plugin.strName << ' ' << plugin.strPath << ' ' << plugin.strGuid << '\n';
     }

@@ -1,0 +1,111 @@
+// The http driver's class. Its life and its thread's loop are in http_driver.cpp, what answers lead to in
+// http_driver_answers.cpp.
+#ifndef QMLOGCACHE_HOST_LINK_HTTP_HTTP_DRIVER_CLASS_H_
+#define QMLOGCACHE_HOST_LINK_HTTP_HTTP_DRIVER_CLASS_H_
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/link/http/back_off.h"
+#include "host/link/http/batch_body.h"
+#include "host/link/http/batch_queue.h"
+#include "host/link/http/http_driver.h"
+#include "host/link/http/http_url.h"
+#include "host/link/http/token_file.h"
+#include "host/link/http/transfers.h"
+
+// One thread does everything but Deliver. While the link is down it asks the server with an empty batch, after pauses
+// (CBackOff), and says that the link is up once that is accepted. While it is up, a batch goes out at once when no
+// request is under way, and beside another one when it is full.
+class CHttpDriver final : public ILinkDriver {
+ public:
+  explicit CHttpDriver(const HttpDriverOptions& options);
+  ~CHttpDriver() override;
+
+  bool Start(ILinkEvents* pEvents, std::string& strError) override;
+  void Stop() override;
+  void Deliver(std::shared_ptr<LinkRecord> pRecord) override;
+  void Reopen() override;
+  std::string Describe() const override;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  // A request that may be under way.
+  struct Request {
+    bool bBusy = false;
+    bool bEmpty = false;  // asks for nothing but an answer
+    HttpBatch batch;
+    BatchBody body;
+    Clock::time_point begun{};
+  };
+
+  void Run();
+  // False when the thread is to end.
+  bool Step();
+  void TakeOrders();
+  bool IsDone() const;
+  void Renew();
+  void BeginRequests();
+  // False with a reason when there is no token.
+  bool Begin(size_t uSlot, bool bEmpty, std::string& strReason);
+  size_t CountBusy() const;
+  std::chrono::milliseconds TimeToWait();
+
+  void TakeAnswer(const CTransfers::Finished& finished);
+  void TakeProbeAnswer(const HttpAnswer& answer);
+  void TakeBatchAnswer(Request& request, const HttpAnswer& answer);
+  void TakeRefusal(HttpBatch& batch, const HttpAnswer& answer);
+  void TakeTimeout(Request& request);
+  void Reject(HttpBatch& batch);
+  void Answer(HttpBatch& batch, uint32_t uResult);
+  void ComeUp();
+  // All records go back to the link.
+  void GoDown(const std::string& strReason, std::optional<std::chrono::seconds> retryAfter);
+  void GiveBack(LinkRecordList vecRecords);
+  // Tells the link once an outage, and sets the time of the next attempt.
+  void StayDown(const std::string& strReason, std::optional<std::chrono::seconds> retryAfter);
+  // There was no memory, or libcurl failed: every record here is answered to be sent again.
+  void Surrender(const char* pszWhy) noexcept;
+
+  const HttpDriverOptions m_options;
+  HttpUrl m_url;
+  ILinkEvents* m_pEvents = nullptr;
+  void* m_hLog = nullptr;
+  std::thread m_thread;
+  int m_iWakeFd = -1;  // an eventfd
+
+  std::mutex m_mutex;  // guards the six below
+  LinkRecordList m_vecDelivered;
+  size_t m_uDeliveredBytes = 0;
+  size_t m_uWakeAt = std::numeric_limits<size_t>::max();  // that many records delivered are worth a look
+  size_t m_uWakeAtBytes = std::numeric_limits<size_t>::max();
+  bool m_bStop = false;
+  bool m_bReopen = false;
+
+  // Of the thread alone, but for Start before the thread exists and Stop after it.
+  CTransfers m_transfers;
+  CBatchBody m_batchBody;
+  CTokenFile m_token;
+  CBackOff m_backOff;
+  CBatchQueue m_queue;
+  std::vector<Request> m_vecRequests;  // one a slot of the transfers
+  bool m_bUp = false;
+  bool m_bToldDown = false;
+  bool m_bRenew = false;                         // new connections and credentials as soon as no request is under way
+  std::optional<Clock::time_point> m_stopUntil;  // a stop has been asked for
+  Clock::time_point m_upSince{};
+  Clock::time_point m_nextAttempt{};
+  uint64_t m_u64Accepted = 0;                     // requests, empty ones included
+  std::optional<Clock::time_point> m_timedOutAt;  // a request, and none has been answered since
+};
+
+#endif  // QMLOGCACHE_HOST_LINK_HTTP_HTTP_DRIVER_CLASS_H_

@@ -1,0 +1,468 @@
+// The driver against a server on loopback: what it tells the link, and in which order.
+#include "host/link/http/http_driver.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <set>
+
+#include "host/link/server_link.h"
+#include "scripted_server.h"
+#include "tests/support/allocation_faults.h"
+#include "tests/support/allocation_pause.h"
+#include "tests/unit/host_link/fake_router.h"
+#include "tests/unit/host_link/link_test_support.h"
+#include "tests/unit/host_link/log_capture.h"
+
+namespace {
+
+using Ids = std::vector<uint64_t>;
+
+// Keeps what the driver says, in words and in order: "up", "outcome 7 0", "down REASON", "back 7".
+class CJournal final : public ILinkEvents {
+ public:
+  void OnOutcome(const std::shared_ptr<LinkRecord>& pRecord, uint32_t uResult) override {
+    const CAllocationPause pause;
+    char acText[64];
+    snprintf(acText, sizeof(acText), "outcome %llu %x", static_cast<unsigned long long>(pRecord->tags.u64DataId),
+             uResult);
+    Note(acText);
+  }
+  void OnGivenBack(std::vector<std::shared_ptr<LinkRecord>> vecRecords) override {
+    const CAllocationPause pause;
+    for (const auto& pRecord : vecRecords) {
+      Note("back " + std::to_string(pRecord->tags.u64DataId));
+    }
+  }
+  void OnUp() override {
+    const CAllocationPause pause;
+    Note("up");
+    if (fnOnUp) {
+      fnOnUp();
+    }
+  }
+  void OnDown(const std::string& strReason) override {
+    const CAllocationPause pause;
+    Note("down " + strReason);
+  }
+
+  std::function<void()> fnOnUp;  // set before the driver starts; runs on its thread
+
+  // False when the lines do not come within the hang guard.
+  bool WaitForCount(const std::string& strBeginning, size_t uCount) {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, kHangGuard, [&] { return CountLocked(strBeginning) >= uCount; });
+  }
+  size_t Count(const std::string& strBeginning) {
+    const std::lock_guard lock(m_mutex);
+    return CountLocked(strBeginning);
+  }
+  std::vector<std::string> Lines() {
+    const std::lock_guard lock(m_mutex);
+    return m_vecLines;
+  }
+
+ private:
+  size_t CountLocked(const std::string& strBeginning) const {
+    return static_cast<size_t>(std::count_if(m_vecLines.begin(), m_vecLines.end(), [&](const std::string& strLine) {
+      return strLine.starts_with(strBeginning);
+    }));
+  }
+  void Note(const std::string& strLine) {
+    {
+      const std::lock_guard lock(m_mutex);
+      m_vecLines.push_back(strLine);
+    }
+    m_changed.notify_all();
+  }
+  std::mutex m_mutex;  // guards the lines
+  std::condition_variable m_changed;
+  std::vector<std::string> m_vecLines;
+};
+
+class HttpDriverTest : public ::testing::Test {
+ protected:
+  HttpDriverTest() {
+    ClearLog();
+    m_options.strAgentId = "0123abcd-0000-4000-8000-00000000000a";
+    m_options.uLongestBackOffMs = 50;
+    m_options.u64Seed = 1;
+  }
+  ~HttpDriverTest() override {
+    if (m_pDriver) {
+      m_pDriver->Stop();
+    }
+  }
+
+  void Serve(CScriptedServer::AnswerFunction fnAnswer) {
+    m_pServer = std::make_unique<CScriptedServer>(std::move(fnAnswer));
+    m_options.strUrl = m_pServer->Url();
+  }
+  void Start() {
+    m_pDriver = CreateHttpDriver(m_options);
+    std::string strError;
+    ASSERT_TRUE(m_pDriver->Start(&m_journal, strError)) << strError;
+  }
+  void StartUp() {
+    Start();
+    ASSERT_TRUE(m_journal.WaitForCount("up", 1));
+  }
+  void Deliver(uint64_t u64First, uint64_t u64Last) {
+    for (uint64_t i = u64First; i <= u64Last; ++i) {
+      m_pDriver->Deliver(MakeRecord(i, "data"));
+    }
+  }
+  bool WaitForRequest(const std::function<bool(const ServedRequest&)>& fnIsIt) {
+    const auto deadline = std::chrono::steady_clock::now() + kHangGuard;
+    while (std::chrono::steady_clock::now() < deadline) {
+      const auto vecRequests = m_pServer->Requests();
+      if (std::any_of(vecRequests.begin(), vecRequests.end(), fnIsIt)) {
+        return true;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+  }
+
+  HttpDriverOptions m_options;
+  CJournal m_journal;
+  std::unique_ptr<CScriptedServer> m_pServer;
+  std::unique_ptr<ILinkDriver> m_pDriver;
+};
+
+TEST_F(HttpDriverTest, AsksWithAnEmptyBatchBeforeItIsUp) {
+  Serve([](const ServedRequest&) { return StatusAnswer(204); });
+  StartUp();
+  ASSERT_EQ(m_pServer->Requests().size(), 1U);
+  EXPECT_EQ(m_pServer->Requests()[0].vecIds, Ids{});
+  EXPECT_EQ(m_pServer->Requests()[0].strHeader.find("Idempotency-Key"), std::string::npos);
+  EXPECT_EQ(m_journal.Lines(), std::vector<std::string>{"up"});
+  EXPECT_EQ(m_pDriver->Describe(), "http " + m_options.strUrl);
+}
+
+TEST_F(HttpDriverTest, ARecordGoesAtOnceAndWhatComesMeanwhileGoesTogether) {
+  std::promise<void> release;
+  const std::shared_future<void> released = release.get_future().share();
+  Serve([released](const ServedRequest& request) {
+    if (request.vecIds == Ids{1}) {
+      released.wait();
+    }
+    return StatusAnswer(200);
+  });
+  StartUp();
+  Deliver(1, 1);
+  ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return request.vecIds == Ids{1}; }));
+  Deliver(2, 40);
+  release.set_value();
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 40));
+  const auto vecRequests = m_pServer->Requests();
+  ASSERT_EQ(vecRequests.size(), 3U);
+  EXPECT_EQ(vecRequests[2].vecIds.size(), 39U);
+  EXPECT_EQ(m_journal.Lines()[1], "outcome 1 0");
+}
+
+TEST_F(HttpDriverTest, AFullBatchGoesBesideARequestThatIsUnderWay) {
+  std::promise<void> release;
+  const std::shared_future<void> released = release.get_future().share();
+  Serve([released](const ServedRequest& request) {
+    if (request.vecIds == Ids{1}) {
+      released.wait();
+    }
+    return StatusAnswer(200);
+  });
+  StartUp();
+  Deliver(1, 1);
+  ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return request.vecIds == Ids{1}; }));
+  Deliver(2, 65);
+  // Answered while the first one still waits: no window of 128 stands still.
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 64));
+  EXPECT_EQ(m_journal.Count("outcome 1 "), 0U);
+  release.set_value();
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 1 0", 1));
+}
+
+TEST_F(HttpDriverTest, TellsTheOutageOnceAndBeforeItGivesBack) {
+  std::atomic<int> iStatus{200};
+  Serve([&](const ServedRequest&) { return StatusAnswer(iStatus); });
+  StartUp();
+  iStatus = 503;
+  Deliver(1, 1);
+  ASSERT_TRUE(m_journal.WaitForCount("back", 1));
+  // Some attempts that fail.
+  const size_t uRequests = m_pServer->Requests().size();
+  ASSERT_TRUE(WaitForRequest([&](const ServedRequest&) { return m_pServer->Requests().size() >= uRequests + 3; }));
+  iStatus = 200;
+  ASSERT_TRUE(m_journal.WaitForCount("up", 2));
+  EXPECT_EQ(m_journal.Lines(), (std::vector<std::string>{"up", "down HTTP status 503", "back 1", "up"}));
+}
+
+TEST_F(HttpDriverTest, AnOutageGivesBackWhatIsUnderWayAndWhatWaits) {
+  std::promise<void> fail;
+  std::promise<void> end;
+  const std::shared_future<void> failed = fail.get_future().share();
+  const std::shared_future<void> ended = end.get_future().share();
+  Serve([failed, ended](const ServedRequest& request) {
+    if (request.vecIds.empty()) {
+      return StatusAnswer(200);
+    }
+    (request.vecIds == Ids{1} ? failed : ended).wait();
+    return StatusAnswer(503);
+  });
+  StartUp();
+  Deliver(1, 1);
+  ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return request.vecIds == Ids{1}; }));
+  Deliver(2, 65);
+  ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return request.vecIds.size() == 64; }));
+  Deliver(66, 70);
+  fail.set_value();
+  ASSERT_TRUE(m_journal.WaitForCount("back", 70));
+  end.set_value();
+  ASSERT_TRUE(m_journal.WaitForCount("up", 2));
+  std::set<std::string> setBack;
+  for (const std::string& strLine : m_journal.Lines()) {
+    if (strLine.starts_with("back ")) {
+      EXPECT_TRUE(setBack.insert(strLine).second) << strLine;
+    }
+  }
+  EXPECT_EQ(setBack.size(), 70U);
+  EXPECT_EQ(m_journal.Count("outcome"), 0U);
+}
+
+TEST_F(HttpDriverTest, OnlyTheRecordAtFaultIsRejected) {
+  Serve([](const ServedRequest& request) {
+    const bool bBad = std::find(request.vecIds.begin(), request.vecIds.end(), 20) != request.vecIds.end();
+    return StatusAnswer(bBad ? 422 : 200);
+  });
+  StartUp();
+  Deliver(1, 64);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 64));
+  EXPECT_EQ(m_journal.Count("outcome 20 a0020002"), 1U);
+  const auto vecLines = m_journal.Lines();
+  EXPECT_EQ(std::count_if(vecLines.begin(), vecLines.end(),
+                          [](const std::string& strLine) { return strLine.ends_with(" 0"); }),
+            63);
+  EXPECT_EQ(CountLogLines(3, "http link: the server refused record 14 for good: HTTP status 422"), 1U);
+}
+
+TEST_F(HttpDriverTest, AServerThatRefusesEverythingIsDown) {
+  std::atomic<bool> bWell{true};
+  Serve([&](const ServedRequest&) { return StatusAnswer(bWell ? 200 : 400); });
+  StartUp();
+  bWell = false;
+  Deliver(1, 1);
+  ASSERT_TRUE(m_journal.WaitForCount("back 1", 1));
+  EXPECT_EQ(m_journal.Count("outcome"), 0U);
+  EXPECT_EQ(m_journal.Count("down the server refuses even an empty batch: HTTP status 400"), 1U);
+  bWell = true;
+  ASSERT_TRUE(m_journal.WaitForCount("up", 2));
+}
+
+TEST_F(HttpDriverTest, ATimeOutIsTheOutcomeOfItsRecordsAndASecondOneAnOutage) {
+  std::promise<void> release;
+  const std::shared_future<void> released = release.get_future().share();
+  std::atomic<bool> bWell{true};
+  Serve([&, released](const ServedRequest&) {
+    if (!bWell) {
+      released.wait();
+    }
+    return StatusAnswer(200);
+  });
+  m_options.uTimeoutMs = 200;
+  StartUp();
+  bWell = false;
+  Deliver(1, 1);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 1 e0010019", 1));
+  EXPECT_EQ(m_journal.Count("down"), 0U);
+  Deliver(2, 2);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 2 e0010019", 1));
+  ASSERT_TRUE(m_journal.WaitForCount("down no answer in time, twice in a row", 1));
+  EXPECT_EQ(CountLogLines(3, "http link: no answer in time, 1 records are to be sent again"), 1U);
+  bWell = true;
+  release.set_value();
+  ASSERT_TRUE(m_journal.WaitForCount("up", 2));
+}
+
+TEST_F(HttpDriverTest, ReopenEndsThePause) {
+  std::atomic<int> iStatus{503};
+  Serve([&](const ServedRequest&) { return StatusAnswer(iStatus, "Retry-After: 3600\r\n"); });
+  Start();
+  ASSERT_TRUE(m_journal.WaitForCount("down HTTP status 503, to be tried again after 3600 s", 1));
+  iStatus = 200;
+  m_pDriver->Reopen();
+  ASSERT_TRUE(m_journal.WaitForCount("up", 1));
+}
+
+TEST_F(HttpDriverTest, AStopDeliversWhatIsWaiting) {
+  Serve([](const ServedRequest&) { return StatusAnswer(200); });
+  StartUp();
+  Deliver(1, 500);
+  m_pDriver->Stop();
+  EXPECT_EQ(m_journal.Count("outcome"), 500U);
+}
+
+TEST_F(HttpDriverTest, AStopEndsAgainstAServerThatNeverAnswers) {
+  std::promise<void> release;
+  const std::shared_future<void> released = release.get_future().share();
+  Serve([released](const ServedRequest& request) {
+    if (!request.vecIds.empty()) {
+      released.wait();
+    }
+    return StatusAnswer(200);
+  });
+  m_options.uTimeoutMs = 600000;
+  StartUp();
+  Deliver(1, 3);
+  ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return !request.vecIds.empty(); }));
+  m_pDriver->Stop();
+  EXPECT_EQ(m_journal.Count("outcome"), 0U);
+  release.set_value();
+}
+
+TEST_F(HttpDriverTest, StartsAgainAfterAStop) {
+  Serve([](const ServedRequest&) { return StatusAnswer(200); });
+  StartUp();
+  Deliver(1, 1);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 1 0", 1));
+  m_pDriver->Stop();
+  m_pDriver->Stop();
+  std::string strError;
+  ASSERT_TRUE(m_pDriver->Start(&m_journal, strError)) << strError;
+  EXPECT_FALSE(m_pDriver->Start(&m_journal, strError));
+  EXPECT_EQ(strError, "already started");
+  ASSERT_TRUE(m_journal.WaitForCount("up", 2));
+  Deliver(2, 2);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 2 0", 1));
+}
+
+TEST_F(HttpDriverTest, RefusesToStartWithWhatCanNeverWork) {
+  m_options.strUrl = "ftp://host.example/";
+  std::string strError;
+  EXPECT_FALSE(CreateHttpDriver(m_options)->Start(&m_journal, strError));
+  EXPECT_EQ(strError, "the URL's scheme is ftp: only http and https are known");
+  m_options.strUrl = "http://127.0.0.1:1/";
+  m_options.strAgentId = "nobody";
+  EXPECT_FALSE(CreateHttpDriver(m_options)->Start(&m_journal, strError));
+  EXPECT_EQ(strError, "the agent's id is no UUID");
+}
+
+// Whichever allocation of the driver's thread fails, every record is answered or comes back, and the next one goes out.
+TEST_F(HttpDriverTest, WithoutMemoryEveryRecordIsAnsweredAndTheLinkWorksOn) {
+  Serve([](const ServedRequest& request) {
+    return StatusAnswer(request.vecIds.size() > 1 && request.vecIds.back() == 4 ? 413 : 200);
+  });
+  unsigned int uFailures = 0;
+  // Until some allocations in a row, the last ones, do not come any more.
+  for (unsigned int uNth = 1, uQuiet = 0; uQuiet < 5; ++uNth) {
+    ClearLog();
+    CJournal journal;
+    std::optional<CNthAllocationFault> fault;
+    std::unique_ptr<ILinkDriver> pDriver = CreateHttpDriver(m_options);
+    ILinkDriver& driver = *pDriver;
+    std::atomic<bool> bFirst{true};
+    journal.fnOnUp = [&] {
+      if (bFirst.exchange(false)) {
+        for (uint64_t i = 1; i <= 4; ++i) {
+          driver.Deliver(MakeRecord(i, "data"));
+        }
+        fault.emplace(uNth);
+      }
+    };
+    std::string strError;
+    ASSERT_TRUE(driver.Start(&journal, strError)) << strError;
+    for (const char* pszRecord : {"1", "2", "3", "4"}) {
+      const auto deadline = std::chrono::steady_clock::now() + kHangGuard;
+      const auto fnSettled = [&] {
+        return journal.Count(std::string("outcome ") + pszRecord) + journal.Count(std::string("back ") + pszRecord);
+      };
+      while (fnSettled() == 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      EXPECT_EQ(fnSettled(), 1U) << "record " << pszRecord << ", allocation " << uNth;
+    }
+    driver.Deliver(MakeRecord(99, "data"));
+    EXPECT_TRUE(journal.WaitForCount("outcome 99", 1)) << uNth;
+    driver.Stop();
+    EXPECT_EQ(journal.Count("outcome"), journal.Count("outcome 1") + journal.Count("outcome 2") +
+                                            journal.Count("outcome 3") + journal.Count("outcome 4") +
+                                            journal.Count("outcome 99"));
+    const auto vecLines = journal.Lines();
+    EXPECT_TRUE(std::none_of(vecLines.begin(), vecLines.end(),
+                             [](const std::string& strLine) { return strLine.ends_with("a0020002"); }));
+    const bool bFailed = CountLogLines(3, "http link: std::bad_alloc; the records at hand are to be sent again") > 0;
+    uFailures += bFailed ? 1 : 0;
+    uQuiet = bFailed ? 0 : uQuiet + 1;
+  }
+  // Otherwise nothing was shown.
+  EXPECT_GT(uFailures, 5U);
+}
+
+// With the server link: records come from several threads while the server comes and goes.
+TEST_F(HttpDriverTest, EveryRecordHasOneResultWhateverTheServerDoes) {
+  constexpr uint64_t kThreads = 3;
+  constexpr uint64_t kRecords = 1000;
+  std::atomic<unsigned int> uRequest{0};
+  std::mutex mutexArrived;
+  std::set<uint64_t> setArrived;
+  Serve([&](const ServedRequest& request) -> std::string {
+    switch (request.vecIds.empty() ? 1 : ++uRequest % 5) {
+      case 0:
+        return StatusAnswer(503);
+      case 2:
+        return {};
+      case 3:
+        if (request.vecIds.size() > 1) {
+          return StatusAnswer(413);
+        }
+        break;
+      default:
+        break;
+    }
+    const std::lock_guard lock(mutexArrived);
+    setArrived.insert(request.vecIds.begin(), request.vecIds.end());
+    return StatusAnswer(200);
+  });
+  CFakeRouter router;
+  CFakeContext& context = *router.m_pContext;
+  std::unique_ptr<IServerLink> pLink = CreateServerLink(router, CreateHttpDriver(m_options));
+  std::string strError;
+  ASSERT_TRUE(pLink->Start(strError)) << strError;
+  std::vector<std::thread> vecThreads;
+  for (uint64_t u64Thread = 0; u64Thread < kThreads; ++u64Thread) {
+    vecThreads.emplace_back([&context, u64Thread] {
+      for (uint64_t i = u64Thread * kRecords + 1; i <= (u64Thread + 1) * kRecords; ++i) {
+        context.Arrive(MakeText(i, "data"));
+      }
+    });
+  }
+  for (std::thread& thread : vecThreads) {
+    thread.join();
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kHangGuard;
+  while (pLink->GetCounts().u64Held > 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  pLink->Stop();
+  const ServerLinkCounts counts = pLink->GetCounts();
+  EXPECT_EQ(counts.u64HeldAtStop, 0U);
+  EXPECT_EQ(counts.u64Rejected, 0U);
+  EXPECT_EQ(counts.u64Delivered + counts.u64Retried, kThreads * kRecords);
+  EXPECT_GT(CountLogLines(3, "server link down: "), 0U);
+  EXPECT_LE(counts.u64Retried, (CountLogLines(3, "server link down: ") + 1) * kAnsweredPerOutage);
+  std::set<std::string> setAnswered;
+  for (const std::string& strLine : context.TakeJournal()) {
+    if (strLine.starts_with("result ")) {
+      const std::string strId = strLine.substr(7, strLine.rfind(' ') - 7);
+      EXPECT_TRUE(setAnswered.insert(strId).second) << strLine;
+      if (strLine.ends_with(" 0")) {
+        EXPECT_TRUE(setArrived.contains(std::stoull(strId, nullptr, 16))) << strLine;
+      }
+    }
+  }
+  EXPECT_EQ(setAnswered.size(), kThreads * kRecords);
+}
+
+}  // namespace
