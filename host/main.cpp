@@ -1,6 +1,4 @@
 // qmhost: loads plug-ins, routes messages between them and local producers, and carries records to their destination.
-#include <malloc.h>
-
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cstdio>
@@ -62,20 +60,10 @@ int RunMain(int iArguments, char** ppszArguments) {
   return host.Run();
 }
 
-// Records are allocated by one thread and freed by another, and half a million may wait. One heap for all threads, which
-// grows and shrinks in steps of megabytes, is faster than one for each, which grow by the page.
-void SetUpHeap() {
-  constexpr int kStep = 4 << 20;
-  mallopt(M_ARENA_MAX, 1);
-  mallopt(M_TOP_PAD, kStep);
-  mallopt(M_TRIM_THRESHOLD, 4 * kStep);
-}
-
 }  // namespace
 
 int main(int iArguments, char** ppszArguments) {
   try {
-    SetUpHeap();
     FillStandardDescriptors();
     return RunMain(iArguments, ppszArguments);
   } catch (const std::exception& error) {

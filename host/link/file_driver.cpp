@@ -292,11 +292,8 @@ void CFileDriver::Work(RecordList vecRecords) {
   if (m_strBuffer.capacity() > kKeptBufferSize) {
     m_strBuffer = std::string();
   }
-  {
-    const COutcomeRow row(*m_pEvents);
-    for (size_t i = 0; i < uDone; ++i) {
-      m_pEvents->OnOutcome(vecRecords[i], kHostOk);
-    }
+  for (size_t i = 0; i < uDone; ++i) {
+    m_pEvents->OnOutcome(vecRecords[i], kHostOk);
   }
   if (bAll) {
     return;

@@ -25,10 +25,6 @@ class ILinkEvents {
   virtual ~ILinkEvents() = default;
   // One outcome for a record handed over: 0 delivered, else a result code. Exactly once a record.
   virtual void OnOutcome(const std::shared_ptr<LinkRecord>& pRecord, uint32_t uResult) = 0;
-  // From the one to the other, outcomes that the calling thread tells may reach the component together, at the end. For a
-  // row of them, without a wait in between.
-  virtual void BeginOutcomes() {}
-  virtual void EndOutcomes() {}
   // The driver could not deliver these; it forgets them, and they stay with the link. A driver that goes down says so
   // first: what is given back while it is up is delivered to it again at once.
   virtual void OnGivenBack(std::vector<std::shared_ptr<LinkRecord>> vecRecords) = 0;
@@ -36,18 +32,6 @@ class ILinkEvents {
   // has returned, until OnUp.
   virtual void OnUp() = 0;
   virtual void OnDown(const std::string& strReason) = 0;
-};
-
-// A row of outcomes for as long as it lives.
-class COutcomeRow {
- public:
-  explicit COutcomeRow(ILinkEvents& events) : m_events(events) { m_events.BeginOutcomes(); }
-  ~COutcomeRow() { m_events.EndOutcomes(); }
-  COutcomeRow(const COutcomeRow&) = delete;
-  COutcomeRow& operator=(const COutcomeRow&) = delete;
-
- private:
-  ILinkEvents& m_events;
 };
 
 class ILinkDriver {

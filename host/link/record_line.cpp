@@ -8,6 +8,15 @@ namespace {
 constexpr int32_t kPublicPriv = 10;
 constexpr int64_t kUsPerSecond = 1000000;
 
+template <typename Number>
+void AppendNumber(std::string& strOut, Number number, int iBase = 10) {
+  std::array<char, 24> acDigits;
+  const auto result = std::to_chars(acDigits.data(), acDigits.data() + acDigits.size(), number, iBase);
+  strOut.append(acDigits.data(), result.ptr);
+}
+
+}  // namespace
+
 const char* PriorityName(int32_t iPriv) {
   switch (iPriv) {
     case 0:
@@ -39,15 +48,6 @@ const char* KindName(int32_t iMsgType) {
       return "other";
   }
 }
-
-template <typename Number>
-void AppendNumber(std::string& strOut, Number number, int iBase = 10) {
-  std::array<char, 24> acDigits;
-  const auto result = std::to_chars(acDigits.data(), acDigits.data() + acDigits.size(), number, iBase);
-  strOut.append(acDigits.data(), result.ptr);
-}
-
-}  // namespace
 
 void CRecordLine::Append(std::string& strOut, const LinkRecord& record) {
   const TaggedText& tags = record.tags;

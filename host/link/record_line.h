@@ -15,6 +15,10 @@
 #include "host/link/json_text.h"
 #include "host/link/link_driver.h"
 
+// The words for the numbers of a tagged text, "other" for those that have none. Static.
+const char* PriorityName(int32_t iPriv);
+const char* KindName(int32_t iMsgType);
+
 // Not for several threads at a time.
 class CRecordLine {
  public:

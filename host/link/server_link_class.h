@@ -58,8 +58,6 @@ class CServerLink final : public IServerLink, private IMRReceiveComplete, privat
   void ReceiveCallback(const GUID& stComponentID, long i64MsgType, const unsigned char* pData,
                        unsigned int uiDataLength, void* pReplyHandle, void* pContext) override;
   void OnOutcome(const std::shared_ptr<LinkRecord>& pRecord, uint32_t uResult) override;
-  void BeginOutcomes() override { m_pContext->BeginSends(); }
-  void EndOutcomes() override { m_pContext->EndSends(); }
   void OnGivenBack(std::vector<std::shared_ptr<LinkRecord>> vecRecords) override;
   void OnUp() override;
   void OnDown(const std::string& strReason) override;

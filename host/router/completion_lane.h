@@ -56,9 +56,6 @@ class CCompletionLane {
 
   // Any thread. False, and the ticket kept, once the lane is stopping.
   bool Put(LaneTicket&& ticket);
-  // Between the two, Put by the calling thread wakes nobody; the second wakes for all of it.
-  void HoldWakeUps();
-  void ReleaseWakeUps();
   // Returns when no item runs any more; items still queued are forgotten.
   void Stop();
 
@@ -67,11 +64,10 @@ class CCompletionLane {
 
   const std::function<void(LaneItem&)> m_fnRun;
   const bool m_bAlone;  // one thread: it takes all there is at once
-  std::mutex m_Lock;    // guards m_listQueue, m_uIdle, m_uWakes and m_bStopping
+  std::mutex m_Lock;    // guards m_listQueue, m_uIdle and m_bStopping
   std::condition_variable m_Filled;
   LaneTicket m_listQueue;
   unsigned int m_uIdle = 0;
-  unsigned int m_uWakes = 0;  // notifications on their way to idle threads
   bool m_bStopping = false;
   std::vector<std::thread> m_vecThreads;  // last: they use all of the above
 };

@@ -93,11 +93,3 @@ void CHostContext::SetRequestHandler(IRequestHandler* pHandler) {
 uint32_t CHostContext::Broadcast(uint32_t uMsgType, std::string_view svPayload) {
   return m_pCore->Broadcast(m_State, uMsgType, svPayload);
 }
-
-void CHostContext::BeginSends() {
-  m_pCore->BeginSends();
-}
-
-void CHostContext::EndSends() {
-  m_pCore->EndSends();
-}

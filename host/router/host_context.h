@@ -36,8 +36,6 @@ class CHostContext : public IHostContext {
                       uint32_t uTimeoutMs) override;
   void SetRequestHandler(IRequestHandler* pHandler) override;
   uint32_t Broadcast(uint32_t uMsgType, std::string_view svPayload) override;
-  void BeginSends() override;
-  void EndSends() override;
 
  private:
   const std::shared_ptr<CRouterCore> m_pCore;

@@ -41,10 +41,6 @@ class IHostContext : public IComponentContext {
   virtual void SetRequestHandler(IRequestHandler* pHandler) = 0;
   // Delivers to every component that registered the type, on the completion lane. The bytes are copied.
   virtual uint32_t Broadcast(uint32_t uMsgType, std::string_view svPayload) = 0;
-  // From the one to the other, what the calling thread sends is queued without waking the completion lane for it; the
-  // end wakes it once. For a short row of sends, without a wait in between.
-  virtual void BeginSends() {}
-  virtual void EndSends() {}
 };
 
 struct RouterOptions {

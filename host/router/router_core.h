@@ -42,8 +42,6 @@ class CRouterCore {
   uint32_t Send(const ContextState& state, const GUID& dest, uint32_t uMsgType, std::string_view svData,
                 IMRSendComplete* pComplete, uint64_t u64UserValue, uint64_t* pu64Act, uint32_t uTimeoutMs);
   uint32_t Broadcast(const ContextState& state, uint32_t uMsgType, std::string_view svPayload);
-  void BeginSends() { m_Lane.HoldWakeUps(); }
-  void EndSends() { m_Lane.ReleaseWakeUps(); }
   uint32_t Request(const GUID& dest, uint32_t uCode, std::string_view svRequest, uint32_t& uStatus, void*& pReply,
                    uint32_t& uReplyLength);
 

@@ -7,8 +7,9 @@
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/string_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
-#include <charconv>
 #include <new>
+
+#include "host/link/identified_line.h"
 
 namespace {
 
@@ -58,21 +59,6 @@ void Gzip(const std::string& strBytes, std::string& strGzip) {
     iResult = deflate(pStream, uTaken == strBytes.size() ? Z_FINISH : Z_NO_FLUSH);
     strGzip.append(reinterpret_cast<const char*>(acOut.data()), acOut.size() - pStream->avail_out);
   }
-}
-
-void AppendIdentifiedLine(std::string& strOut, const std::string& strAgentId, const LinkRecord& record,
-                          CRecordLine& recordLine) {
-  std::array<char, 24> acId;
-  const auto result = std::to_chars(acId.data(), acId.data() + acId.size(), record.tags.u64DataId, 16);
-  strOut += R"({"id":")";
-  strOut += strAgentId;
-  strOut += '/';
-  strOut.append(acId.data(), result.ptr);
-  strOut += '"';
-  const size_t uBrace = strOut.size();
-  recordLine.Append(strOut, record);
-  // The line's own opening brace becomes the comma behind the id.
-  strOut[uBrace] = ',';
 }
 
 CBatchBody::CBatchBody(const std::string& strAgentId) : m_strAgentId(strAgentId) {}

@@ -18,8 +18,7 @@ class CBatchBody {
   // strAgentId: a UUID in its text form.
   explicit CBatchBody(const std::string& strAgentId);
 
-  // A line is what CRecordLine writes, with the record's id before all other fields: "id":"AGENT/DATAID", the same
-  // whenever the record is sent, also after a restart. No records make a body of no lines. Throws std::bad_alloc.
+  // The lines are those of AppendIdentifiedLine; no records make a body of no lines. Throws std::bad_alloc.
   void Make(const LinkRecordList& vecRecords, BatchBody& body);
 
  private:
@@ -28,9 +27,6 @@ class CBatchBody {
   CRecordLine m_recordLine;
 };
 
-// The lines of CBatchBody for one record. Throws std::bad_alloc.
-void AppendIdentifiedLine(std::string& strOut, const std::string& strAgentId, const LinkRecord& record,
-                          CRecordLine& recordLine);
 // Throws std::bad_alloc.
 void Gzip(const std::string& strBytes, std::string& strGzip);
 

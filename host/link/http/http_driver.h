@@ -2,7 +2,7 @@
 // must do is told in docs/links.md.
 //
 // Files of this folder: http_driver (threads and states), batch_queue (what goes into the next request), batch_body
-// (its bytes), transfers (libcurl), http_answer (what an answer means), retry_after, back_off, token_file, http_url.
+// (its bytes), transfers (libcurl), http_answer (what an answer means), retry_after, http_url.
 #ifndef QMLOGCACHE_HOST_LINK_HTTP_HTTP_DRIVER_H_
 #define QMLOGCACHE_HOST_LINK_HTTP_HTTP_DRIVER_H_
 

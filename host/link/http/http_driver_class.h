@@ -14,12 +14,12 @@
 #include <thread>
 #include <vector>
 
-#include "host/link/http/back_off.h"
+#include "host/link/back_off.h"
 #include "host/link/http/batch_body.h"
 #include "host/link/http/batch_queue.h"
 #include "host/link/http/http_driver.h"
 #include "host/link/http/http_url.h"
-#include "host/link/http/token_file.h"
+#include "host/link/token_file.h"
 #include "host/link/http/transfers.h"
 
 // One thread does everything but Deliver. While the link is down it asks the server with an empty batch, after pauses

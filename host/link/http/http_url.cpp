@@ -1,10 +1,11 @@
 #include "host/link/http/http_url.h"
 
-#include <arpa/inet.h>
 #include <curl/curl.h>
 
 #include <memory>
 #include <new>
+
+#include "host/link/loopback_name.h"
 
 namespace {
 
@@ -19,14 +20,6 @@ bool HasPart(CURLU* pUrl, CURLUPart part, std::string& strPart, unsigned int uFl
   const std::unique_ptr<char, decltype(&curl_free)> part_text(pszPart, curl_free);
   strPart = code == CURLUE_OK ? pszPart : "";
   return code == CURLUE_OK;
-}
-
-bool IsLoopback(const std::string& strHost) {
-  in_addr address{};
-  if (inet_pton(AF_INET, strHost.c_str(), &address) == 1) {
-    return ntohl(address.s_addr) >> 24U == 127;
-  }
-  return strHost == "localhost" || strHost == "[::1]";
 }
 
 }  // namespace
@@ -65,7 +58,7 @@ std::string ReadHttpUrl(const std::string& strUrl, HttpUrl& url) {
     return "the URL names no host";
   }
   url.bTls = strScheme == "https";
-  url.bLoopback = IsLoopback(strHost);
+  url.bLoopback = IsLoopbackName(strHost);
   url.strForLog = strUrl.substr(0, strUrl.find('?'));
   return {};
 }

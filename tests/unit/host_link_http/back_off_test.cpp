@@ -1,4 +1,4 @@
-#include "host/link/http/back_off.h"
+#include "host/link/back_off.h"
 
 #include <gtest/gtest.h>
 

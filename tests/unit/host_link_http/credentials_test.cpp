@@ -6,7 +6,7 @@
 
 #include "host/link/agent_id.h"
 #include "host/link/http/http_url.h"
-#include "host/link/http/token_file.h"
+#include "host/link/token_file.h"
 #include "tests/unit/host_link/link_test_support.h"
 
 namespace {

@@ -73,25 +73,6 @@ class SendTest : public ::testing::TestWithParam<unsigned int> {
 
 INSTANTIATE_TEST_SUITE_P(Threads, SendTest, ::testing::Values(1U, 3U));
 
-TEST_P(SendTest, RowsOfSendsAreDeliveredWhetherTheLaneSleepsOrRuns) {
-  constexpr unsigned int kRows = 200;
-  constexpr unsigned int kMostSends = 5;
-  ASSERT_EQ(m_pDest->Receive(kRecordType, &m_Receiver, nullptr), kHostOk);
-  unsigned int uSent = 0;
-  for (unsigned int uRow = 0; uRow < kRows; ++uRow) {
-    m_pSender->BeginSends();
-    for (unsigned int uSend = 0; uSend < uRow % (kMostSends + 1); ++uSend, ++uSent) {
-      ASSERT_EQ(Send(*m_pSender, kDestGuid, kRecordType, "row", nullptr), kHostOk);
-    }
-    m_pSender->EndSends();
-    if (uRow % 2 == 0) {
-      ASSERT_TRUE(m_Receiver.WaitFor(uSent));
-    }
-  }
-  ASSERT_EQ(Send(*m_pSender, kDestGuid, kRecordType, "by itself", nullptr), kHostOk);
-  EXPECT_TRUE(m_Receiver.WaitFor(uSent + 1));
-}
-
 TEST_P(SendTest, DeliversAndCompletesWithTheReply) {
   ReplyWith(3, "done");
   ASSERT_EQ(m_pDest->Receive(kRecordType, &m_Receiver, this), kHostOk);

@@ -1,7 +1,7 @@
 // The pauses between attempts to reach a server that is away: exponential, capped, and spread over the whole pause at
 // random (full jitter), so that a fleet that lost its server together does not come back together.
-#ifndef QMLOGCACHE_HOST_LINK_HTTP_BACK_OFF_H_
-#define QMLOGCACHE_HOST_LINK_HTTP_BACK_OFF_H_
+#ifndef QMLOGCACHE_HOST_LINK_BACK_OFF_H_
+#define QMLOGCACHE_HOST_LINK_BACK_OFF_H_
 
 #include <chrono>
 #include <cstdint>
@@ -33,4 +33,4 @@ class CBackOff {
 // A seed from the system's own source; from the clocks and the process number when that fails.
 uint64_t MakeSeed() noexcept;
 
-#endif  // QMLOGCACHE_HOST_LINK_HTTP_BACK_OFF_H_
+#endif  // QMLOGCACHE_HOST_LINK_BACK_OFF_H_

@@ -1,4 +1,4 @@
-#include "host/link/http/token_file.h"
+#include "host/link/token_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>

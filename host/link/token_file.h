@@ -1,6 +1,6 @@
 // The bearer token: read from a file, again whenever the file has changed. It is never logged.
-#ifndef QMLOGCACHE_HOST_LINK_HTTP_TOKEN_FILE_H_
-#define QMLOGCACHE_HOST_LINK_HTTP_TOKEN_FILE_H_
+#ifndef QMLOGCACHE_HOST_LINK_TOKEN_FILE_H_
+#define QMLOGCACHE_HOST_LINK_TOKEN_FILE_H_
 
 #include <sys/stat.h>
 
@@ -30,4 +30,4 @@ class CTokenFile {
   struct stat m_readStatus {};  // of the file when it was read
 };
 
-#endif  // QMLOGCACHE_HOST_LINK_HTTP_TOKEN_FILE_H_
+#endif  // QMLOGCACHE_HOST_LINK_TOKEN_FILE_H_
