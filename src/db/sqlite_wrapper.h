@@ -15,7 +15,7 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
-inline constexpr int kCheckpointFrames = 64;
+inline constexpr int kCheckpointFrames = 24;
 inline constexpr int kBusyTimeoutMs = 30000;
 
 // Opens an existing database file for reading and writing.
