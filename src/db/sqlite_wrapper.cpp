@@ -75,9 +75,10 @@ int OpenConnection(const std::string& strPath, sqlite3** ppDb) {
   int iRet = sqlite3_open_v2(strPath.c_str(), ppDb, kFlags, WalVfsName());
   if (iRet != SQLITE_OK && sqlite3_extended_errcode(*ppDb) == SQLITE_CANTOPEN_SYMLINK) {
     // The directory is reached through a symbolic link, which it may be; the file itself may be none.
+    sqlite3_close(*ppDb);
+    *ppDb = nullptr;
     const std::string strResolved = ResolveDirectory(strPath.c_str());
     if (!strResolved.empty()) {
-      sqlite3_close(*ppDb);
       iRet = sqlite3_open_v2(strResolved.c_str(), ppDb, kFlags, WalVfsName());
     }
   }

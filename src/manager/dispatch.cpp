@@ -24,10 +24,9 @@ int CLogCacheMgr::RunExecData(_LogExecData* pExecData) {
   }
   long lRefCount = AddSendRef();
   static const GUID s_guid = ServerLinkGuid();
-  // The completion may settle the record before the send returns. A hold of its own keeps it readable until the end;
+  // The completion may settle the record before the send returns. The caller's hold keeps it readable until the end, and
   // what is logged of it never changes.
-  const ExecDataHold hold = HoldExecData(*pExecData);
-  const _LogExecData& data = *hold;
+  const _LogExecData& data = *pExecData;
 
   uint64_t ui64ACT = 0;
   uint32_t uRet = 0;

@@ -24,9 +24,7 @@ Outcome Classify(uint32_t dwResult) {
 // What a settlement line prints of a record: the values before the action.
 struct SettlementLog {
   const _LogExecData& data;
-  uint32_t dwStartTime;
-  uint32_t dwReSendCount;
-  int iDataSaveStatus;
+  CLogCacheData::ChangingFields fields;
   long lRefCount;
   uint32_t dwResult;
   unsigned long ui64ACT;
@@ -36,28 +34,28 @@ struct SettlementLog {
              "qmlogcache step3 OK ResultExecData DeleteDataAction OK SubSendRef lRefCount[%ld] StartTime[%x] "
              "ReSendCount[%u] ui64ACT[%lx] u64DataId[%llx] iPriv[%d] iMsgType[%d] iDataSaveStatus[%d] strPluginId[%s] "
              "strProduct[%s] strCombo[%s]\n",
-             lRefCount, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType, iDataSaveStatus,
-             data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str());
+             lRefCount, fields.dwStartTime, fields.dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType,
+             fields.iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str());
   }
   void SuccessNotDeleted(int iRet) const {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache step3 OK Error ResultExecData OK DeleteDataAction Error iRet[%x] SubSendRef lRefCount[%ld] "
              "StartTime[%x] ReSendCount[%u] ui64ACT[%lx] u64DataId[%llx] iPriv[%d] iMsgType[%d] iDataSaveStatus[%d] "
              "strPluginId[%s] strProduct[%s] strCombo[%s]\n",
-             static_cast<unsigned int>(iRet), lRefCount, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId,
-             data.iPriv, data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(),
-             data.strCombo.c_str());
+             static_cast<unsigned int>(iRet), lRefCount, fields.dwStartTime, fields.dwReSendCount, ui64ACT,
+             data.u64DataId, data.iPriv, data.iMsgType, fields.iDataSaveStatus, data.strPluginId.c_str(),
+             data.strProduct.c_str(), data.strCombo.c_str());
   }
   // A failure whose action succeeded. pszFormat takes the fields in this order.
   void Failure(const char* pszFormat) const {
-    LogPrint(g_hLog, kLogWarning, pszFormat, lRefCount, dwResult, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId,
-             data.iPriv, data.iMsgType, iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(),
-             data.strCombo.c_str());
+    LogPrint(g_hLog, kLogWarning, pszFormat, lRefCount, dwResult, fields.dwStartTime, fields.dwReSendCount, ui64ACT,
+             data.u64DataId, data.iPriv, data.iMsgType, fields.iDataSaveStatus, data.strPluginId.c_str(),
+             data.strProduct.c_str(), data.strCombo.c_str());
   }
   // A failure whose action failed too.
   void FailureOfAction(const char* pszFormat, int iRet) const {
-    LogPrint(g_hLog, kLogWarning, pszFormat, static_cast<unsigned int>(iRet), lRefCount, dwResult, dwStartTime,
-             dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType, iDataSaveStatus,
+    LogPrint(g_hLog, kLogWarning, pszFormat, static_cast<unsigned int>(iRet), lRefCount, dwResult, fields.dwStartTime,
+             fields.dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType, fields.iDataSaveStatus,
              data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str());
   }
   // The only copy of a rejected record.
@@ -66,8 +64,9 @@ struct SettlementLog {
              "*qmlogcache step3 Error ResultExecData result[%x] StartTime[%x] ReSendCount[%u] ui64ACT[%lx] "
              "u64DataId[%llx] iPriv[%d] iMsgType[%d] iDataSaveStatus[%d] strPluginId[%s] strProduct[%s] strCombo[%s] "
              "strData[%s]",
-             dwResult, dwStartTime, dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType, iDataSaveStatus,
-             data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str(), data.strData.c_str());
+             dwResult, fields.dwStartTime, fields.dwReSendCount, ui64ACT, data.u64DataId, data.iPriv, data.iMsgType,
+             fields.iDataSaveStatus, data.strPluginId.c_str(), data.strProduct.c_str(), data.strCombo.c_str(),
+             data.strData.c_str());
   }
 };
 
@@ -77,7 +76,8 @@ int CLogCacheMgr::ResultExecData(unsigned long long u64DataId, uint32_t dwResult
   CCriticalSectionGuard guard(m_csSettlement);
   const long lRefCount = SubSendRef();
   const Outcome outcome = Classify(dwResult);
-  const ExecDataHold hold = m_LogCacheData.FindExecData(u64DataId);
+  CLogCacheData::ChangingFields fields;
+  const ExecDataHold hold = m_LogCacheData.FindExecData(u64DataId, fields);
   if (hold == nullptr) {
     // lRefCount and ui64ACT stand under each other's label and the id is decimal; both are meant and relied upon.
     LogPrint(g_hLog, kLogWarning,
@@ -89,11 +89,10 @@ int CLogCacheMgr::ResultExecData(unsigned long long u64DataId, uint32_t dwResult
   }
   const bool bRetry = outcome == Outcome::Timeout || outcome == Outcome::Cloud;
   SetSendSingleFlag(bRetry ? 1 : 0);
-  const SettlementLog log{*hold,    hold->StartTime, hold->ReSendCount, hold->iDataSaveStatus, lRefCount,
-                          dwResult, ui64ACT};
+  const SettlementLog log{*hold, fields, lRefCount, dwResult, ui64ACT};
 
   if (bRetry) {
-    const bool bFirst = log.dwReSendCount == 0;
+    const bool bFirst = fields.dwReSendCount == 0;
     if (outcome == Outcome::Timeout) {
       (bFirst ? m_stat.CountTimeout : m_stat.CountReTimeout).Add(1);
     } else {

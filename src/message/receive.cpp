@@ -21,28 +21,19 @@ struct Message {
   unsigned int uiDataLength;
 };
 
-// A sender's GUID text for a log line; made only where one is printed.
-class CSenderName {
- public:
-  explicit CSenderName(const GUID& sender) { FormatGuid(sender, m_szText); }
-  const char* c_str() const { return m_szText; }  // NOLINT(readability-identifier-naming)
-
- private:
-  char m_szText[kGuidBufferSize] = {};
-};
-
-// Text of a message's sender. A thread's messages come in runs of one sender, whose text they share.
-const CPString& SenderText(const Message& message) {
+// GUID text of a message's sender, valid until the thread asks for another one's. A thread's messages come in runs of one
+// sender. What is kept for a thread needs no destructor, whose registration would need memory.
+const char* SenderText(const GUID& sender) {
   struct Sender {
-    GUID guid{};
-    CPString strText;
+    GUID guid;
+    char szText[kGuidBufferSize];
   };
-  thread_local Sender t_sender;
-  if (t_sender.strText.IsEmpty() || std::memcmp(&t_sender.guid, &message.sender, sizeof(GUID)) != 0) {
-    t_sender.strText = CPString(CSenderName(message.sender).c_str());
-    t_sender.guid = message.sender;
+  thread_local Sender t_sender = {};
+  if (t_sender.szText[0] == '\0' || std::memcmp(&t_sender.guid, &sender, sizeof(GUID)) != 0) {
+    FormatGuid(sender, t_sender.szText);
+    t_sender.guid = sender;
   }
-  return t_sender.strText;
+  return t_sender.szText;
 }
 
 // The part of a message that is a record's data.
@@ -54,8 +45,7 @@ int RejectUnknownType(const Message& message) {
   LogPrint(g_hLog, kLogWarning,
            "*qmlogcache step1 Error ReceiveCallback GetPrivAndMsgType i64MsgType[%llx] stComponentID[%s] "
            "uiDataLength[%u]",
-           static_cast<unsigned long long>(message.i64MsgType), CSenderName(message.sender).c_str(),
-           message.uiDataLength);
+           static_cast<unsigned long long>(message.i64MsgType), SenderText(message.sender), message.uiDataLength);
   return kStatusUnknownType;
 }
 
@@ -65,7 +55,7 @@ int TakeResult(CLogCacheMgr& manager, const Message& message) {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache CLogCacheReceive::ReceiveCallback Error recv size i64MsgType[%llx] stComponentID[%s] "
              "uiDataLength[%u] recvSize[%u]",
-             kMsgType, CSenderName(message.sender).c_str(), message.uiDataLength, kResultMessageSize);
+             kMsgType, SenderText(message.sender), message.uiDataLength, kResultMessageSize);
     return kStatusBadResultSize;
   }
   const ResultMessage result = DecodeResultMessage(message.pData);
@@ -81,9 +71,9 @@ int TakeCombo(CLogCacheMgr& manager, const Message& message) {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache step1 Error ReceiveCallback size i64MsgType[%llx] stComponentID[%s] uiDataLength[%u] "
              "recvSize[%u] iJsonDataType[%d] iPriv[%d] szProduct[%s] szCombo[%s] uDataLength[%u]",
-             static_cast<unsigned long long>(message.i64MsgType), CSenderName(message.sender).c_str(),
-             message.uiDataLength, static_cast<uint32_t>(u64Expected), header.iJsonDataType, header.iPriv,
-             strProduct.c_str(), strCombo.c_str(), header.uDataLength);
+             static_cast<unsigned long long>(message.i64MsgType), SenderText(message.sender), message.uiDataLength,
+             static_cast<uint32_t>(u64Expected), header.iJsonDataType, header.iPriv, strProduct.c_str(),
+             strCombo.c_str(), header.uDataLength);
     return kStatusBadSize;
   }
   if (header.iPriv < 0) {
@@ -91,7 +81,7 @@ int TakeCombo(CLogCacheMgr& manager, const Message& message) {
   }
   const int iDataSaveStatus = header.iDataSaveFlag != kComboDoNotSave ? kSavePending : kSaveNever;
   return manager.AddExecData(message.i64MsgType, header.iPriv, header.iJsonDataType, iDataSaveStatus,
-                             SenderText(message), strProduct, strCombo,
+                             CPString(SenderText(message.sender)), strProduct, strCombo,
                              DataFrom(message, kComboHeaderSize, header.uDataLength));
 }
 
@@ -101,8 +91,8 @@ int TakePriorityMessage(CLogCacheMgr& manager, const Message& message) {
   if (!CLogCacheReceive::GetPrivAndMsgType(message.i64MsgType, iPriv, iMsgType)) {
     return RejectUnknownType(message);
   }
-  return manager.AddExecData(message.i64MsgType, iPriv, iMsgType, kSavePending, SenderText(message), CPString(),
-                             CPString(), DataFrom(message, 0, message.uiDataLength));
+  return manager.AddExecData(message.i64MsgType, iPriv, iMsgType, kSavePending, CPString(SenderText(message.sender)),
+                             CPString(), CPString(), DataFrom(message, 0, message.uiDataLength));
 }
 
 int TakeMessage(CLogCacheMgr* pLogCacheMgr, const Message& message) {
@@ -110,7 +100,7 @@ int TakeMessage(CLogCacheMgr* pLogCacheMgr, const Message& message) {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache CLogCacheReceive::ReceiveCallback Error pData is NULL i64MsgType[%llx] stComponentID[%s] "
              "pData[%p] uiDataLength[%u]",
-             static_cast<unsigned long long>(message.i64MsgType), CSenderName(message.sender).c_str(),
+             static_cast<unsigned long long>(message.i64MsgType), SenderText(message.sender),
              static_cast<const void*>(message.pData), message.uiDataLength);
     return kStatusEmptyData;
   }
@@ -118,8 +108,7 @@ int TakeMessage(CLogCacheMgr* pLogCacheMgr, const Message& message) {
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache CLogCacheReceive::ReceiveCallback Error pLogCacheMgr is NULL i64MsgType[%llx] "
              "stComponentID[%s] uiDataLength[%u]",
-             static_cast<unsigned long long>(message.i64MsgType), CSenderName(message.sender).c_str(),
-             message.uiDataLength);
+             static_cast<unsigned long long>(message.i64MsgType), SenderText(message.sender), message.uiDataLength);
     return kStatusNoResource;
   }
   switch (message.i64MsgType) {
@@ -128,7 +117,7 @@ int TakeMessage(CLogCacheMgr* pLogCacheMgr, const Message& message) {
       LogPrint(g_hLog, kLogNormal,
                "qmlogcache CLogCacheReceive::ReceiveCallback AGENT_MSG_BROADCAST_CONNECT stComponentID[%s] "
                "uiDataLength[%u]",
-               CSenderName(message.sender).c_str(), message.uiDataLength);
+               SenderText(message.sender), message.uiDataLength);
       return kStatusOk;
     case LOGCACHE_MSG_ASYNC_LOGCACHR_RESULT:
       return TakeResult(*pLogCacheMgr, message);
@@ -184,7 +173,7 @@ void CLogCacheReceive::ReceiveCallback(const GUID& stComponentID, long i64MsgTyp
     LogPrint(g_hLog, kLogWarning,
              "*qmlogcache CLogCacheReceive::ReceiveCallback Error no memory i64MsgType[%llx] stComponentID[%s] "
              "uiDataLength[%u]",
-             static_cast<unsigned long long>(i64MsgType), CSenderName(stComponentID).c_str(), uiDataLength);
+             static_cast<unsigned long long>(i64MsgType), SenderText(stComponentID), uiDataLength);
   }
   if (pContext != nullptr && pReplyHandle != nullptr) {
     constexpr char kSuccess[] = "success";

@@ -9,14 +9,14 @@
 //   - A queue entry holds one. The queued mark makes sure that a record has at most one entry: queueing it again while it
 //     stands in its queue changes its counters and nothing else. An entry whose record is erased is dropped when it is
 //     met.
-//   - A thread that works on a record outside the lock holds one: InsertExecData while it files, the taker of
-//     GetExecData through its ExecDataHold.
+//   - A thread that works on a record outside the lock holds one: AddDataAction and InsertExecData while they file, the
+//     taker of GetExecData and the settler of FindExecData through their ExecDataHold.
 // A pointer found in the map may be used without a reference only while m_csExecData is held.
 //
-// Who may write a record to its file. The thread that claimed it, with the writing mark: intake without the store's lock, a re-queue
-// or a save under it. A save passes over a record whose own write is under way, since its row would clash with that one
-// and fail the other rows of its batch; an intake that meets a save waits for its end and then looks whether anything is
-// left to write.
+// Who may write a record to its file. The thread that claimed it, with the writing mark: intake without the store's lock,
+// a re-queue or a save under it. A save passes over a record whose own write is under way, since its row would clash with
+// that one and fail the other rows of its batch; an intake that meets a save waits for its end and then looks whether
+// anything is left to write.
 //
 // What a load must not bring back. It reads the files without the store's lock, so a record may be settled between the
 // reading of its row and its filing. While a load runs, the ids of deleted records are kept, and none of them is filed.
@@ -61,8 +61,6 @@ struct ExecDataRelease {
 };
 // A reference to a record that its holder may read without a lock. The record itself stays the store's.
 using ExecDataHold = std::unique_ptr<_LogExecData, ExecDataRelease>;
-// One more reference, for a caller that has one or holds the store's lock.
-ExecDataHold HoldExecData(_LogExecData& data);
 
 class CLogCacheData {
  public:
@@ -121,8 +119,13 @@ class CLogCacheData {
   // --- Map primitives ---
   // Copies the record's fields, without bIsDel and pLogCacheFile, and strData only when bCopyData is set.
   [[nodiscard]] int GetExecDataFromMap(unsigned long long u64DataId, int bCopyData, _LogExecData& out);
-  // The record itself, null when there is none under that id.
-  ExecDataHold FindExecData(unsigned long long u64DataId);
+  // The record itself, null when there is none under that id, and what may change of it as it was at that moment.
+  struct ChangingFields {
+    uint32_t dwStartTime = 0;
+    uint32_t dwReSendCount = 0;
+    int iDataSaveStatus = 0;
+  };
+  ExecDataHold FindExecData(unsigned long long u64DataId, ChangingFields& fields);
   bool IsDataIdExist(unsigned long long u64DataId);
   // Adds a reference for the map. A record already there under that id is replaced.
   [[nodiscard]] int AddExecDataMap(_LogExecData* pExecData);

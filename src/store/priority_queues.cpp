@@ -19,11 +19,6 @@ void DropReference(_LogExecData* pExecData) {
 }
 }  // namespace
 
-ExecDataHold HoldExecData(_LogExecData& data) {
-  data.uRefs.fetch_add(1, std::memory_order_relaxed);
-  return ExecDataHold(&data);
-}
-
 void ExecDataRelease::operator()(_LogExecData* pExecData) const {
   DropReference(pExecData);
 }

@@ -177,10 +177,16 @@ int CLogCacheData::GetExecDataFromMap(unsigned long long u64DataId, int bCopyDat
   return kStatusOk;
 }
 
-ExecDataHold CLogCacheData::FindExecData(unsigned long long u64DataId) {
+ExecDataHold CLogCacheData::FindExecData(unsigned long long u64DataId, ChangingFields& fields) {
   CCriticalSectionGuard guard(m_csExecData);
   const auto it = m_mapLogExecData.find(u64DataId);
-  return it == m_mapLogExecData.end() ? nullptr : HoldExecData(*it->second);
+  if (it == m_mapLogExecData.end()) {
+    return nullptr;
+  }
+  _LogExecData& data = *it->second;
+  fields = {data.StartTime, data.ReSendCount, data.iDataSaveStatus};
+  data.uRefs.fetch_add(1, std::memory_order_relaxed);
+  return ExecDataHold(&data);
 }
 
 bool CLogCacheData::IsDataIdExist(unsigned long long u64DataId) {

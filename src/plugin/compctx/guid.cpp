@@ -17,7 +17,7 @@ char* WriteHex(char* pszOut, uint32_t u32Number, int iDigits) {
 
 }  // namespace
 
-// Once for every message, so by hand: printf takes twenty times as long.
+// By hand, since it is made for every run of one sender's messages: printf takes twenty times as long.
 void FormatGuid(const GUID& guid, char* pszBuffer) {
   constexpr int kByteDigits = 2;
   constexpr int kWordDigits = 4;

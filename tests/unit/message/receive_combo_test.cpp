@@ -3,6 +3,7 @@
 #include <string>
 
 #include "message/receive.h"
+#include "tests/support/allocation_faults.h"
 #include "tests/support/manager_fixture.h"
 
 namespace {
@@ -203,6 +204,27 @@ TEST_F(ReceiveComboTest, AComboRecordWithoutAProductCountsUnderGuid) {
   EXPECT_EQ(0u, Deliver(Payload(combo)));
   EXPECT_EQ(1u, m_peer.Statistics().CountGuid);
   EXPECT_EQ(0u, m_peer.Statistics().CountCombo);
+}
+
+TEST_F(ReceiveComboTest, WithoutMemoryForANameTheAnswerIsFailAndALineTells) {
+  Combo combo;
+  combo.uDataLength = 4;
+  combo.strData = "data";
+  const std::string strPayload = Payload(combo);
+  for (const unsigned int uName : {1U, 2U}) {
+    CLogCapture::Reset();
+    {
+      const CNthStringFault fault(uName);
+      EXPECT_EQ(0xE0010003U, Deliver(strPayload));
+      EXPECT_TRUE(fault.HasFailed());
+    }
+    EXPECT_TRUE(LoggedExactly({{kMainChannel, 3,
+                                "*qmlogcache CLogCacheReceive::ReceiveCallback Error no memory i64MsgType[283c] "
+                                "stComponentID[" +
+                                    std::string(kSenderText) + "] uiDataLength[152]"}}));
+    EXPECT_EQ(0u, m_dataPeer.MapSize());
+  }
+  EXPECT_EQ(0U, Deliver(strPayload));
 }
 
 }  // namespace

@@ -249,9 +249,15 @@ TEST_F(ReceiveWithoutMemoryTest, LogsTheRejectedMessage) {
   ASSERT_EQ(1u, CLogCapture::Lines().size());
   EXPECT_EQ(kMainChannel, CLogCapture::Lines()[0].strChannel);
   EXPECT_EQ(3, CLogCapture::Lines()[0].iLevel);
-  EXPECT_TRUE(CLogCapture::Lines()[0].strText.starts_with(
-      "*qmlogcache step1 Error AddDataAction iRet[e0010003] bForceSave[0] i64MsgType[2775] "))
-      << CLogCapture::Lines()[0].strText;
+  const std::string strText = CLogCapture::Lines()[0].strText;
+  constexpr char kBegin[] =
+      "*qmlogcache step1 Error AddDataAction iRet[e0010003] bForceSave[0] i64MsgType[2775] u64DataId[";
+  EXPECT_TRUE(strText.starts_with(kBegin)) << strText.substr(0, 200);
+  EXPECT_NE(std::string::npos, strText.find(std::string("] iPriv[1] iMsgType[1] iDataSaveStatus[1] strPluginId[") +
+                                            kSenderText + "] strProduct[] strCombo[] strData[xxx"))
+      << strText.substr(0, 300);
+  EXPECT_EQ(1u, m_peer.Statistics().CountAll);
+  EXPECT_EQ(1u, m_peer.Statistics().CountAddFail);
 }
 
 }  // namespace

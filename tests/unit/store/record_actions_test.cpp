@@ -227,4 +227,14 @@ TEST_F(RecordActionsTest, CleaningLeavesAnEmptyMapAndNothingToTake) {
   EXPECT_EQ(nullptr, m_data.GetExecData());
 }
 
+TEST_F(RecordActionsTest, ANewRecordUnderAnIdThatIsThereIsDroppedAsASuccess) {
+  EXPECT_EQ(0, m_data.AddDataAction(0, 77, 1, 1, 1, kSenderText, "prod", "comb", "first"));
+  const unsigned long ulQueued = m_peer.QueueCount(1);
+  const size_t uFiled = m_peer.MapSize();
+  EXPECT_EQ(0, m_data.AddDataAction(0, 77, 1, 1, 1, kSenderText, "prod", "comb", "second"));
+  EXPECT_EQ(uFiled, m_peer.MapSize());
+  EXPECT_EQ(ulQueued, m_peer.QueueCount(1));
+  EXPECT_STREQ("first", m_peer.Find(77)->strData.c_str());
+}
+
 }  // namespace
