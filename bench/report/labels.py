@@ -48,6 +48,13 @@ CASES = {
     "end_to_end_memory": {"qmlogcache": "qmsend, qmhost", "rsyslog": "rsyslog", "syslog_ng": "syslog-ng"},
     "end_to_end_disk": {"qmlogcache": "qmsend, qmhost", "rsyslog": "rsyslog"},
     "memory_backlog": {"qmlogcache": "qmhost", "rsyslog": "rsyslog", "syslog_ng": "syslog-ng"},
+    "link_rate": {f"{link}_rtt_{milliseconds}": f"`{link}`, {milliseconds} ms"
+                  for link in ("http", "nats") for milliseconds in (0, 10, 100)},
+    "link_outage": {f"{link}_after_{seconds}": f"`{link}`, after {seconds} s"
+                    for link in ("http", "nats") for seconds in (10, 600)},
+    "fleet": {f"agents_{agents}_outage_{seconds}{suffix}": f"{agents:,} agents, {seconds} s away{words}"
+              for agents in (200, 100_000) for seconds in (1, 10, 600)
+              for suffix, words in (("", ""), ("_no_jitter", ", no jitter"))},
     # In the order of a record's road.
     "instructions": {
         "host_intake": "a message frame from the producer's socket to the component, and its answer back",

@@ -6,6 +6,7 @@ MEMORY_GROUPS = ("memory_pipeline", "cost_per_record", "memory_held", "intake_at
 STORAGE_GROUPS = ("storage_insert", "storage_insert_delete", "storage_senders", "storage_save", "storage_load",
                   "storage_drain")
 PEER_GROUPS = ("end_to_end_memory", "end_to_end_disk", "memory_backlog")
+LINK_GROUPS = ("link_rate", "link_outage")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -36,6 +37,8 @@ PROGRAMS = (
     Program("memory_bench", MEMORY_GROUPS, ("memory_bench",)),
     Program("storage_bench", STORAGE_GROUPS, ("storage_bench",)),
     Program("peers/run", PEER_GROUPS, ("qmhost", "qmlogcache", "qmsend", "peer_loader"), script=True),
+    Program("links/run", LINK_GROUPS, ("qmhost", "qmlogcache", "qmsend", "peer_loader"), script=True),
+    Program("link_fleet", ("fleet",), ("link_fleet",)),
     Program("instructions/count", ("instructions",), ("instructions_bench",), script=True,
             arguments=("--json-lines",), common_options=False),
 )

@@ -178,6 +178,13 @@ TABLES = {
     "storage_save": _of("storage_save", "", RATE, Column("ratio", "rate", base="bare")),
     "storage_load": _of("storage_load", "", RATE, Column("ratio", "rate", base="bare")),
     "storage_drain": drain_table,
+    "link_rate": _of("link_rate", "", RATE, Column("window / round trip", "window_bound"),
+                     Column("share", "window_share", percent), Column("ms a round trip", "round_trip")),
+    "link_outage": _of("link_outage", "", Column("seconds to the first record", "seconds")),
+    "fleet": _of("fleet", "", Column("attempts/s, last minute away", "away_rate"),
+                 Column("most in a second away", "away_most"), Column("most back in a second", "back_most"),
+                 Column("half are back, s", "back_50"), Column("90 %", "back_90"), Column("all", "back_100"),
+                 durability=False),
     "instructions": _of("instructions", "path", Column("instructions a record", "instructions"), durability=False),
 }
 

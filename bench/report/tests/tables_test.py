@@ -78,6 +78,24 @@ class GroupTableTest(unittest.TestCase):
             "| 10,000 | component, sync full | 12.0 |  | 75% | a power cut |",
             "| 100,000 | component, sync full | 120 |  |  | a power cut |"])
 
+    def test_a_link_tells_its_share_of_the_window_where_there_is_a_round_trip(self):
+        results = Results([
+            result("link_rate", "http_rtt_100", 1, "rate", 960.0),
+            result("link_rate", "http_rtt_100", 1, "window_bound", 1280.0),
+            result("link_rate", "http_rtt_100", 1, "window_share", 0.75, ""),
+            result("link_rate", "http_rtt_0", 1, "rate", 30000.0)])
+        self.assertEqual(tables.TABLES["link_rate"](results).splitlines()[2:], [
+            "| `http`, 0 ms | 30,000 |  |  |  | nothing |",
+            "| `http`, 100 ms | 960 | 1,280 | 75% |  | nothing |"])
+
+    def test_a_fleet_is_shown_with_and_without_jitter(self):
+        results = Results([result("fleet", case, 1, metric, value, unit) for case, value in
+                           (("agents_100000_outage_600_no_jitter", 100000.0), ("agents_100000_outage_600", 3400.0))
+                           for metric, unit in (("back_most", "agents/s"), ("back_100", "s"))])
+        rows = tables.TABLES["fleet"](results).splitlines()[2:]
+        self.assertEqual(rows[0], "| 100,000 agents, 600 s away |  |  | 3,400 |  |  | 3,400 |")
+        self.assertTrue(rows[1].startswith("| 100,000 agents, 600 s away, no jitter |"))
+
     def test_words_of_a_setting_are_made_of_its_parts(self):
         self.assertEqual(labels.case_words("storage_save", "bare_full"), "bare SQLite, sync full")
         self.assertEqual(labels.case_words("storage_insert", "new_thing_off"), "new thing, sync off")
