@@ -25,6 +25,11 @@ std::unique_ptr<ILinkDriver> MakeHttp(const HostConfig& config, std::string& str
   return FindAgentId(config, options.strAgentId, strError) ? CreateHttpDriver(options) : nullptr;
 }
 
+std::unique_ptr<ILinkDriver> MakeNats(const HostConfig& config, std::string& strError) {
+  NatsDriverOptions options = config.natsDriver;
+  return FindAgentId(config, options.strAgentId, strError) ? CreateNatsDriver(options) : nullptr;
+}
+
 struct DriverRow {
   LinkDriver driver;
   std::unique_ptr<ILinkDriver> (*pfnMake)(const HostConfig& config, std::string& strError);
@@ -33,6 +38,7 @@ struct DriverRow {
 const DriverRow kDrivers[] = {
     {LinkDriver::File, MakeFile},
     {LinkDriver::Http, MakeHttp},
+    {LinkDriver::Nats, MakeNats},
 };
 
 }  // namespace

@@ -7,10 +7,12 @@ import selectors
 import threading
 
 PATIENCE = 30
+# What follows the last byte of a connection's one direction, and of both.
+END, CLOSED = object(), object()
 
 
 class Loop:
-    """An event loop in a thread of its own. Its waits are as fine as the clock; those of epoll end at whole milliseconds."""
+    """An event loop in a thread of its own. Its waits are as fine as the clock; epoll's end at whole milliseconds."""
 
     def __init__(self):
         self.loop = asyncio.SelectorEventLoop(selectors.SelectSelector())
@@ -41,7 +43,7 @@ class DelayProxy:
         self._loop.run(self._open())
 
     def close(self):
-        """Nobody listens any more, and every connection is reset."""
+        """Nobody listens any more, and every connection ends without what was on its way."""
         self._loop.run(self._close())
 
     async def _open(self):
@@ -63,6 +65,7 @@ class _End(asyncio.Protocol):
         self.proxy = proxy
         self.transport = None
         self.other = None
+        self.ended = False  # all that was read here has arrived at the other end
         self._under_way = collections.deque()  # what was read here, and when it is due at the other end
 
     def connection_made(self, transport):
@@ -72,9 +75,13 @@ class _End(asyncio.Protocol):
     def data_received(self, data):
         self._send(data)
 
+    def eof_received(self):
+        self._send(END)
+        return True  # the other direction goes on
+
     def connection_lost(self, _):
         self.proxy.ends.discard(self)
-        self._send(None)
+        self._send(CLOSED)
 
     def _send(self, data):
         loop = asyncio.get_running_loop()
@@ -100,9 +107,16 @@ class _End(asyncio.Protocol):
         end = self.other.transport if self.other is not None else None
         if end is None or end.is_closing():
             return
-        if data is None:
+        if data is END:
+            self.ended = True
+            try:
+                end.write_eof()
+            except OSError:  # it has been reset, and nobody has looked yet
+                end.abort()
+        if data is CLOSED or (data is END and self.other.ended):
             end.close()
-        else:
+            self.transport.close()
+        elif data is not END:
             end.write(data)
 
 

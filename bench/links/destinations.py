@@ -4,6 +4,7 @@ import asyncio
 import collections
 import gzip
 import http.client
+import os
 import shutil
 import socket
 import time
@@ -12,6 +13,11 @@ from nats_client import NatsClient
 from processes import Daemon
 
 UUID_SIZE = 36
+
+
+def find_nats_server():
+    """None when it is not installed. Debian has it where not every user's PATH leads."""
+    return shutil.which("nats-server", path=os.environ.get("PATH", "") + ":/usr/sbin")
 
 
 def timed(action):
@@ -123,7 +129,7 @@ class NatsDestination:
         config = self._directory / "server.conf"
         config.write_text(f'host: "127.0.0.1"\nport: {self.port}\n'
                           f'jetstream {{ store_dir: "{self._directory}/store", max_mem: 1G, max_file: 1M }}\n')
-        self._daemon = Daemon([shutil.which("nats-server"), "-c", config], self._directory / "words")
+        self._daemon = Daemon([find_nats_server(), "-c", config], self._directory / "words")
         self._daemon.wait_ready(lambda: "Server is ready" in self._daemon.said())
         self._client = NatsClient(self.port)
         self._client.make_stream(self.stream, storage="memory", duplicate_window=120 * 10**9)
@@ -160,7 +166,7 @@ class NatsDestination:
 def make_destinations(loop, directory):
     """One of each kind that there is a server for, not started yet, and why one is missing."""
     destinations, missing = [HttpDestination(loop)], []
-    if shutil.which("nats-server"):
+    if find_nats_server():
         destinations.append(NatsDestination(directory / "nats"))
     else:
         missing.append("nats-server is not installed (scripts/install-deps test installs it): nothing of the nats link")

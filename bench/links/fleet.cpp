@@ -34,7 +34,7 @@ struct FleetCase {
 };
 
 constexpr size_t kAgents[] = {200, 100000};
-constexpr size_t kOutageSeconds[] = {1, 10, 600};
+constexpr size_t kOutageSeconds[] = {2, 10, 600};
 
 struct Fleet {
   std::vector<size_t> vecAway;        // attempts in each second of the outage

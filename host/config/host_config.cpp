@@ -13,6 +13,7 @@
 #include "host/config/config_values.h"
 #include "host/config/http_keys.h"
 #include "host/config/key_rule.h"
+#include "host/config/nats_keys.h"
 #include "host/config/path_obstacles.h"
 #include "host/link/agent_id.h"
 #include "plugin/compctx/guid.h"
@@ -102,6 +103,7 @@ const std::vector<KeyRule>& AllRules() {
   static const std::vector<KeyRule> s_vecRules = [] {
     std::vector<KeyRule> vecRules(std::begin(kHostRules), std::end(kHostRules));
     vecRules.insert(vecRules.end(), HttpKeyRules().begin(), HttpKeyRules().end());
+    vecRules.insert(vecRules.end(), NatsKeyRules().begin(), NatsKeyRules().end());
     vecRules.insert(vecRules.end(), std::begin(kPluginRules), std::end(kPluginRules));
     return vecRules;
   }();
@@ -255,6 +257,9 @@ class CChecker {
       case LinkDriver::Http:
         CheckTogether("http", HttpKeyProblems(m_Config.httpDriver), iLastLine);
         break;
+      case LinkDriver::Nats:
+        CheckTogether("nats", NatsKeyProblems(m_Config.natsDriver), iLastLine);
+        break;
     }
   }
 
@@ -339,7 +344,7 @@ std::vector<ConfigProblem> LoadHostConfig(const std::string& strFile, const std:
 }
 
 const std::vector<std::string>& LinkDriverNames() {
-  static const std::vector<std::string> s_vecNames = {"file", "http"};
+  static const std::vector<std::string> s_vecNames = {"file", "http", "nats"};
   return s_vecNames;
 }
 

@@ -20,7 +20,7 @@
 // |               |                    |                      | 3600000                                               |
 // |               | max_connections    | 1024                 | connections at once, 1 to 65536                       |
 // |               | threads            | 2                    | threads that take messages, 1 to 256                  |
-// | [link]        | driver             | file                 | where records go: file or http                        |
+// | [link]        | driver             | file                 | where records go: file, http or nats                  |
 // |               | path               | data/records.jsonl   | file driver: the file that is appended to             |
 // |               | agent_id           |                      | UUID that destinations know the agent by; without it  |
 // |               |                    |                      | one is made and kept in the data directory            |
@@ -35,6 +35,20 @@
 // |               | retry_max_ms       | 60000                | longest pause between attempts, 100 to 3600000        |
 // |               | batch_bytes        | 1M                   | text of the records of a batch, 1K to 256M            |
 // |               | requests           | 2                    | requests at a time, 1 to 8                            |
+// | [nats]        | servers            |                      | URLs, nats:// or tls://, comma-separated; needed      |
+// |               | stream             | qmlogcache           | the stream that takes the records                     |
+// |               | subject            | qmlogcache           | what every subject begins with                        |
+// |               | ca_file            |                      | authorities to trust beside the system's              |
+// |               | client_cert        |                      | certificate of this agent                             |
+// |               | client_key         |                      | its key, unless it stands in client_cert              |
+// |               | credentials_file   |                      | JWT and seed of a user                                |
+// |               | token_file         |                      | token                                                 |
+// |               | user               |                      | name of a user                                        |
+// |               | password_file      |                      | the user's password                                   |
+// |               | timeout_ms         | 10000                | how long an acknowledgement may take, 100 to 600000   |
+// |               | connect_timeout_ms | 10000                | how long a connection may take, 100 to 600000         |
+// |               | retry_max_ms       | 60000                | longest pause between attempts, 100 to 3600000        |
+// |               | pending            | 256                  | records without acknowledgement at a time, 1 to 65536 |
 // | [plugin NAME] | path               | lib/libqmlogcache.so | the plug-in's library                                 |
 // |               | guid               | the log cache's      | the object to make                                    |
 // |               | enabled            | yes                  | no: the section is checked and otherwise ignored      |
@@ -52,6 +66,7 @@
 #include "host/config/config_file.h"
 #include "host/ingress/ingress_server.h"
 #include "host/link/http/http_driver.h"
+#include "host/link/nats/nats_driver.h"
 #include "host/link/server_link.h"
 #include "host/plugins/plugin_spec.h"
 #include "host/router/router.h"
@@ -64,7 +79,7 @@ struct HostConfigKey {
 };
 
 // The drivers of the server link, each a value of [link] driver.
-enum class LinkDriver { File, Http };
+enum class LinkDriver { File, Http, Nats };
 // In the order of the enumeration.
 const std::vector<std::string>& LinkDriverNames();
 
@@ -81,6 +96,7 @@ struct HostConfig {
   std::string strAgentId;  // empty: the one in the data directory
   FileDriverOptions fileDriver;
   HttpDriverOptions httpDriver;        // without the agent's id
+  NatsDriverOptions natsDriver;        // likewise
   std::vector<PluginSpec> vecPlugins;  // the enabled ones, in the order of the file
 };
 

@@ -19,8 +19,8 @@
 #include "host/link/http/batch_queue.h"
 #include "host/link/http/http_driver.h"
 #include "host/link/http/http_url.h"
-#include "host/link/token_file.h"
 #include "host/link/http/transfers.h"
+#include "host/link/token_file.h"
 
 // One thread does everything but Deliver. While the link is down it asks the server with an empty batch, after pauses
 // (CBackOff), and says that the link is up once that is accepted. While it is up, a batch goes out at once when no

@@ -46,7 +46,7 @@ TEST_F(HttpConfigTest, TheFileIsTheDriverUnlessAnotherIsNamed) {
   EXPECT_EQ(m_Config.strAgentId, "");
   ASSERT_EQ(Load("[link]\ndriver=http\n[http]\nurl=https://host.example/records\n"), std::vector<std::string>{});
   EXPECT_EQ(m_Config.linkDriver, LinkDriver::Http);
-  ExpectProblem("[link]\ndriver=carrier_pigeon\n", "F:3: driver: \"carrier_pigeon\" is not one of: file, http");
+  ExpectProblem("[link]\ndriver=carrier_pigeon\n", "F:3: driver: \"carrier_pigeon\" is not one of: file, http, nats");
 }
 
 TEST_F(HttpConfigTest, AUrlIsAllThatIsNeeded) {

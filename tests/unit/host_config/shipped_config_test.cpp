@@ -60,6 +60,12 @@ class ShippedConfigTest : public ::testing::Test {
          << http.strTokenFile << ' ' << http.strProxy << '\n'
          << http.uTimeoutMs << ' ' << http.uConnectTimeoutMs << ' ' << http.uLongestBackOffMs << ' ' << http.uBatchBytes
          << ' ' << http.uRequests << '\n';
+    const NatsDriverOptions& nats = config.natsDriver;
+    text << nats.strServers << ' ' << nats.strStream << ' ' << nats.strSubject << ' ' << nats.strCaFile << ' '
+         << nats.strClientCert << ' ' << nats.strClientKey << ' ' << nats.strCredentialsFile << ' ' << nats.strTokenFile
+         << ' ' << nats.strUser << ' ' << nats.strPasswordFile << '\n'
+         << nats.uTimeoutMs << ' ' << nats.uConnectTimeoutMs << ' ' << nats.uLongestBackOffMs << ' ' << nats.uPending
+         << '\n';
     for (const PluginSpec& plugin : config.vecPlugins) {
       text << plugin.strName << ' ' << plugin.strPath << ' ' << plugin.strGuid << '\n';
     }
