@@ -28,7 +28,7 @@ class NatsServer:
     """One server with a store of its own, which stays when the server is killed."""
 
     def __init__(self, directory, name="one", extra=""):
-        self.program = shutil.which("nats-server")
+        self.program = shutil.which("nats-server") or shutil.which("/usr/sbin/nats-server")
         if self.program is None:
             raise AssertionError("nats-server is not installed: scripts/install-deps test installs it")
         self.directory = pathlib.Path(directory) / f"nats-{name}"
