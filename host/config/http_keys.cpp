@@ -81,7 +81,8 @@ std::vector<std::pair<std::string, std::string>> HttpKeyProblems(const HttpDrive
       vecProblems.emplace_back(pszKey, "the url is not https");
     }
   }
-  if (!options.strTokenFile.empty() && !url.bLoopback) {
+  // A proxy takes even what is meant for this machine.
+  if (!options.strTokenFile.empty() && (!url.bLoopback || !options.strProxy.empty())) {
     vecProblems.emplace_back("token_file", "the url is not https: the token would be sent for everybody to read");
   }
   return vecProblems;

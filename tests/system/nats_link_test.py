@@ -3,6 +3,7 @@
 import json
 import signal
 import threading
+import time
 import uuid
 
 from host_fixture import LINK_DOWN, wait_until
@@ -51,6 +52,21 @@ class DeliveryTest(OneServerTestCase):
         self.send_lines(["after"])
         self.wait_for_messages(client, ["before", "after"])
         self.assertEqual(self.count_log(LINK_DOWN), 0)
+
+    def test_every_record_is_settled_when_connections_are_renewed_in_the_middle_of_the_stream(self):
+        client = self.make_stream()
+        self.start_up()
+        lines = [f"line {n}" for n in range(6000)]
+        sender = threading.Thread(target=self.send_lines, args=(lines, "--no-save"))
+        sender.start()
+        while sender.is_alive():
+            self.host.send_signal(signal.SIGHUP)
+            time.sleep(0.02)
+        sender.join()
+        self.wait_for_messages(client, lines)
+        # A record whose outcome went astray would be held for good, and shut the window one by one.
+        self.assertEqual(self.stop_host(), 0)
+        self.assertIn("held 0", self.host_said())
 
 
 class OutageTest(OneServerTestCase):

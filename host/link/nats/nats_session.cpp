@@ -354,6 +354,11 @@ size_t CNatsSession::MaxMessage() const {
   return static_cast<size_t>(std::max<int64_t>(natsConnection_GetMaxPayload(m_pLibrary->pConnection), 0));
 }
 
+bool CNatsSession::IsIdle() const {
+  const std::lock_guard lock(m_pShared->mutex);
+  return m_pShared->lstPending.empty() && m_pShared->lstAnswered.empty();
+}
+
 size_t CNatsSession::CountPending() const {
   const std::lock_guard lock(m_pShared->mutex);
   return m_pShared->lstPending.size();

@@ -60,6 +60,8 @@ class CNatsSession {
   bool AskMaxOfStream(size_t& uBytes, std::string& strReason);
 
   size_t CountPending() const;
+  // Nothing waits for an answer, and none that came waits to be taken.
+  bool IsIdle() const;
   size_t PendingBytes() const;
   // What was answered since, in the order of the answers.
   std::list<NatsPublished> TakeAnswered();

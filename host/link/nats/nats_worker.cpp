@@ -148,11 +148,14 @@ void CNatsWorker::Run() {
 
 bool CNatsWorker::Step() {
   TakeOrders();
+  if (m_bUp && !m_pSession) {
+    GoDown("no memory for a new connection");  // a renewal was cut short
+  }
   TakeAnswers();
   if (IsDone()) {
     return false;
   }
-  if (m_bRenew && !m_stopUntil && (!m_bUp || m_pSession->CountPending() == 0)) {
+  if (m_bRenew && !m_stopUntil && (!m_bUp || m_pSession->IsIdle())) {
     Renew();
   }
   std::string strReason;
@@ -187,8 +190,8 @@ void CNatsWorker::TakeOrders() {
 
 bool CNatsWorker::IsDone() const {
   const std::lock_guard lock(m_mutex);
-  return m_bAbandoned || (m_stopUntil && (!m_bUp || Clock::now() >= *m_stopUntil ||
-                                          (m_pSession->CountPending() == 0 && m_deqQueue.empty())));
+  return m_bAbandoned ||
+         (m_stopUntil && (!m_bUp || Clock::now() >= *m_stopUntil || (m_pSession->IsIdle() && m_deqQueue.empty())));
 }
 
 void CNatsWorker::Wait() {

@@ -104,6 +104,12 @@ TEST_F(HttpConfigTest, NothingSecretGoesOverAConnectionThatOthersCanRead) {
   ExpectProblem(strPlain + "ca_file=c\n", "F:6: ca_file: the url is not https");
   ExpectProblem(strPlain + "client_cert=c\n", "F:6: client_cert: the url is not https");
   EXPECT_EQ(Load("[link]\ndriver=http\n[http]\nurl=http://127.0.0.1:80/\ntoken_file=t\n"), std::vector<std::string>{});
+  for (const char* pszProxy : {"http://proxy.example:3128", "environment"}) {
+    EXPECT_EQ(Load(std::string("[link]\ndriver=http\n[http]\nurl=http://127.0.0.1:80/\ntoken_file=t\nproxy=") +
+                   pszProxy + "\n")
+                  .size(),
+              1u);
+  }
   EXPECT_EQ(Load("[link]\ndriver=http\n[http]\nurl=https://host.example/\ntoken_file=t\n"), std::vector<std::string>{});
 }
 
