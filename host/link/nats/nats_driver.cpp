@@ -16,7 +16,7 @@ class CNatsDriver final : public ILinkDriver {
 
   bool Start(ILinkEvents* pEvents, std::string& strError) override;
   void Stop() override;
-  void Deliver(std::shared_ptr<LinkRecord> pRecord) override { m_pWorker->Deliver(std::move(pRecord)); }
+  void Deliver(std::shared_ptr<LinkRecord> pRecord) override { m_pWorker->Deliver(pRecord); }
   void Reopen() override {
     if (m_pWorker) {
       m_pWorker->Reopen();

@@ -79,7 +79,7 @@ class CRegistry {
   void* Add(const std::shared_ptr<TShared>& pShared) {
     const std::lock_guard lock(m_mutex);
     m_mapSessions[++m_uLast] = pShared;
-    return reinterpret_cast<void*>(m_uLast);
+    return reinterpret_cast<void*>(m_uLast);  // NOLINT(performance-no-int-to-ptr): a number
   }
   void Remove(void* pClosure) {
     const std::lock_guard lock(m_mutex);

@@ -97,7 +97,7 @@ void CNatsWorker::Stop() {
   LogPrint(m_hLog, kLogWarning, "nats link: a call of libnats does not return, and its thread is left behind");
 }
 
-void CNatsWorker::Deliver(std::shared_ptr<LinkRecord> pRecord) {
+void CNatsWorker::Deliver(const std::shared_ptr<LinkRecord>& pRecord) {
   bool bWake = false;
   bool bQueued = true;
   try {

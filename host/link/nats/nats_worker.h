@@ -38,7 +38,7 @@ class CNatsWorker : public std::enable_shared_from_this<CNatsWorker> {
   // Throws std::system_error.
   void Start();
   void Stop();
-  void Deliver(std::shared_ptr<LinkRecord> pRecord);
+  void Deliver(const std::shared_ptr<LinkRecord>& pRecord);
   void Reopen();
 
  private:

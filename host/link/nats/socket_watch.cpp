@@ -7,11 +7,11 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "host/router/thread_setup.h"
@@ -29,9 +29,10 @@ struct DirectoryCloser {
 unsigned long SocketInode(int iFd) {
   std::array<char, 64> acText{};
   const std::string strPath = "/proc/self/fd/" + std::to_string(iFd);
-  unsigned long uInode = 0;
+  constexpr std::string_view kBegin = "socket:[";
   const ssize_t iLength = readlink(strPath.c_str(), acText.data(), acText.size() - 1);
-  return iLength > 0 && std::sscanf(acText.data(), "socket:[%lu]", &uInode) == 1 ? uInode : 0;
+  const std::string_view svText(acText.data(), iLength > 0 ? static_cast<size_t>(iLength) : 0);
+  return svText.starts_with(kBegin) ? std::strtoul(acText.data() + kBegin.size(), nullptr, 10) : 0;
 }
 
 // Calls take(descriptor, inode) for each socket of this process.
