@@ -1,6 +1,4 @@
 // Rows: inserts, delete and read. SQL is text with the values spliced in.
-#include <array>
-#include <charconv>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -10,6 +8,7 @@
 #include "db/sqlite_wrapper.h"
 #include "platform/base64.h"
 #include "platform/log_channels.h"
+#include "platform/number_text.h"
 #include "platform/status_codes.h"
 
 namespace {
@@ -38,36 +37,17 @@ bool PreparePayload(int iDataType, CPString& strData) {
   return true;
 }
 
-template <typename T>
-void AppendNumber(std::string& strSql, T number) {
-  constexpr size_t kLongestNumber = 24;
-  std::array<char, kLongestNumber> szNumber;
-  strSql.append(szNumber.data(), std::to_chars(szNumber.data(), szNumber.data() + szNumber.size(), number).ptr);
-}
-
-void AppendText(std::string& strSql, const CPString& strText) {
-  strSql.append("'").append(strText.View()).append("'");
-}
-
 // Appends one row's values. A zero byte in a text stays in it and ends the statement inside a quoted text, so that SQLite
 // refuses the statement instead of storing half a text.
 void AppendRow(std::string& strSql, unsigned long long u64DataId, int iPriv, int iMsgType, const CPString& strProduct,
                const CPString& strCombo, int iDataType, const CPString& strData) {
-  strSql += "(";
-  AppendNumber(strSql, u64DataId);
-  strSql += ", ";
-  AppendNumber(strSql, iPriv);
-  strSql += ", ";
-  AppendNumber(strSql, iMsgType);
-  strSql += ", ";
-  AppendText(strSql, strProduct);
-  strSql += ", ";
-  AppendText(strSql, strCombo);
-  strSql += ", ";
-  AppendNumber(strSql, iDataType);
-  strSql += ", ";
-  AppendText(strSql, strData);
-  strSql += ")";
+  strSql.append("(").append(CNumberText(u64DataId).View());
+  strSql.append(", ").append(CNumberText(iPriv).View());
+  strSql.append(", ").append(CNumberText(iMsgType).View());
+  strSql.append(", '").append(strProduct.View());
+  strSql.append("', '").append(strCombo.View());
+  strSql.append("', ").append(CNumberText(iDataType).View());
+  strSql.append(", '").append(strData.View()).append("')");
 }
 
 // Closes the connection on every way out.

@@ -7,12 +7,6 @@
 
 namespace {
 constexpr uint32_t kSendTimeoutMs = 120000;
-
-GUID ServerLinkGuid() {
-  GUID guid{};
-  static_cast<void>(ParseGuid(kServerLinkGuidText, guid));  // a constant of the right form
-  return guid;
-}
 }  // namespace
 
 int CLogCacheMgr::RunExecData(_LogExecData* pExecData) {
@@ -23,7 +17,6 @@ int CLogCacheMgr::RunExecData(_LogExecData* pExecData) {
     return 0;
   }
   long lRefCount = AddSendRef();
-  static const GUID s_guid = ServerLinkGuid();
   // The completion may settle the record before the send returns. The caller's hold keeps it readable until the end, and
   // what is logged of it never changes.
   const _LogExecData& data = *pExecData;
@@ -34,7 +27,7 @@ int CLogCacheMgr::RunExecData(_LogExecData* pExecData) {
     // A thread that is cancelled in here leaves its send in flight, like any send whose outcome never comes.
     const CCancellationWindow window;
     uRet = pCompCtx->AsynSendEx(
-        &s_guid, AGENT_MSG_ASYNC_LOGCACHE, reinterpret_cast<const uint8_t*>(data.strData.c_str()),
+        &ServerLinkGuid(), AGENT_MSG_ASYNC_LOGCACHE, reinterpret_cast<const uint8_t*>(data.strData.c_str()),
         static_cast<uint32_t>(data.strData.GetLength()), SendCompletion(), data.u64DataId, &ui64ACT, kSendTimeoutMs);
   }
   if (uRet == 0) {

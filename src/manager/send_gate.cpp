@@ -126,11 +126,9 @@ bool CLogCacheMgr::GetServerConnectStat() {
   auto uRet = static_cast<uint32_t>(kStatusNoObject);
   bool bStatus = false;
   if (pCompCtx != nullptr) {
-    GUID guid{};
-    static_cast<void>(ParseGuid(kServerLinkGuidText, guid));  // a constant of the right form
     const CCancellationWindow window;
-    uRet =
-        pCompCtx->AgentGetConnect(&guid, kRequestConnectState, "", 0, &uStatus, &pReply, &uiLength, kConnectTimeoutMs);
+    uRet = pCompCtx->AgentGetConnect(&ServerLinkGuid(), kRequestConnectState, "", 0, &uStatus, &pReply, &uiLength,
+                                     kConnectTimeoutMs);
   }
   if (uRet != 0 || uStatus != 0) {
     LogPrint(g_hLog, kLogWarning, "*qmlogcache GetServerConnectStat Error AgentGetConnect iRet[%x]",

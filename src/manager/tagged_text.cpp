@@ -1,26 +1,12 @@
 #include "manager/tagged_text.h"
 
 #include <array>
-#include <charconv>
 #include <cstring>
 #include <string_view>
 
+#include "platform/number_text.h"
+
 namespace {
-
-// Text of a number, kept on the stack.
-class CNumberText {
- public:
-  template <typename T>
-  CNumberText(T number, int iBase) {
-    m_uLength = static_cast<size_t>(
-        std::to_chars(m_szText.data(), m_szText.data() + m_szText.size(), number, iBase).ptr - m_szText.data());
-  }
-  std::string_view View() const { return {m_szText.data(), m_uLength}; }
-
- private:
-  std::array<char, 24> m_szText{};
-  size_t m_uLength = 0;
-};
 
 // A C string ends at the first zero byte, whatever length was announced for it.
 std::string_view UpToZero(std::string_view svText) {

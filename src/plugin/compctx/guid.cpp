@@ -51,3 +51,12 @@ bool ParseGuid(const char* pszText, GUID& guid) {
   guid = iFields == kFields ? parsed : GUID{};
   return iFields == kFields;
 }
+
+const GUID& ServerLinkGuid() {
+  static const GUID s_guid = [] {
+    GUID guid{};
+    static_cast<void>(ParseGuid(kServerLinkGuidText, guid));  // a constant of the right form
+    return guid;
+  }();
+  return s_guid;
+}

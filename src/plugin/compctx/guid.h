@@ -26,5 +26,7 @@ inline constexpr char kServerLinkGuidText[] = "C0E4F1B2-3A59-4D86-8B7E-91F2D6A3C
 void FormatGuid(const GUID& guid, char* pszBuffer);
 // False, and guid zero, when pszText does not begin with a GUID's text form (either case).
 [[nodiscard]] bool ParseGuid(const char* pszText, GUID& guid);
+// kServerLinkGuidText, parsed once. Never destroyed.
+const GUID& ServerLinkGuid();
 
 #endif  // QMLOGCACHE_PLUGIN_COMPCTX_GUID_H_
