@@ -205,7 +205,7 @@ TEST_F(ReceiveTest, AnswersARefusedRecordWithTheStoresCode) {
   EXPECT_EQ(0xA0010014u, static_cast<uint32_t>(vecReplies[1].iRet));
 }
 
-TEST_F(ReceiveTest, KeepsDataWithZeroBytesWholeAndCutsTheTaggedTextAtTheFirst) {
+TEST_F(ReceiveTest, TakesDataWithZeroBytesAndEndsTheTaggedTextAtTheFirst) {
   // The log line prints the data as text; its length shows in the record's own text only up to the zero byte.
   Deliver(10101, std::string("ab\0cd", 5));
   EXPECT_TRUE(AnsweredOnce(0, 10101, "success"));
@@ -213,6 +213,25 @@ TEST_F(ReceiveTest, KeepsDataWithZeroBytesWholeAndCutsTheTaggedTextAtTheFirst) {
   ASSERT_NE(nullptr, pRecord);
   const std::string strText(pRecord->strData.View());
   EXPECT_EQ("<end=1><msg=ab>", strText.substr(strText.find("<end=1>")));
+}
+
+TEST_F(ReceiveTest, EachRecordCarriesItsOwnSenderHoweverSendersTakeTurns) {
+  const GUID other = {0xFEDCBA98, 0x7654, 0x3210, {0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10}};
+  const std::vector<std::pair<GUID, std::string>> vecSenders = {{GUID{}, "00000000-0000-0000-0000-000000000000"},
+                                                                {kSenderGuid, kSenderText},
+                                                                {kSenderGuid, kSenderText},
+                                                                {other, "FEDCBA98-7654-3210-FEDC-BA9876543210"},
+                                                                {kSenderGuid, kSenderText},
+                                                                {GUID{}, "00000000-0000-0000-0000-000000000000"}};
+  unsigned long long u64DataId = kFirstDataId;
+  for (const auto& [sender, strText] : vecSenders) {
+    CLogCacheReceive::m_gReceive.ReceiveCallback(sender, 10101, reinterpret_cast<const unsigned char*>("data"), 4,
+                                                 m_pReplyHandle, static_cast<IComponentContext*>(&m_context));
+    const _LogExecData* pRecord = m_dataPeer.Find(u64DataId++);
+    ASSERT_NE(nullptr, pRecord);
+    EXPECT_EQ(strText, pRecord->strPluginId.View());
+    EXPECT_NE(std::string_view::npos, pRecord->strData.View().find("><guid=" + strText + "><product="));
+  }
 }
 
 // Without memory for its payload.
