@@ -37,6 +37,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <unordered_set>
 
 #include "cachefile/log_cache_file.h"
@@ -160,9 +161,9 @@ class CLogCacheData {
   void DelFirLineFromExecDataLocked() QM_REQUIRES(m_csExecData);
   // The sender's entry, made on first use; null when there is no memory for it.
   const LogCacheFileMap::value_type* GetSenderLocked(const CPString& strPluginId) QM_REQUIRES(m_csExecData);
-  // Puts a new record into the map, unless its id is there or was settled while a load runs: then bFiled is false, and
-  // the result 0.
-  [[nodiscard]] int FileExecDataLocked(_LogExecData* pExecData, bool& bFiled) QM_REQUIRES(m_csExecData);
+  // Puts a new record into the map. Nothing when it is there now; else the result of its filing: 0 when its id is there
+  // already or was settled while a load runs, kStatusNoResource without memory.
+  [[nodiscard]] std::optional<int> FileExecDataLocked(_LogExecData* pExecData) QM_REQUIRES(m_csExecData);
   // Writes a filed record if bSave is set, and queues it.
   [[nodiscard]] int SaveAndQueueExecData(_LogExecData* pExecData, int bSave) QM_EXCLUDES(m_csExecData);
   [[nodiscard]] int AddExecDataMapLocked(_LogExecData* pExecData) QM_REQUIRES(m_csExecData);

@@ -41,10 +41,8 @@ int CLogCacheData::AddDataAction(int bForceSave, unsigned long long u64DataId, i
     }
     pExecData->strPluginId = pSender->first;
     pExecData->pLogCacheFile = pSender->second.get();
-    bool bFiled = false;
-    const int iMapped = FileExecDataLocked(pExecData.get(), bFiled);
-    if (!bFiled) {
-      return iMapped;
+    if (const std::optional<int> iNotFiled = FileExecDataLocked(pExecData.get())) {
+      return *iNotFiled;
     }
   }
   return SaveAndQueueExecData(pExecData.get(), bSave);
@@ -58,26 +56,22 @@ int CLogCacheData::InsertExecData(_LogExecData* pExecData, int bSave) {
   const ExecDataHold hold(pExecData);
   {
     CCriticalSectionGuard guard(m_csExecData);
-    bool bFiled = false;
-    const int iMapped = FileExecDataLocked(pExecData, bFiled);
-    if (!bFiled) {
-      return iMapped;
+    if (const std::optional<int> iNotFiled = FileExecDataLocked(pExecData)) {
+      return *iNotFiled;
     }
   }
   return SaveAndQueueExecData(pExecData, bSave);
 }
 
-int CLogCacheData::FileExecDataLocked(_LogExecData* pExecData, bool& bFiled) {
+std::optional<int> CLogCacheData::FileExecDataLocked(_LogExecData* pExecData) {
   // The question and the filing under one lock: nothing may settle a record that a load brings back in between.
-  bFiled = false;
   const unsigned long long u64DataId = pExecData->u64DataId;
   const bool bNewest = m_mapLogExecData.empty() || m_mapLogExecData.rbegin()->first < u64DataId;
   if ((!bNewest && m_mapLogExecData.contains(u64DataId)) || m_setDeletedInLoad.contains(u64DataId)) {
     return kStatusOk;
   }
   const int iRet = AddExecDataMapLocked(pExecData);
-  bFiled = iRet == kStatusOk;
-  return iRet;
+  return iRet == kStatusOk ? std::nullopt : std::optional(iRet);
 }
 
 int CLogCacheData::SaveAndQueueExecData(_LogExecData* pExecData, int bSave) {
