@@ -1,10 +1,11 @@
 #include "host/link/json_text.h"
 
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <array>
 #include <boost/json/src.hpp>
 #include <boost/nowide/utf/utf.hpp>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -45,29 +46,41 @@ CJsonText::~CJsonText() = default;
 
 namespace {
 
-// Whether the text stands in a JSON literal as it is: ASCII without control characters, quotes and backslashes. Looks at
-// eight bytes at a time.
-bool IsPlain(std::string_view svText) {
-  constexpr uint64_t kEach = 0x0101010101010101U;
-  constexpr uint64_t kHighBits = 0x8080808080808080U;
-  const auto fnHasZero = [](uint64_t u64) { return (u64 - kEach) & ~u64; };
-  uint64_t u64Special = 0;
-  while (!svText.empty()) {
-    uint64_t u64 = kEach * 'x';
-    const size_t uCount = std::min(svText.size(), sizeof(u64));
-    std::memcpy(&u64, svText.data(), uCount);
-    svText.remove_prefix(uCount);
-    u64Special |= u64 | (u64 - kEach * ' ') | fnHasZero(u64 ^ (kEach * '"')) | fnHasZero(u64 ^ (kEach * '\\'));
-  }
-  return (u64Special & kHighBits) == 0;
+constexpr size_t kBlock = sizeof(__m128i);
+
+// Marks the bytes that cannot stand in a JSON literal as they are. Bytes above ASCII are negative here, so that one
+// comparison finds them with the control characters.
+__m128i MarkSpecial(__m128i bytes) {
+  const __m128i quotes = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'));
+  const __m128i backslashes = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'));
+  return _mm_or_si128(_mm_cmplt_epi8(bytes, _mm_set1_epi8(' ')), _mm_or_si128(quotes, backslashes));
+}
+
+__m128i Load(const char* pBytes) {
+  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBytes));
 }
 
 }  // namespace
 
+bool IsPlainJson(std::string_view svText) {
+  __m128i marks = _mm_setzero_si128();
+  while (svText.size() >= kBlock) {
+    marks = _mm_or_si128(marks, MarkSpecial(Load(svText.data())));
+    svText.remove_prefix(kBlock);
+  }
+  if (!svText.empty()) {
+    std::array<char, kBlock> acRest;
+    acRest.fill('x');
+    std::memcpy(acRest.data(), svText.data(), svText.size());
+    marks = _mm_or_si128(marks, MarkSpecial(Load(acRest.data())));
+  }
+  return _mm_movemask_epi8(marks) == 0;
+}
+
 void CJsonText::AppendField(std::string& strOut, std::string_view svName, std::string_view svText) {
   strOut += '"';
   strOut += svName;
-  if (IsPlain(svText)) {
+  if (IsPlainJson(svText)) {
     strOut += "\":\"";
     strOut += svText;
     strOut += '"';

@@ -13,6 +13,9 @@ class serializer;
 // Well-formed by RFC 3629: no overlong form, no surrogate, nothing above U+10FFFF. Zero bytes are valid.
 [[nodiscard]] bool IsUtf8(std::string_view svText);
 
+// Whether the text stands in a JSON literal as it is: ASCII without control characters, quotes and backslashes.
+[[nodiscard]] bool IsPlainJson(std::string_view svText);
+
 // Standard alphabet with padding. Throws std::bad_alloc.
 void AppendBase64(std::string& strOut, std::string_view svBytes);
 

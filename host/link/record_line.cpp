@@ -1,19 +1,13 @@
 #include "host/link/record_line.h"
 
 #include <charconv>
+#include <cstring>
 #include <ctime>
 
 namespace {
 
 constexpr int32_t kPublicPriv = 10;
 constexpr int64_t kUsPerSecond = 1000000;
-
-template <typename Number>
-void AppendNumber(std::string& strOut, Number number, int iBase = 10) {
-  std::array<char, 24> acDigits;
-  const auto result = std::to_chars(acDigits.data(), acDigits.data() + acDigits.size(), number, iBase);
-  strOut.append(acDigits.data(), result.ptr);
-}
 
 }  // namespace
 
@@ -49,32 +43,79 @@ const char* KindName(int32_t iMsgType) {
   }
 }
 
+// Gathers the short pieces of a line, so that it grows in a few steps. What is gathered is in the line after Flush.
+class CRecordLine::CShortText {
+ public:
+  explicit CShortText(std::string& strLine) : m_strLine(strLine) {}
+  CShortText(const CShortText&) = delete;
+  CShortText& operator=(const CShortText&) = delete;
+
+  // Inlined, so that a literal is stored and not copied by a call.
+  [[gnu::always_inline]] void Put(std::string_view svPiece) {
+    if (svPiece.size() > m_acGathered.size() - m_uSize) {
+      Flush() += svPiece;
+    } else if (!svPiece.empty()) {
+      std::memcpy(m_acGathered.data() + m_uSize, svPiece.data(), svPiece.size());
+      m_uSize += svPiece.size();
+    }
+  }
+
+  template <typename TNumber>
+  void PutNumber(TNumber number, int iBase = 10) {
+    std::array<char, 24> acDigits;
+    const auto result = std::to_chars(acDigits.data(), acDigits.data() + acDigits.size(), number, iBase);
+    Put({acDigits.data(), static_cast<size_t>(result.ptr - acDigits.data())});
+  }
+
+  std::string& Flush() {
+    m_strLine.append(m_acGathered.data(), m_uSize);
+    m_uSize = 0;
+    return m_strLine;
+  }
+
+ private:
+  std::string& m_strLine;
+  std::array<char, 384> m_acGathered;
+  size_t m_uSize = 0;
+};
+
 void CRecordLine::Append(std::string& strOut, const LinkRecord& record) {
   const TaggedText& tags = record.tags;
-  strOut += R"({"dataid":")";
-  AppendNumber(strOut, tags.u64DataId, 16);
-  strOut += R"(","priority":")";
-  strOut += PriorityName(tags.iPriv);
-  strOut += tags.iPriv >= kPublicPriv ? R"(","public":true,"kind":")" : R"(","public":false,"kind":")";
-  strOut += KindName(tags.iMsgType);
-  strOut += R"(","priv":)";
-  AppendNumber(strOut, tags.iPriv);
-  strOut += R"(,"msgtype":)";
-  AppendNumber(strOut, tags.iMsgType);
-  strOut += ',';
-  m_jsonText.AppendField(strOut, "guid", tags.svGuid);
-  strOut += ',';
-  m_jsonText.AppendField(strOut, "product", tags.svProduct);
-  strOut += ',';
-  m_jsonText.AppendField(strOut, "combo", tags.svCombo);
-  strOut += ',';
-  m_jsonText.AppendField(strOut, "message", tags.svMessage);
-  strOut += R"(,"time_received":")";
-  AppendTime(strOut, record.i64ReceivedUs);
-  strOut += "\"}\n";
+  CShortText text(strOut);
+  text.Put(R"({"dataid":")");
+  text.PutNumber(tags.u64DataId, 16);
+  text.Put(R"(","priority":")");
+  text.Put(PriorityName(tags.iPriv));
+  text.Put(tags.iPriv >= kPublicPriv ? R"(","public":true,"kind":")" : R"(","public":false,"kind":")");
+  text.Put(KindName(tags.iMsgType));
+  text.Put(R"(","priv":)");
+  text.PutNumber(tags.iPriv);
+  text.Put(R"(,"msgtype":)");
+  text.PutNumber(tags.iMsgType);
+  PutField(text, "guid", tags.svGuid);
+  PutField(text, "product", tags.svProduct);
+  PutField(text, "combo", tags.svCombo);
+  PutField(text, "message", tags.svMessage);
+  text.Put(R"(,"time_received":")");
+  PutTime(text, record.i64ReceivedUs);
+  text.Put("\"}\n");
+  text.Flush();
 }
 
-void CRecordLine::AppendTime(std::string& strOut, int64_t i64Us) {
+void CRecordLine::PutField(CShortText& text, std::string_view svName, std::string_view svText) {
+  if (!IsPlainJson(svText)) {
+    text.Put(",");
+    m_jsonText.AppendField(text.Flush(), svName, svText);
+    return;
+  }
+  text.Put(R"(,")");
+  text.Put(svName);
+  text.Put(R"(":")");
+  text.Put(svText);
+  text.Put(R"(")");
+}
+
+void CRecordLine::PutTime(CShortText& text, int64_t i64Us) {
   int64_t i64Second = i64Us / kUsPerSecond;
   int64_t i64Rest = i64Us % kUsPerSecond;
   if (i64Rest < 0) {
@@ -85,15 +126,13 @@ void CRecordLine::AppendTime(std::string& strOut, int64_t i64Us) {
     const time_t tSecond = i64Second;
     tm tmUtc{};
     gmtime_r(&tSecond, &tmUtc);
-    if (strftime(m_acSecond.data(), m_acSecond.size(), "%Y-%m-%dT%H:%M:%S", &tmUtc) == 0) {
-      m_acSecond[0] = '\0';
-    }
+    m_uSecondSize = strftime(m_acSecond.data(), m_acSecond.size(), "%Y-%m-%dT%H:%M:%S", &tmUtc);
     m_i64Second = i64Second;
   }
-  strOut += m_acSecond.data();
+  text.Put({m_acSecond.data(), m_uSecondSize});
   std::array<char, 8> acFraction = {'.', '0', '0', '0', '0', '0', '0', 'Z'};
   for (size_t i = 6; i >= 1; --i, i64Rest /= 10) {
     acFraction[i] = static_cast<char>('0' + i64Rest % 10);
   }
-  strOut.append(acFraction.data(), acFraction.size());
+  text.Put({acFraction.data(), acFraction.size()});
 }

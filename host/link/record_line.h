@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <string_view>
 
 #include "host/link/json_text.h"
 #include "host/link/link_driver.h"
@@ -26,12 +27,17 @@ class CRecordLine {
   void Append(std::string& strOut, const LinkRecord& record);
 
  private:
-  void AppendTime(std::string& strOut, int64_t i64Us);
+  class CShortText;
+
+  // The field with a comma before it.
+  void PutField(CShortText& text, std::string_view svName, std::string_view svText);
+  void PutTime(CShortText& text, int64_t i64Us);
 
   CJsonText m_jsonText;
   // The last second written, as text: records of one second share it.
   int64_t m_i64Second = std::numeric_limits<int64_t>::min();
   std::array<char, 64> m_acSecond{};
+  size_t m_uSecondSize = 0;
 };
 
 #endif  // QMLOGCACHE_HOST_LINK_RECORD_LINE_H_

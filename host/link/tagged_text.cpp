@@ -16,7 +16,7 @@ constexpr size_t kMaxNumberLength = 11;  // "-2147483648"
 constexpr std::string_view kComboTag = "><combo=";
 constexpr std::string_view kMessageTag = "><end=1><msg=";
 
-bool TakePrefix(std::string_view& svRest, std::string_view svPrefix) {
+[[gnu::always_inline]] inline bool TakePrefix(std::string_view& svRest, std::string_view svPrefix) {
   if (!svRest.starts_with(svPrefix)) {
     return false;
   }
@@ -26,8 +26,12 @@ bool TakePrefix(std::string_view& svRest, std::string_view svPrefix) {
 
 // Takes "VALUE>" with a value of 1 to uMax bytes that holds no '>'.
 bool TakeValue(std::string_view& svRest, size_t uMax, std::string_view& svValue) {
-  const size_t uEnd = svRest.substr(0, uMax + 1).find('>');
-  if (uEnd == std::string_view::npos || uEnd == 0) {
+  const size_t uLimit = std::min(svRest.size(), uMax + 1);
+  size_t uEnd = 0;
+  while (uEnd < uLimit && svRest[uEnd] != '>') {
+    ++uEnd;
+  }
+  if (uEnd == uLimit || uEnd == 0) {
     return false;
   }
   svValue = svRest.substr(0, uEnd);
@@ -35,15 +39,17 @@ bool TakeValue(std::string_view& svRest, size_t uMax, std::string_view& svValue)
   return true;
 }
 
-// Only the digits that the sender writes: lower case, no leading zero.
+// Only the digits that the sender writes: lower case, no leading zero. At most 16 of them.
 bool ReadDataId(std::string_view svValue, uint64_t& u64DataId) {
-  const bool bDigits = std::all_of(svValue.begin(), svValue.end(),
-                                   [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
-  if (!bDigits || svValue.front() == '0') {
-    return false;
+  u64DataId = 0;
+  for (const char c : svValue) {
+    const bool bDecimal = c >= '0' && c <= '9';
+    if (!bDecimal && (c < 'a' || c > 'f')) {
+      return false;
+    }
+    u64DataId = (u64DataId << 4U) | static_cast<uint64_t>(bDecimal ? c - '0' : c - 'a' + 10);
   }
-  const auto result = std::from_chars(svValue.data(), svValue.data() + svValue.size(), u64DataId, 16);
-  return result.ec == std::errc() && result.ptr == svValue.data() + svValue.size();
+  return svValue.front() != '0';
 }
 
 bool ReadNumber(std::string_view svValue, int32_t& iNumber) {
