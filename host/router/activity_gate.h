@@ -6,10 +6,13 @@
 #ifndef QMLOGCACHE_HOST_ROUTER_ACTIVITY_GATE_H_
 #define QMLOGCACHE_HOST_ROUTER_ACTIVITY_GATE_H_
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+
+#include "host/router/thread_shard.h"
 
 class CActivityGate {
  public:
@@ -24,10 +27,16 @@ class CActivityGate {
  private:
   friend class CActivityScope;
 
+  struct alignas(kCacheLine) Count {
+    std::atomic<uint64_t> u64Active{0};
+  };
+
   bool Enter();
   void Leave();
+  uint64_t CountActive() const;
 
-  std::atomic<uint64_t> m_u64Active{0};
+  // How many scopes are open, in parts: a scope is counted in its thread's one.
+  std::array<Count, kThreadShards> m_arrCounts;
   std::atomic<bool> m_bClosed{false};
   std::mutex m_Lock;  // guards no member; orders the last Leave and the wait
   std::condition_variable m_Left;

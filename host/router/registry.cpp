@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 #include <mutex>
+#include <shared_mutex>
 #include <utility>
 
 #include "host/protocol/host_status.h"
@@ -31,7 +32,7 @@ uint32_t CRegistry::Begin(ContextState& state, const GUID& guid) {
   }
   auto pSession = std::make_shared<Session>();
   pSession->guid = guid;
-  const std::lock_guard<std::shared_mutex> guard(m_Lock);
+  const std::lock_guard<CManyReaderLock> guard(m_Lock);
   const bool bTaken = std::any_of(m_vecLive.begin(), m_vecLive.end(),
                                   [&guid](const ContextState* pLive) { return SameGuid(pLive->pSession->guid, guid); });
   if (bTaken || state.pSession) {
@@ -45,7 +46,7 @@ uint32_t CRegistry::Begin(ContextState& state, const GUID& guid) {
 }
 
 uint32_t CRegistry::End(ContextState& state, EndedSession& ended) {
-  const std::lock_guard<std::shared_mutex> guard(m_Lock);
+  const std::lock_guard<CManyReaderLock> guard(m_Lock);
   if (!state.pSession) {
     return kHostBadArgument;
   }
@@ -75,11 +76,24 @@ uint32_t CRegistry::End(ContextState& state, EndedSession& ended) {
 }
 
 std::shared_ptr<Session> CRegistry::Current(const ContextState& state, uint32_t& uStatus) const {
-  const std::shared_lock<std::shared_mutex> guard(m_Lock);
+  const std::shared_lock<CManyReaderLock> guard(m_Lock);
   if (!state.pSession) {
-    uStatus = state.bEnded ? kHostStopping : kHostBadArgument;
+    uStatus = NoSession(state);
   }
   return state.pSession;
+}
+
+uint64_t CRegistry::CurrentId(const ContextState& state, uint32_t& uStatus) const {
+  const std::shared_lock<CManyReaderLock> guard(m_Lock);
+  if (!state.pSession) {
+    uStatus = NoSession(state);
+    return 0;
+  }
+  return state.pSession->u64Id;
+}
+
+uint32_t CRegistry::NoSession(const ContextState& state) {
+  return state.bEnded ? kHostStopping : kHostBadArgument;
 }
 
 uint32_t CRegistry::Add(const ContextState& state, uint32_t uMsgType, IMRReceiveComplete* pReceiver, void* pContext) {
@@ -90,9 +104,9 @@ uint32_t CRegistry::Add(const ContextState& state, uint32_t uMsgType, IMRReceive
   pRegistration->uMsgType = uMsgType;
   pRegistration->pReceiver = pReceiver;
   pRegistration->pContext = pContext;
-  const std::lock_guard<std::shared_mutex> guard(m_Lock);
+  const std::lock_guard<CManyReaderLock> guard(m_Lock);
   if (!state.pSession) {
-    return state.bEnded ? kHostStopping : kHostBadArgument;
+    return NoSession(state);
   }
   auto& vecSameType = m_mapRegistrations[uMsgType];
   const bool bShared = IsDirectedType(uMsgType) || IsBroadcastType(uMsgType);
@@ -107,7 +121,7 @@ uint32_t CRegistry::Add(const ContextState& state, uint32_t uMsgType, IMRReceive
 }
 
 std::shared_ptr<Registration> CRegistry::Remove(ContextState& state, uint32_t uMsgType) {
-  const std::lock_guard<std::shared_mutex> guard(m_Lock);
+  const std::lock_guard<CManyReaderLock> guard(m_Lock);
   const auto itType = m_mapRegistrations.find(uMsgType);
   if (!state.pSession || itType == m_mapRegistrations.end()) {
     return nullptr;
@@ -125,7 +139,7 @@ std::shared_ptr<Registration> CRegistry::Remove(ContextState& state, uint32_t uM
 }
 
 std::shared_ptr<RequestEntry> CRegistry::SetRequests(ContextState& state, std::shared_ptr<RequestEntry> pRequests) {
-  const std::lock_guard<std::shared_mutex> guard(m_Lock);
+  const std::lock_guard<CManyReaderLock> guard(m_Lock);
   if (state.pRequests) {
     Leave(state, state.pRequests);
   }
@@ -139,33 +153,41 @@ void CRegistry::Leave(ContextState& state, const std::shared_ptr<Callee>& pCalle
 }
 
 std::shared_ptr<Registration> CRegistry::FindOnly(uint32_t uMsgType) const {
-  const std::shared_lock<std::shared_mutex> guard(m_Lock);
+  const std::shared_lock<CManyReaderLock> guard(m_Lock);
   const auto it = m_mapRegistrations.find(uMsgType);
   return it == m_mapRegistrations.end() || it->second.empty() ? nullptr : it->second.front();
 }
 
 std::shared_ptr<Registration> CRegistry::FindDirected(const GUID& guid, uint32_t uMsgType) const {
-  const std::shared_lock<std::shared_mutex> guard(m_Lock);
+  const std::shared_lock<CManyReaderLock> guard(m_Lock);
+  const std::shared_ptr<Registration>* ppRegistration = FindDirectedLocked(guid, uMsgType);
+  return ppRegistration == nullptr ? nullptr : *ppRegistration;
+}
+
+bool CRegistry::HasDirected(const GUID& guid, uint32_t uMsgType) const {
+  const std::shared_lock<CManyReaderLock> guard(m_Lock);
+  return FindDirectedLocked(guid, uMsgType) != nullptr;
+}
+
+const std::shared_ptr<Registration>* CRegistry::FindDirectedLocked(const GUID& guid, uint32_t uMsgType) const {
   const auto itType = m_mapRegistrations.find(uMsgType);
   if (itType == m_mapRegistrations.end()) {
     return nullptr;
   }
-  for (const auto& pRegistration : itType->second) {
-    if (SameGuid(pRegistration->pSession->guid, guid)) {
-      return pRegistration;
-    }
-  }
-  return nullptr;
+  const auto it = std::find_if(itType->second.begin(), itType->second.end(), [&guid](const auto& pRegistration) {
+    return SameGuid(pRegistration->pSession->guid, guid);
+  });
+  return it == itType->second.end() ? nullptr : &*it;
 }
 
 std::vector<std::shared_ptr<Registration>> CRegistry::FindAll(uint32_t uMsgType) const {
-  const std::shared_lock<std::shared_mutex> guard(m_Lock);
+  const std::shared_lock<CManyReaderLock> guard(m_Lock);
   const auto it = m_mapRegistrations.find(uMsgType);
   return it == m_mapRegistrations.end() ? std::vector<std::shared_ptr<Registration>>{} : it->second;
 }
 
 std::shared_ptr<RequestEntry> CRegistry::FindRequests(const GUID& guid) const {
-  const std::shared_lock<std::shared_mutex> guard(m_Lock);
+  const std::shared_lock<CManyReaderLock> guard(m_Lock);
   for (const ContextState* pLive : m_vecLive) {
     if (SameGuid(pLive->pSession->guid, guid)) {
       return pLive->pRequests;

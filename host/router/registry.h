@@ -8,11 +8,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <shared_mutex>
 #include <unordered_map>
 #include <vector>
 
 #include "host/router/activity_gate.h"
+#include "host/router/many_reader_lock.h"
 #include "host/router/router.h"
 
 // Types that any number of components may register: a directed send picks the component by its GUID.
@@ -64,6 +64,8 @@ class CRegistry {
   [[nodiscard]] uint32_t End(ContextState& state, EndedSession& ended);
   // Null with the status to answer: kHostStopping after Uninitialize, kHostBadArgument before Initialize.
   std::shared_ptr<Session> Current(const ContextState& state, uint32_t& uStatus) const;
+  // The same for its id alone; 0 where there is none.
+  uint64_t CurrentId(const ContextState& state, uint32_t& uStatus) const;
 
   [[nodiscard]] uint32_t Add(const ContextState& state, uint32_t uMsgType, IMRReceiveComplete* pReceiver,
                              void* pContext);
@@ -74,13 +76,17 @@ class CRegistry {
 
   std::shared_ptr<Registration> FindOnly(uint32_t uMsgType) const;
   std::shared_ptr<Registration> FindDirected(const GUID& guid, uint32_t uMsgType) const;
+  bool HasDirected(const GUID& guid, uint32_t uMsgType) const;
   std::vector<std::shared_ptr<Registration>> FindAll(uint32_t uMsgType) const;
   std::shared_ptr<RequestEntry> FindRequests(const GUID& guid) const;
 
  private:
+  static uint32_t NoSession(const ContextState& state);
+  // Null when nobody has registered that. The lock is held.
+  const std::shared_ptr<Registration>* FindDirectedLocked(const GUID& guid, uint32_t uMsgType) const;
   static void Leave(ContextState& state, const std::shared_ptr<Callee>& pCallee);
 
-  mutable std::shared_mutex m_Lock;  // guards all members and every ContextState
+  mutable CManyReaderLock m_Lock;  // guards all members and every ContextState
   uint64_t m_u64LastId = 0;
   std::vector<ContextState*> m_vecLive;  // contexts with a session
   std::unordered_map<uint32_t, std::vector<std::shared_ptr<Registration>>> m_mapRegistrations;

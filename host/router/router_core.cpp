@@ -173,14 +173,14 @@ void CRouterCore::Complete(LaneTicket& ticket, int32_t iResult, std::string&& st
 
 uint32_t CRouterCore::Reply(const ContextState& state, int32_t iRet, std::string_view svReply, void* pReplyHandle) {
   uint32_t uStatus = kHostOk;
-  const std::shared_ptr<Session> pSession = m_Registry.Current(state, uStatus);
-  if (!pSession) {
+  const uint64_t u64Answerer = m_Registry.CurrentId(state, uStatus);
+  if (u64Answerer == 0) {
     return uStatus;
   }
   const uint64_t u64Handle = PointerToHandle(pReplyHandle);
   if (m_Producers.IsMine(u64Handle)) {
     ProducerWaiter waiter;
-    if (!m_Producers.TakeAnswered(u64Handle, pSession->u64Id, waiter)) {
+    if (!m_Producers.TakeAnswered(u64Handle, u64Answerer, waiter)) {
       return kHostBadArgument;
     }
     Answer(waiter, static_cast<uint32_t>(iRet), svReply);
@@ -190,7 +190,7 @@ uint32_t CRouterCore::Reply(const ContextState& state, int32_t iRet, std::string
     // Copied first: once the wait is taken nothing may fail.
     std::string strReply(svReply);
     LaneTicket ticket;
-    if (!m_Sends.TakeAnswered(u64Handle, pSession->u64Id, ticket)) {
+    if (!m_Sends.TakeAnswered(u64Handle, u64Answerer, ticket)) {
       return kHostBadArgument;
     }
     Complete(ticket, iRet, std::move(strReply));
@@ -207,7 +207,7 @@ uint32_t CRouterCore::Send(const ContextState& state, const GUID& dest, uint32_t
   if (!pSender) {
     return uStatus;
   }
-  if (!m_Registry.FindDirected(dest, uMsgType)) {
+  if (!m_Registry.HasDirected(dest, uMsgType)) {
     return kHostNoDestination;
   }
   const uint64_t u64Token = m_u64LastToken.fetch_add(1, std::memory_order_relaxed) + 1;

@@ -10,13 +10,14 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <limits>
 #include <mutex>
 #include <utility>
 #include <vector>
+
+#include "host/router/thread_shard.h"
 
 // Monotonic time in milliseconds.
 using MonotonicMs = int64_t;
@@ -37,7 +38,7 @@ class CWaitTable {
   // Returns a handle that is not 0, or 0 (and leaves waiter alone) when 2^24 messages of a shard wait. May throw
   // std::bad_alloc.
   uint64_t Add(TWaiter&& waiter, uint64_t u64Answerer, MonotonicMs i64Deadline) {
-    const unsigned int uShard = OwnShard();
+    const unsigned int uShard = ThreadShard();
     Shard& shard = m_arrShards[uShard];
     const std::lock_guard<std::mutex> guard(shard.lock);
     if (shard.uFirstFree == kNone) {
@@ -119,25 +120,20 @@ class CWaitTable {
     bool bWaiting = false;
     TWaiter waiter{};
   };
-  struct alignas(64) Shard {
+  struct alignas(kCacheLine) Shard {
     std::mutex lock;  // guards the rest
     std::deque<Entry> dequeEntries;
     uint32_t uFirstFree = kNone;
   };
 
-  static constexpr unsigned int kShards = 8;
+  static constexpr unsigned int kShards = kThreadShards;
+  static_assert(kShards == 8, "a handle has three bits for it");
   static constexpr unsigned int kTableShift = 3;
   static constexpr unsigned int kIndexShift = 4;
   static constexpr unsigned int kGenerationShift = 28;
   static constexpr uint32_t kMaxEntries = 1U << (kGenerationShift - kIndexShift);
   static constexpr uint64_t kMaxGeneration = (uint64_t{1} << (64 - kGenerationShift)) - 1;
   static constexpr uint32_t kNone = std::numeric_limits<uint32_t>::max();
-
-  static unsigned int OwnShard() {
-    static std::atomic<unsigned int> s_uNext{0};
-    thread_local const unsigned int t_uShard = s_uNext.fetch_add(1, std::memory_order_relaxed) % kShards;
-    return t_uShard;
-  }
 
   static TWaiter Free(Shard& shard, uint32_t uIndex, Entry& entry) {
     TWaiter waiter = std::move(entry.waiter);
