@@ -292,9 +292,7 @@ void CFileDriver::Work(RecordList vecRecords) {
   if (m_strBuffer.capacity() > kKeptBufferSize) {
     m_strBuffer = std::string();
   }
-  for (size_t i = 0; i < uDone; ++i) {
-    m_pEvents->OnOutcome(vecRecords[i], kHostOk);
-  }
+  m_pEvents->OnDelivered(vecRecords, uDone);
   if (bAll) {
     return;
   }

@@ -25,6 +25,12 @@ class ILinkEvents {
   virtual ~ILinkEvents() = default;
   // One outcome for a record handed over: 0 delivered, else a result code. Exactly once a record.
   virtual void OnOutcome(const std::shared_ptr<LinkRecord>& pRecord, uint32_t uResult) = 0;
+  // The outcome 0 for the first uCount of a row. The link takes them with less locking than one by one.
+  virtual void OnDelivered(const std::vector<std::shared_ptr<LinkRecord>>& vecRecords, size_t uCount) {
+    for (size_t i = 0; i < uCount; ++i) {
+      OnOutcome(vecRecords[i], 0);
+    }
+  }
   // The driver could not deliver these; it forgets them, and they stay with the link. A driver that goes down says so
   // first: what is given back while it is up is delivered to it again at once.
   virtual void OnGivenBack(std::vector<std::shared_ptr<LinkRecord>> vecRecords) = 0;

@@ -58,6 +58,7 @@ class CServerLink final : public IServerLink, private IMRReceiveComplete, privat
   void ReceiveCallback(const GUID& stComponentID, long i64MsgType, const unsigned char* pData,
                        unsigned int uiDataLength, void* pReplyHandle, void* pContext) override;
   void OnOutcome(const std::shared_ptr<LinkRecord>& pRecord, uint32_t uResult) override;
+  void OnDelivered(const std::vector<std::shared_ptr<LinkRecord>>& vecRecords, size_t uCount) override;
   void OnGivenBack(std::vector<std::shared_ptr<LinkRecord>> vecRecords) override;
   void OnUp() override;
   void OnDown(const std::string& strReason) override;

@@ -112,6 +112,29 @@ void CServerLink::OnOutcome(const std::shared_ptr<LinkRecord>& pRecord, uint32_t
   SendResult(*pTracked, uResult);
 }
 
+void CServerLink::OnDelivered(const std::vector<std::shared_ptr<LinkRecord>>& vecRecords, size_t uCount) {
+  std::array<const TrackedRecord*, 64> apCounted;
+  for (size_t uNext = 0; uNext < uCount;) {
+    size_t uCounted = 0;
+    {
+      const std::lock_guard lock(m_mutex);
+      if (m_phase == Phase::Stopped) {
+        return;
+      }
+      for (; uNext < uCount && uCounted < apCounted.size(); ++uNext) {
+        auto* pTracked = static_cast<TrackedRecord*>(vecRecords[uNext].get());
+        if (pTracked != nullptr && pTracked->state == RecordState::WithDriver) {
+          CountAnswerLocked(*pTracked, kHostOk);
+          apCounted[uCounted++] = pTracked;
+        }
+      }
+    }
+    for (size_t i = 0; i < uCounted; ++i) {
+      SendResult(*apCounted[i], kHostOk);
+    }
+  }
+}
+
 void CServerLink::OnGivenBack(std::vector<std::shared_ptr<LinkRecord>> vecRecords) {
   AnswerList answers;
   std::unique_lock lock(m_mutex);

@@ -23,6 +23,15 @@ uint64_t PointerToHandle(const void* pHandle) {
   return reinterpret_cast<uintptr_t>(pHandle);
 }
 
+// A send that the calling thread is delivering. When it is answered meanwhile, its completion is left here and runs as
+// soon as the receiver returns, without the way through the queue.
+struct Delivery {
+  const CRouterCore* pCore;
+  uint64_t u64Handle;
+  LaneTicket completion;
+};
+thread_local Delivery* t_pDelivery = nullptr;
+
 const unsigned char* Bytes(std::string_view svData) {
   return reinterpret_cast<const unsigned char*>(svData.data());
 }
@@ -163,10 +172,14 @@ void CRouterCore::Answer(const ProducerWaiter& waiter, uint32_t uStatus, std::st
   waiter.pSink->OnReply(waiter.u64Cookie, uStatus, svText);
 }
 
-void CRouterCore::Complete(LaneTicket& ticket, int32_t iResult, std::string&& strReply) {
+void CRouterCore::SetOutcome(LaneTicket& ticket, int32_t iResult, std::string&& strReply) {
   auto& completion = std::get<CompletionItem>(ticket.front());
   completion.iResult = iResult;
   completion.strReply = std::move(strReply);
+}
+
+void CRouterCore::Complete(LaneTicket& ticket, int32_t iResult, std::string&& strReply) {
+  SetOutcome(ticket, iResult, std::move(strReply));
   // A lane that is stopping has no components left to tell.
   static_cast<void>(m_Lane.Put(std::move(ticket)));
 }
@@ -193,7 +206,12 @@ uint32_t CRouterCore::Reply(const ContextState& state, int32_t iRet, std::string
     if (!m_Sends.TakeAnswered(u64Handle, u64Answerer, ticket)) {
       return kHostBadArgument;
     }
-    Complete(ticket, iRet, std::move(strReply));
+    if (t_pDelivery != nullptr && t_pDelivery->pCore == this && t_pDelivery->u64Handle == u64Handle) {
+      SetOutcome(ticket, iRet, std::move(strReply));
+      t_pDelivery->completion.swap(ticket);
+    } else {
+      Complete(ticket, iRet, std::move(strReply));
+    }
     return kHostOk;
   } catch (const std::bad_alloc&) {
     return kHostNoMemory;
@@ -317,6 +335,7 @@ void CRouterCore::RunSend(SendItem& item) {
   }
   // Done by the timer for those that want a completion; the clock is asked because the timer may be a little late.
   uint32_t uFailure = kHostOk;
+  Delivery delivery{this, item.u64Handle, {}};
   const std::shared_ptr<Registration> pRegistration = m_Registry.FindDirected(item.dest, item.uMsgType);
   if (CDeadlineTimer::Now() >= item.i64Deadline) {
     uFailure = kHostSendTimeout;
@@ -327,11 +346,15 @@ void CRouterCore::RunSend(SendItem& item) {
     if (!scope.IsInside()) {
       uFailure = kHostNoDestination;
     } else if (item.u64Handle == 0 || m_Sends.SetAnswerer(item.u64Handle, pRegistration->pSession->u64Id)) {
+      t_pDelivery = &delivery;
       Hand(*pRegistration, item.pSender->guid, item.strData, item.u64Handle);
+      t_pDelivery = nullptr;
     }
   }
   LaneTicket ticket;
-  if (uFailure != kHostOk && item.u64Handle != 0 && m_Sends.Take(item.u64Handle, ticket)) {
+  if (!delivery.completion.empty()) {
+    RunCompletion(std::get<CompletionItem>(delivery.completion.front()));
+  } else if (uFailure != kHostOk && item.u64Handle != 0 && m_Sends.Take(item.u64Handle, ticket)) {
     Complete(ticket, static_cast<int32_t>(uFailure), {});
   }
 }

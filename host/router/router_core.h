@@ -58,6 +58,7 @@ class CRouterCore {
   void Hand(Registration& registration, const GUID& sender, std::string_view svData, uint64_t u64Handle);
   // Ends a producer's wait.
   static void Answer(const ProducerWaiter& waiter, uint32_t uStatus, std::string_view svText);
+  static void SetOutcome(LaneTicket& ticket, int32_t iResult, std::string&& strReply);
   // Ends a send's wait: its completion goes to the lane. Cannot fail.
   void Complete(LaneTicket& ticket, int32_t iResult, std::string&& strReply);
   MonotonicMs Expire(MonotonicMs i64Now);
