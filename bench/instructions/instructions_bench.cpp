@@ -14,6 +14,7 @@
 #include "bench/instructions/counted_path.h"
 #include "bench/instructions/host_road.h"
 #include "bench/instructions/single_thread_component.h"
+#include "bench/support/installation.h"
 #include "host/link/record_line.h"
 
 namespace {
@@ -144,15 +145,18 @@ void CountLinkLine() {
 }
 
 void CountAll(const std::string& strDirectory) {
-  const CCountedInstallation installation(strDirectory);
+  const CBenchInstallation installation(strDirectory, "");
+  const auto fnConfigure = [&installation](int iDataFlowFlag) {
+    installation.Configure("diskfreesize = 0\ndataflowflag = " + std::to_string(iDataFlowFlag) + '\n');
+  };
   CSendRecorder recorder;
-  installation.Configure(kMemoryOnly);
+  fnConfigure(kMemoryOnly);
   CountSteps(recorder, kMemoryRecords, "memory");
   CountHostRoad();
   CountLinkLine();
-  installation.Configure(kWriteAtIntake);
+  fnConfigure(kWriteAtIntake);
   CountSteps(recorder, kRowRecords, "row");
-  installation.Configure(kWriteAtSave);
+  fnConfigure(kWriteAtSave);
   CountSaveAndLoad(recorder);
 }
 

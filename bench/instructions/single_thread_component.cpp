@@ -1,25 +1,18 @@
 #include "bench/instructions/single_thread_component.h"
 
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
 #include "message/receive.h"
 #include "message/wire_format.h"
-#include "platform/file_info.h"
-#include "platform/log.h"
 #include "plugin/compctx/message_types.h"
 #include "plugin/plugin_object.h"
 
 namespace {
 
 constexpr uint32_t kRecordType = LOGCACHE_MSG_SYNC_EDR_PRIV_NORMAL;
-
-std::string g_strModuleDirectory;  // set while no life runs
 
 void Demand(bool bTrue, const char* pszWhat) {
   if (!bTrue) {
@@ -36,78 +29,15 @@ CLogCacheMgr& InitializedManager() {
 
 }  // namespace
 
-extern "C" {
-[[gnu::visibility("default")]] int QmGetModuleFilePath(char* pszBuffer, unsigned int uSize) {
-  if (pszBuffer == nullptr || g_strModuleDirectory.empty() || g_strModuleDirectory.size() >= uSize) {
-    errno = ERANGE;
-    return ERANGE;
-  }
-  std::memcpy(pszBuffer, g_strModuleDirectory.c_str(), g_strModuleDirectory.size() + 1);
-  return 0;
-}
-
 // Nothing periodic comes due, however long the counting takes.
-[[gnu::visibility("default")]] time_t time(time_t* pSeconds) {
+extern "C" [[gnu::visibility("default")]] time_t time(time_t* pSeconds) {
   constexpr time_t kAlwaysNow = 1700000000;
   if (pSeconds != nullptr) {
     *pSeconds = kAlwaysNow;
   }
   return kAlwaysNow;
 }
-}
 
-CCountedInstallation::CCountedInstallation(const std::string& strRoot) : m_strRoot(strRoot) {
-  for (const char* pszName : {"/bin", "/etc/qmlogcache", "/data", "/log"}) {
-    std::filesystem::create_directories(m_strRoot + pszName);
-  }
-  constexpr unsigned int kDefaultLevels = 1U << kLogWarning | 1U << kLogMissing | 1U << kLogLifecycle;
-  constexpr unsigned long long kFileSize = 10ULL << 20U;
-  constexpr unsigned int kFiles = 5;
-  Demand(QmLogConfigure((m_strRoot + "/log").c_str(), kDefaultLevels, kFileSize, kFiles) == 0, "QmLogConfigure");
-  g_strModuleDirectory = m_strRoot + "/bin";
-}
-
-CCountedInstallation::~CCountedInstallation() {
-  g_strModuleDirectory.clear();
-}
-
-void CCountedInstallation::Configure(int iDataFlowFlag) const {
-  std::ofstream file(m_strRoot + "/etc/qmlogcache/qmlogcache.conf");
-  file << "[logcache]\ndiskfreesize = 0\ndataflowflag = " << iDataFlowFlag << '\n';
-  file.close();
-  Demand(file.good(), "the configuration cannot be written");
-}
-
-uint32_t CSendRecorder::Initialize(const GUID& /*stComponentID*/) {
-  return 0;
-}
-uint32_t CSendRecorder::Uninitialize() {
-  return 0;
-}
-uint32_t CSendRecorder::Reserved4() {
-  return 0;
-}
-uint32_t CSendRecorder::AgentGetConnect(const GUID* /*pDest*/, uint32_t /*uCode*/, const char* /*pRequest*/,
-                                        uint32_t /*uRequestLength*/, uint32_t* puStatus, void** /*ppReply*/,
-                                        uint32_t* /*puReplyLength*/, uint32_t /*uTimeoutMs*/) {
-  *puStatus = 0;
-  return 0;
-}
-uint32_t CSendRecorder::FreeReply(void* /*pReply*/) {
-  return 0;
-}
-uint32_t CSendRecorder::Reserved7() {
-  return 0;
-}
-uint32_t CSendRecorder::Reserved8() {
-  return 0;
-}
-uint32_t CSendRecorder::Receive(uint32_t /*uMsgType*/, IMRReceiveComplete* /*pReceiver*/, void* /*pContext*/) {
-  return 0;
-}
-uint32_t CSendRecorder::UnReceive(uint32_t /*uMsgType*/) {
-  return 0;
-}
 uint32_t CSendRecorder::Reply(int32_t iRet, int64_t /*i64MsgType*/, const char* /*pReply*/, uint32_t /*uLength*/,
                               void* pReplyHandle) {
   *static_cast<int32_t*>(pReplyHandle) = iRet;

@@ -10,44 +10,19 @@
 #include <string>
 #include <vector>
 
-#include "plugin/compctx/component_context.h"
+#include "bench/support/idle_context.h"
 #include "tests/support/peers.h"
 
 // A record of the size that the other benchmarks take.
 inline constexpr size_t kPayloadSize = 400;
 inline constexpr GUID kSender = {0x3C5E7A91, 0x4A6B, 0x4C8D, {0x8E, 0x2F, 0x10, 0x32, 0x54, 0x76, 0x98, 0xBA}};
 
-// A directory as the component finds it beside its program: bin/, etc/, data/ and log/. strRoot exists and stays.
-class CCountedInstallation {
- public:
-  explicit CCountedInstallation(const std::string& strRoot);
-  ~CCountedInstallation();
-  CCountedInstallation(const CCountedInstallation&) = delete;
-  CCountedInstallation& operator=(const CCountedInstallation&) = delete;
-
-  // For the lives that begin from now on.
-  void Configure(int iDataFlowFlag) const;
-
- private:
-  const std::string m_strRoot;
-};
-
 // Takes every send at once and keeps its data id.
-class CSendRecorder : public IComponentContext {
+class CSendRecorder : public CIdleContext {
  public:
   const std::vector<uint64_t>& Sent() const { return m_vecSent; }
   void Forget() { m_vecSent.clear(); }
 
-  uint32_t Initialize(const GUID& stComponentID) override;
-  uint32_t Uninitialize() override;
-  uint32_t Reserved4() override;
-  uint32_t AgentGetConnect(const GUID* pDest, uint32_t uCode, const char* pRequest, uint32_t uRequestLength,
-                           uint32_t* puStatus, void** ppReply, uint32_t* puReplyLength, uint32_t uTimeoutMs) override;
-  uint32_t FreeReply(void* pReply) override;
-  uint32_t Reserved7() override;
-  uint32_t Reserved8() override;
-  uint32_t Receive(uint32_t uMsgType, IMRReceiveComplete* pReceiver, void* pContext) override;
-  uint32_t UnReceive(uint32_t uMsgType) override;
   uint32_t Reply(int32_t iRet, int64_t i64MsgType, const char* pReply, uint32_t uLength, void* pReplyHandle) override;
   uint32_t AsynSendEx(const GUID* pDest, uint32_t uMsgType, const uint8_t* pData, uint32_t uLength,
                       IMRSendComplete* pComplete, uint64_t u64UserValue, uint64_t* pu64Act,

@@ -97,11 +97,6 @@ double ResidentBytes() {
   return dResident * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
-// Nothing is sent: the component is not connected.
-class CNoSink : public ISendSink {
-  uint32_t OnSend(uint64_t /*u64DataId*/, std::string_view /*svTaggedText*/) override { return 0; }
-};
-
 // Length of what is sent for a record of the benchmarks.
 class CLengthSink : public ISendSink {
  public:

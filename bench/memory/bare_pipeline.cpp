@@ -1,30 +1,23 @@
 #include "bench/memory/bare_pipeline.h"
 
-#include <charconv>
+#include "platform/number_text.h"
 
 namespace {
 
 constexpr int kWindow = 128;
 constexpr uint32_t kPriorities = 4;
 
-void AppendNumber(std::string& strText, uint64_t u64Number, int iBase) {
-  std::array<char, 24> szNumber{};
-  strText.append(szNumber.data(),
-                 std::to_chars(szNumber.data(), szNumber.data() + szNumber.size(), u64Number, iBase).ptr);
-}
-
 std::string BuildText(uint64_t u64DataId, int iPriv, uint32_t u32Sender, std::string_view svData) {
   constexpr int kHexadecimal = 16;
-  constexpr int kDecimal = 10;
   constexpr size_t kFrame = 160;
   std::string strText;
   strText.reserve(kFrame + svData.size());
   strText += "<version=1><dataid=";
-  AppendNumber(strText, u64DataId, kHexadecimal);
+  strText += CNumberText(u64DataId, kHexadecimal).View();
   strText += "><priv=";
-  AppendNumber(strText, static_cast<uint64_t>(iPriv), kDecimal);
+  strText += CNumberText(iPriv).View();
   strText += "><msgtype=1><guid=";
-  AppendNumber(strText, u32Sender, kHexadecimal);
+  strText += CNumberText(u32Sender, kHexadecimal).View();
   strText += "-4A6B-4C8D-8E2F-1032547698BA><product=><combo=><end=1><msg=";
   strText += svData;
   strText += '>';

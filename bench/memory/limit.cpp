@@ -12,10 +12,6 @@ namespace {
 
 constexpr ResultGroup kGroup = {"intake_at_limit", kInMemory};
 
-class CNoSink : public ISendSink {
-  uint32_t OnSend(uint64_t /*u64DataId*/, std::string_view /*svTaggedText*/) override { return 0; }
-};
-
 double NanosecondsARecord(CLoadedComponent& component, unsigned int uRecords) {
   const std::string strData(kDataSize, 'd');
   const auto tBegin = std::chrono::steady_clock::now();

@@ -3,21 +3,14 @@
 #include <dlfcn.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
-#include "platform/file_info.h"
-#include "platform/log.h"
 #include "plugin/compctx/message_types.h"
 
 namespace {
-
-std::string g_strModuleDirectory;  // written between lives only
 
 struct Library {
   PluginCreateObjectFunc pfnCreateObject;
@@ -49,49 +42,6 @@ bool* SuccessOf(void* pReplyHandle) {
 }
 
 }  // namespace
-
-extern "C" [[gnu::visibility("default")]] int QmGetModuleFilePath(char* pszBuffer, unsigned int uSize) {
-  if (pszBuffer == nullptr || g_strModuleDirectory.empty() || g_strModuleDirectory.size() >= uSize) {
-    errno = ERANGE;
-    return ERANGE;
-  }
-  std::memcpy(pszBuffer, g_strModuleDirectory.c_str(), g_strModuleDirectory.size() + 1);
-  return 0;
-}
-
-CBenchInstallation::CBenchInstallation(const std::string& strDirectory, const std::string& strKeys)
-    : m_strRoot((strDirectory.empty() ? std::filesystem::temp_directory_path() : std::filesystem::path(strDirectory)) /
-                "qmlogcache-bench-XXXXXX") {
-  if (mkdtemp(m_strRoot.data()) == nullptr) {
-    throw std::runtime_error("mkdtemp " + m_strRoot + ": " + std::strerror(errno));
-  }
-  for (const char* pszName : {"/bin", "/etc/qmlogcache", "/data", "/log"}) {
-    std::filesystem::create_directories(m_strRoot + pszName);
-  }
-  Configure(strKeys);
-  constexpr unsigned int kDefaultLevels = 1U << kLogWarning | 1U << kLogMissing | 1U << kLogLifecycle;
-  constexpr unsigned long long kFileSize = 10ULL << 20U;
-  constexpr unsigned int kFiles = 5;
-  if (QmLogConfigure((m_strRoot + "/log").c_str(), kDefaultLevels, kFileSize, kFiles) != 0) {
-    throw std::runtime_error("QmLogConfigure");
-  }
-  g_strModuleDirectory = m_strRoot + "/bin";
-}
-
-CBenchInstallation::~CBenchInstallation() {
-  g_strModuleDirectory.clear();
-  std::error_code ignored;
-  std::filesystem::remove_all(m_strRoot, ignored);
-}
-
-void CBenchInstallation::Configure(const std::string& strKeys) const {
-  std::ofstream file(m_strRoot + "/etc/qmlogcache/qmlogcache.conf");
-  file << "[logcache]\n" << strKeys;
-  file.close();
-  if (!file) {
-    throw std::runtime_error("cannot write the configuration in " + m_strRoot);
-  }
-}
 
 CLoadedComponent::CLoadedComponent(ISendSink& sink)
     : m_sink(sink), m_pObject(static_cast<_PluginObjFuncTable*>(TheLibrary().pfnCreateObject(kComponentGuidText))) {
@@ -142,15 +92,6 @@ void CLoadedComponent::Settle(uint64_t u64DataId, uint32_t uResult) {
                         static_cast<IComponentContext*>(this));
 }
 
-uint32_t CLoadedComponent::Initialize(const GUID& /*stComponentID*/) {
-  return 0;
-}
-uint32_t CLoadedComponent::Uninitialize() {
-  return 0;
-}
-uint32_t CLoadedComponent::Reserved4() {
-  return 0;
-}
 uint32_t CLoadedComponent::AgentGetConnect(const GUID* /*pDest*/, uint32_t /*uCode*/, const char* /*pRequest*/,
                                            uint32_t /*uRequestLength*/, uint32_t* puStatus, void** /*ppReply*/,
                                            uint32_t* puReplyLength, uint32_t /*uTimeoutMs*/) {
@@ -158,20 +99,8 @@ uint32_t CLoadedComponent::AgentGetConnect(const GUID* /*pDest*/, uint32_t /*uCo
   *puReplyLength = 0;
   return 0;
 }
-uint32_t CLoadedComponent::FreeReply(void* /*pReply*/) {
-  return 0;
-}
-uint32_t CLoadedComponent::Reserved7() {
-  return 0;
-}
-uint32_t CLoadedComponent::Reserved8() {
-  return 0;
-}
 uint32_t CLoadedComponent::Receive(uint32_t /*uMsgType*/, IMRReceiveComplete* pReceiver, void* /*pContext*/) {
   m_pReceiver.store(pReceiver);
-  return 0;
-}
-uint32_t CLoadedComponent::UnReceive(uint32_t /*uMsgType*/) {
   return 0;
 }
 uint32_t CLoadedComponent::Reply(int32_t iRet, int64_t /*i64MsgType*/, const char* /*pReply*/, uint32_t /*uLength*/,

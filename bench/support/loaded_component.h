@@ -1,8 +1,6 @@
-// The component as a host loads it: libqmlogcache.so, an installation in a directory of its own, and a context whose
-// router is the benchmark itself.
+// The component as a host loads it: libqmlogcache.so, and a context whose router is the benchmark itself.
 //
-// One life at a time in a process. The executable that links this defines QmGetModuleFilePath, which names the bin
-// directory of the installation that lives.
+// One life at a time in a process, in a CBenchInstallation.
 #ifndef QMLOGCACHE_BENCH_SUPPORT_LOADED_COMPONENT_H_
 #define QMLOGCACHE_BENCH_SUPPORT_LOADED_COMPONENT_H_
 
@@ -11,7 +9,8 @@
 #include <string>
 #include <string_view>
 
-#include "plugin/compctx/component_context.h"
+#include "bench/support/idle_context.h"
+#include "bench/support/installation.h"
 #include "plugin/compctx/plugin_api.h"
 
 // Takes what the component sends, on its work thread. The record is settled by Settle, from any thread, also at once.
@@ -22,26 +21,14 @@ class ISendSink {
   virtual uint32_t OnSend(uint64_t u64DataId, std::string_view svTaggedText) = 0;
 };
 
-// bin/, etc/, data/ and log/ in a fresh directory, which goes with the object.
-class CBenchInstallation {
+// Takes everything and does nothing: what becomes of a record is then not measured.
+class CNoSink : public ISendSink {
  public:
-  // In strDirectory, which exists, or where temporary files go if it is empty. strKeys: lines of the section
-  // "logcache". The log has its default levels.
-  CBenchInstallation(const std::string& strDirectory, const std::string& strKeys);
-  ~CBenchInstallation();
-  CBenchInstallation(const CBenchInstallation&) = delete;
-  CBenchInstallation& operator=(const CBenchInstallation&) = delete;
-
-  const std::string& Root() const { return m_strRoot; }
-  std::string CacheDirectory() const { return m_strRoot + "/data/qmlogcache/"; }
-  void Configure(const std::string& strKeys) const;
-
- private:
-  std::string m_strRoot;
+  uint32_t OnSend(uint64_t /*u64DataId*/, std::string_view /*svTaggedText*/) override { return 0; }
 };
 
 // A life of the component: Initialize, SetCtx and Start, then Stop and Uninitialize.
-class CLoadedComponent : private IComponentContext {
+class CLoadedComponent : private CIdleContext {
  public:
   explicit CLoadedComponent(ISendSink& sink);
   ~CLoadedComponent() override;  // ends the life if that has not been done
@@ -58,16 +45,9 @@ class CLoadedComponent : private IComponentContext {
   void Stop();
 
  private:
-  uint32_t Initialize(const GUID& stComponentID) override;
-  uint32_t Uninitialize() override;
-  uint32_t Reserved4() override;
   uint32_t AgentGetConnect(const GUID* pDest, uint32_t uCode, const char* pRequest, uint32_t uRequestLength,
                            uint32_t* puStatus, void** ppReply, uint32_t* puReplyLength, uint32_t uTimeoutMs) override;
-  uint32_t FreeReply(void* pReply) override;
-  uint32_t Reserved7() override;
-  uint32_t Reserved8() override;
   uint32_t Receive(uint32_t uMsgType, IMRReceiveComplete* pReceiver, void* pContext) override;
-  uint32_t UnReceive(uint32_t uMsgType) override;
   uint32_t Reply(int32_t iRet, int64_t i64MsgType, const char* pReply, uint32_t uLength, void* pReplyHandle) override;
   uint32_t AsynSendEx(const GUID* pDest, uint32_t uMsgType, const uint8_t* pData, uint32_t uLength,
                       IMRSendComplete* pComplete, uint64_t u64UserValue, uint64_t* pu64Act,

@@ -1,8 +1,9 @@
 #include "host/link/record_line.h"
 
-#include <charconv>
 #include <cstring>
 #include <ctime>
+
+#include "platform/number_text.h"
 
 namespace {
 
@@ -60,13 +61,6 @@ class CRecordLine::CShortText {
     }
   }
 
-  template <typename TNumber>
-  void PutNumber(TNumber number, int iBase = 10) {
-    std::array<char, 24> acDigits;
-    const auto result = std::to_chars(acDigits.data(), acDigits.data() + acDigits.size(), number, iBase);
-    Put({acDigits.data(), static_cast<size_t>(result.ptr - acDigits.data())});
-  }
-
   std::string& Flush() {
     m_strLine.append(m_acGathered.data(), m_uSize);
     m_uSize = 0;
@@ -83,15 +77,15 @@ void CRecordLine::Append(std::string& strOut, const LinkRecord& record) {
   const TaggedText& tags = record.tags;
   CShortText text(strOut);
   text.Put(R"({"dataid":")");
-  text.PutNumber(tags.u64DataId, 16);
+  text.Put(CNumberText(tags.u64DataId, 16).View());
   text.Put(R"(","priority":")");
   text.Put(PriorityName(tags.iPriv));
   text.Put(tags.iPriv >= kPublicPriv ? R"(","public":true,"kind":")" : R"(","public":false,"kind":")");
   text.Put(KindName(tags.iMsgType));
   text.Put(R"(","priv":)");
-  text.PutNumber(tags.iPriv);
+  text.Put(CNumberText(tags.iPriv).View());
   text.Put(R"(,"msgtype":)");
-  text.PutNumber(tags.iMsgType);
+  text.Put(CNumberText(tags.iMsgType).View());
   PutField(text, "guid", tags.svGuid);
   PutField(text, "product", tags.svProduct);
   PutField(text, "combo", tags.svCombo);
