@@ -4,7 +4,8 @@
 // - Deliveries from producers run on the caller's thread (the ingress threads are the router's intake threads) and are
 //   answered through a reply sink.
 // - Directed sends (AsynSendEx) and broadcasts are queued to the completion lane, threads of its own that intake cannot
-//   fill. A send is delivered to its destination there and then completed there: exactly one outcome a send.
+//   fill. A send is delivered to its destination there and then completed there: exactly one outcome a send. One that
+//   is answered during its delivery completes on that thread as soon as the receiver has returned.
 // - Requests (AgentGetConnect) run on the caller's thread.
 //
 // Threads: every function may be called from any thread. No lock is held while a component is called.

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <future>
 #include <map>
@@ -111,6 +113,34 @@ TEST_F(ServerLinkTest, AcceptsThenDeliversThenSendsOneResult) {
   EXPECT_EQ(counts.u64Received, 1U);
   EXPECT_EQ(counts.u64Delivered, 1U);
   EXPECT_EQ(counts.u64Held, 0U);
+}
+
+TEST_F(ServerLinkTest, ARowOfDeliveredRecordsGivesEachOneResultAndTheRestNone) {
+  constexpr size_t kRecords = 150;
+  constexpr size_t kDelivered = 149;
+  StartUp();
+  for (uint64_t u64DataId = 1; u64DataId <= kRecords; ++u64DataId) {
+    Arrive(u64DataId);
+  }
+  const auto vecRecords = m_pDriver->Taken();
+  ASSERT_EQ(vecRecords.size(), kRecords);
+  Events().OnOutcome(vecRecords[1], 0xB0010025);
+  Journal();
+  Events().OnDelivered(vecRecords, kDelivered);
+  Events().OnDelivered(vecRecords, kDelivered);
+  FakeJournal expected;
+  for (uint64_t u64DataId = 1; u64DataId <= kDelivered; ++u64DataId) {
+    if (u64DataId != 2) {
+      std::array<char, 32> acLine;
+      snprintf(acLine.data(), acLine.size(), "result %llx 0", static_cast<unsigned long long>(u64DataId));
+      expected.emplace_back(acLine.data());
+    }
+  }
+  EXPECT_EQ(Journal(), expected);
+  const ServerLinkCounts counts = m_pLink->GetCounts();
+  EXPECT_EQ(counts.u64Delivered, kDelivered - 1);
+  EXPECT_EQ(counts.u64Retried, 1U);
+  EXPECT_EQ(counts.u64Held, 1U);
 }
 
 TEST_F(ServerLinkTest, HandsTheDriverTheTextTheFieldsAndTheSender) {

@@ -156,6 +156,37 @@ TEST_P(SendTest, ALaterReplyFromAnotherThreadCompletesOnTheLane) {
   EXPECT_NE(m_Completion.Items()[0].thread, std::this_thread::get_id());
 }
 
+TEST_P(SendTest, AnAnswerDuringTheDeliveryCompletesTheSendOnItsThreadWhenTheReceiverHasReturned) {
+  CCollector<std::string> events;
+  m_Receiver.fnThen = [&](const SeenMessage& message) {
+    EXPECT_EQ(m_pDest->Reply(0, kRecordType, nullptr, 0, message.pReplyHandle), kHostOk);
+    EXPECT_EQ(m_pDest->Reply(0, kRecordType, nullptr, 0, message.pReplyHandle), kHostBadArgument);
+    events.Put("received " + message.strData);
+  };
+  m_Completion.fnThen = [&](const SeenCompletion& completion) {
+    events.Put("completed " + std::to_string(completion.uUserValue));
+  };
+  ASSERT_EQ(m_pDest->Receive(kRecordType, &m_Receiver, nullptr), kHostOk);
+  ASSERT_EQ(Send(*m_pSender, kDestGuid, kRecordType, "1", &m_Completion, 1), kHostOk);
+  ASSERT_EQ(Send(*m_pSender, kDestGuid, kRecordType, "2", &m_Completion, 2), kHostOk);
+  ASSERT_TRUE(events.WaitFor(4));
+  ASSERT_EQ(m_pSender->Uninitialize(), kHostOk);
+  const std::vector<std::string> vecEvents = events.Items();
+  if (GetParam() == 1) {
+    EXPECT_EQ(vecEvents, (std::vector<std::string>{"received 1", "completed 1", "received 2", "completed 2"}));
+  }
+  for (const SeenMessage& message : m_Receiver.Items()) {
+    const auto vecCompletions = m_Completion.Items();
+    const auto it = std::find_if(vecCompletions.begin(), vecCompletions.end(), [&](const SeenCompletion& completion) {
+      return std::to_string(completion.uUserValue) == message.strData;
+    });
+    ASSERT_NE(it, vecCompletions.end());
+    EXPECT_EQ(it->thread, message.thread);
+    EXPECT_LT(std::find(vecEvents.begin(), vecEvents.end(), "received " + message.strData),
+              std::find(vecEvents.begin(), vecEvents.end(), "completed " + message.strData));
+  }
+}
+
 TEST_P(SendTest, TheSenderCannotAnswerItsOwnMessage) {
   ASSERT_EQ(m_pDest->Receive(kRecordType, &m_Receiver, nullptr), kHostOk);
   ASSERT_EQ(Send(*m_pSender, kDestGuid, kRecordType, "x", &m_Completion), kHostOk);
