@@ -32,6 +32,9 @@ bool CServerLink::Start(std::string& strError) {
     m_counts.bUp = false;
     m_uAnswersLeft = kAnsweredPerOutage;
     m_bDownLogged = false;
+    m_bRecurring = false;
+    m_bUpLogDue = false;
+    m_uDownReason = 0;
     m_downSince = std::chrono::steady_clock::now();
     m_bAnnounceDue = false;
   }

@@ -68,6 +68,8 @@ class CServerLink final : public IServerLink, private IMRReceiveComplete, privat
   uint32_t Reply(uint32_t uStatus, std::string_view svText, void* pReplyHandle);
   void Take(const TrackedPtr& pRecord);
   bool HoldLocked(const TrackedPtr& pRecord);
+  bool IsRecurringLocked(const std::string& strReason) const;
+  void LogUp(std::unique_lock<std::mutex>& lock);
   void CountAnswerLocked(TrackedRecord& record, uint32_t uResult);
   void SpendAnswersLocked(AnswerList& answers);
   void Pump(std::unique_lock<std::mutex>& lock, TrackedPtr pFirst);
@@ -93,6 +95,11 @@ class CServerLink final : public IServerLink, private IMRReceiveComplete, privat
   uint64_t m_u64LastSequence = 0;
   unsigned int m_uAnswersLeft = 0;  // of this outage
   bool m_bDownLogged = false;       // of this outage
+  // An outage that comes back for the same reason before any record is delivered is logged as one.
+  size_t m_uDownReason = 0;           // a hash of the last one's
+  uint64_t m_u64DeliveredAtDown = 0;  // when it began
+  bool m_bRecurring = false;          // it has come back at least once, and its end is not logged before a delivery
+  bool m_bUpLogDue = false;           // the driver is up, and this has not been logged
   std::chrono::steady_clock::time_point m_downSince{};
   bool m_bAnnounceDue = false;  // the broadcast waits for the records up to m_u64AnnounceAfter
   uint64_t m_u64AnnounceAfter = 0;

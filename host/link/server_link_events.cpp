@@ -2,6 +2,7 @@
 #include <bit>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <utility>
 
 #include "host/link/server_link_class.h"
@@ -103,11 +104,14 @@ void CServerLink::OnOutcome(const std::shared_ptr<LinkRecord>& pRecord, uint32_t
     return;
   }
   {
-    const std::lock_guard lock(m_mutex);
+    std::unique_lock lock(m_mutex);
     if (m_phase == Phase::Stopped || pTracked->state != RecordState::WithDriver) {
       return;
     }
     CountAnswerLocked(*pTracked, uResult);
+    if (m_bUpLogDue && uResult == kHostOk) {
+      LogUp(lock);
+    }
   }
   SendResult(*pTracked, uResult);
 }
@@ -167,12 +171,26 @@ void CServerLink::OnUp() {
   m_counts.bUp = true;
   m_bAnnounceDue = true;
   m_u64AnnounceAfter = m_u64LastSequence;
+  m_bUpLogDue = true;
+  if (!m_bRecurring) {
+    LogUp(lock);
+  }
+  Pump(lock, nullptr);
+}
+
+// Gives the lock up in between.
+void CServerLink::LogUp(std::unique_lock<std::mutex>& lock) {
+  m_bUpLogDue = false;
+  m_bRecurring = false;
   const size_t uHeld = m_mapHeld.size();
   const double dSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_downSince).count();
   lock.unlock();
   LogPrint(m_hLog, kLogLifecycle, "server link up: %zu records were held, after %.1f seconds", uHeld, dSeconds);
   lock.lock();
-  Pump(lock, nullptr);
+}
+
+bool CServerLink::IsRecurringLocked(const std::string& strReason) const {
+  return m_u64DeliveredAtDown == m_counts.u64Delivered && m_uDownReason == std::hash<std::string>()(strReason);
 }
 
 void CServerLink::OnDown(const std::string& strReason) {
@@ -187,8 +205,16 @@ void CServerLink::OnDown(const std::string& strReason) {
       m_counts.bUp = false;
       m_bAnnounceDue = false;
       m_uAnswersLeft = kAnsweredPerOutage;
-      m_bDownLogged = false;
-      m_downSince = std::chrono::steady_clock::now();
+      const bool bRecurring = IsRecurringLocked(strReason);
+      // Its first end was logged, the later ones were not.
+      m_bDownLogged = bRecurring && m_bUpLogDue;
+      m_bRecurring = bRecurring;
+      m_bUpLogDue = false;
+      if (!bRecurring) {
+        m_downSince = std::chrono::steady_clock::now();
+        m_u64DeliveredAtDown = m_counts.u64Delivered;
+        m_uDownReason = std::hash<std::string>()(strReason);
+      }
     }
     bLog = !std::exchange(m_bDownLogged, true);
     SpendAnswersLocked(answers);

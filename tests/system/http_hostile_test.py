@@ -27,6 +27,10 @@ class RefusalTest(HttpLinkTestCase):
         good = [f"good {n}" for n in range(300)]
         lines = good[:70] + ["bad-400"] + good[70:71] + ["bad-413"] + good[71:200] + ["bad-422"] + good[200:]
         self.send_lines(lines)
+        self.wait_for_messages(good)
+        # Perhaps the last of them was refused after all good ones had been sent.
+        good.append("later")
+        self.send_lines(good[-1:])
         self.wait_for_log(REJECTED, 3)
         self.wait_for_messages(good)
         self.assertEqual(self.stop_host(), 0)
@@ -38,38 +42,120 @@ class RefusalTest(HttpLinkTestCase):
             self.assertEqual(self.count_log(f"HTTP status {status}\n"), 1)
         self.assertEqual(self.count_log(LINK_DOWN), 0)
 
-    def test_a_lone_record_is_rejected_once_the_server_has_taken_something_else(self):
-        self.destination.answer = lambda request, _: 413 if request.records else 200
+    def refuse(self, *messages):
+        """The server takes everything else."""
+        self.destination.answer = lambda request, _: 413 if self.is_sent(request, *messages) else 200
+
+    @staticmethod
+    def is_sent(request, *messages):
+        return any(record["message"] in messages for record in request.records)
+
+    def wait_until_sent(self, message, beside=()):
+        """beside: the requests that do not count."""
+        wait_until(lambda: any(self.is_sent(request, message) for request in self.destination.seen()[len(beside):]),
+                   f"{message!r} to be sent")
+
+    def test_a_lone_record_is_rejected_once_the_server_has_taken_later_ones(self):
+        self.refuse("bad")
         self.start_up()
-        self.send_lines(["too large"])
+        self.send_lines(["before"])
+        self.wait_for_messages(["before"])
+        self.send_lines(["bad"])
+        self.wait_until_sent("bad")
+        self.assert_nothing_rejected()
+        self.send_lines(["after"])
         self.wait_for_log(REJECTED)
-        self.assertEqual([len(request.records) for request in self.destination.seen()], [0, 1, 0])
+        sent = [[record["message"] for record in request.records] for request in self.destination.seen()]
+        self.assertEqual(sent, [[], ["before"], ["bad"], ["after"], ["bad"]])
+        self.assertEqual(self.count_log(LINK_DOWN), 0)
+
+    def test_a_refused_record_is_sent_again_after_a_restart_and_rejected_as_before(self):
+        self.refuse("bad")
+        self.start_up()
+        self.send_lines(["bad"])
+        self.wait_until_sent("bad")
+        self.assertEqual(self.stop_host(), 0)
+        self.assertIn("held 1", self.host_said())
+        before = self.destination.seen()
+        self.start_host()
+        self.wait_until_sent("bad", before)
+        self.assert_nothing_rejected()
+        self.send_lines(["after"])
+        self.wait_for_log(REJECTED)
+        ids = {id for request in self.destination.seen() if self.is_sent(request, "bad") for id in request.ids}
+        self.assertEqual(len(ids), 1)
+
+    def test_a_refused_record_holds_up_none_that_come_later_even_of_a_sender_that_sends_one_at_a_time(self):
+        self.configure(timeout_ms=300)
+        self.start_up()
+        # The results of an outage make the component wait for the outcome of each record.
+        self.destination.answer = lambda request, _: 503
+        self.send_lines(["bad"])
+        self.wait_for_log(LINK_DOWN)
+        self.refuse("bad")
+        refusals = "the server refuses records and has accepted none since: HTTP status 413"
+        self.wait_for_log(f"{LINK_DOWN}: {refusals}")
+        lines = [f"line {n}" for n in range(100)]
+        self.send_lines(lines)
+        self.wait_for_messages(lines)
+        self.send_lines(["after"])
+        self.wait_for_log(REJECTED)
+        self.assertEqual(self.count_log(REJECTED), 1)
+        # However often it came back, before anything was accepted.
+        self.assertLessEqual(self.count_log(refusals), 2)
 
     def test_a_server_that_refuses_everything_makes_no_record_be_rejected(self):
         self.start_up()
         lines = [f"line {n}" for n in range(100)]
         reason = self.go_through_outage(lambda request, _: 400, lines)
-        self.assertIn("the server refuses even an empty batch: HTTP status 400", reason)
+        self.assertEqual(reason, ": the server refuses records and has accepted none since: HTTP status 400")
+        self.wait_for_messages(lines)
+        self.assert_nothing_rejected()
+
+    def test_nor_does_a_server_that_accepted_others_before_and_empty_batches_still(self):
+        self.start_up()
+        lines = ["before"]
+        self.send_lines(lines)
+        self.wait_for_messages(lines)
+        self.destination.answer = lambda request, _: 400 if request.records else 200
+        lines += [f"line {n}" for n in range(300)]
+        self.send_lines(lines[1:])
+        wait_until(lambda: sum(not request.records for request in self.destination.seen()) >= 8, "attempts")
+        self.assert_nothing_rejected()
+        self.assertLessEqual(self.count_log(LINK_DOWN), 2)
+        self.destination.answer = lambda request, _: 200
         self.wait_for_messages(lines)
         self.assert_nothing_rejected()
 
 
 class TimeoutTest(HttpLinkTestCase):
+    def setUp(self):
+        super().setUp()
+        self.release = threading.Event()
+        self.addCleanup(self.release.set)
+
+    def never(self, _request, _handler):
+        """The server's answer, which does not come before the test releases it."""
+        self.release.wait(300)
+        return 200
+
     def test_an_answer_that_does_not_come_in_time_makes_the_records_be_sent_again(self):
         self.configure(timeout_ms=400)
         self.start_up()
-        release = threading.Event()
-        self.addCleanup(release.set)
-        slow = iter([True])
+        slow = threading.Event()
 
-        def answer(request, _):
-            if request.records and next(slow, False):
-                release.wait(60)
-            return 200
+        def answer(request, handler):
+            if not request.records or slow.is_set():
+                return 200
+            slow.set()
+            return self.never(request, handler)
 
         self.destination.answer = answer
-        lines = [f"line {n}" for n in range(20)]
+        lines = ["slow"]
         self.send_lines(lines)
+        self.assertTrue(slow.wait(60))
+        lines += [f"line {n}" for n in range(20)]
+        self.send_lines(lines[1:])
         self.wait_for_messages(lines)
         self.assertEqual(self.count_log("no answer in time"), 1)
         self.assertEqual(self.count_log(LINK_DOWN), 0)
@@ -82,20 +168,42 @@ class TimeoutTest(HttpLinkTestCase):
     def test_a_server_that_never_answers_takes_the_link_down(self):
         self.configure(timeout_ms=300)
         self.start_up()
-        release = threading.Event()
-        self.addCleanup(release.set)
         lines = [f"line {n}" for n in range(50)]
-        reason = self.go_through_outage(lambda request, _: release.wait(60) and 200, lines)
-        self.assertEqual(reason, ": no answer in time, twice in a row")
+        reason = self.go_through_outage(self.never, lines)
+        self.assertEqual(reason, ": no answer in time")
         self.wait_for_messages(lines)
+        self.assert_nothing_rejected()
+
+    def test_a_server_that_goes_silent_under_a_full_window_makes_at_most_twenty_results(self):
+        self.configure(timeout_ms=1000)
+        self.start_up()
+        lines = [f"line {n}" for n in range(4000)]
+        sender = threading.Thread(target=self.send_lines, args=(lines,))
+        sender.start()
+        self.addCleanup(sender.join)
+        wait_until(lambda: len(self.destination.messages()) >= 500, "records before the outage")
+        self.destination.answer = self.never
+        sender.join()
+        self.wait_for_log(LINK_DOWN)
+        # Asked again and again, it stays silent.
+        asked = len(self.destination.seen())
+        wait_until(lambda: len(self.destination.seen()) >= asked + 2, "attempts")
+        results = self.log_text("qmlogcache").count("result[e0010019]")
+        self.assertEqual(self.count_log(LINK_DOWN), 1)
+        # Ten minutes are what the component waits after 148 in a row.
+        self.assertLessEqual(results, 20)
+        self.assertGreater(results, 0)
+        self.destination.answer = lambda request, _: 200
+        self.wait_for_messages(lines)
+        self.assertEqual(self.count_log(LINK_DOWN), 1)
+        self.assertEqual(self.log_text("qmlogcache").count("result[e0010019]"), results)
+        self.assertEqual(self.stop_host(), 0)
         self.assert_nothing_rejected()
 
     def test_a_stop_does_not_wait_for_a_server_that_never_answers(self):
         self.configure(timeout_ms=600000)
         self.start_up()
-        release = threading.Event()
-        self.addCleanup(release.set)
-        self.destination.answer = lambda request, _: release.wait(300) and 200
+        self.destination.answer = self.never
         self.send_lines(["one"])
         wait_until(lambda: any(request.records for request in self.destination.seen()), "the record to be sent")
         self.assertEqual(self.stop_host(), 0)

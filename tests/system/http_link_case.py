@@ -32,8 +32,8 @@ class HttpLinkTestCase(HostTestCase):
         self.start_host()
         self.wait_for_log(LINK_UP)
 
-    def send_lines(self, lines):
-        sent = self.send("--combo", "http", data=b"\n".join(line.encode() for line in lines) + b"\n")
+    def send_lines(self, lines, *options):
+        sent = self.send("--combo", "http", *options, data=b"\n".join(line.encode() for line in lines) + b"\n")
         self.assertEqual(sent.returncode, 0, sent.stderr)
 
     def wait_for_messages(self, lines):

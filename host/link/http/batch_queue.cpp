@@ -15,6 +15,21 @@ void CBatchQueue::AddFirst(HttpBatch& batch) {
   m_lstBatches.splice(m_lstBatches.begin(), lstBatch);
 }
 
+void CBatchQueue::PutAside(HttpBatch& batch) {
+  std::list<HttpBatch> lstBatch(1);
+  lstBatch.front() = std::exchange(batch, HttpBatch());
+  m_lstAside.splice(m_lstAside.end(), lstBatch);
+}
+
+void CBatchQueue::BringBack(uint64_t u64Accepted) noexcept {
+  for (auto it = m_lstAside.begin(); it != m_lstAside.end();) {
+    const auto itThis = it++;
+    if (itThis->refusedAfter < u64Accepted) {
+      m_lstBatches.splice(m_lstBatches.begin(), m_lstAside, itThis);
+    }
+  }
+}
+
 void CBatchQueue::AddHalvesFirst(HttpBatch& batch) {
   std::list<HttpBatch> lstHalves(2);
   HttpBatch& first = lstHalves.front();
@@ -22,7 +37,7 @@ void CBatchQueue::AddHalvesFirst(HttpBatch& batch) {
   const auto itMiddle = batch.vecRecords.begin() + static_cast<std::ptrdiff_t>((batch.vecRecords.size() + 1) / 2);
   first.vecRecords.assign(batch.vecRecords.begin(), itMiddle);
   second.vecRecords.assign(itMiddle, batch.vecRecords.end());
-  first.acceptedBefore = second.acceptedBefore = batch.acceptedBefore;
+  first.firstRefusedAfter = second.firstRefusedAfter = batch.firstRefusedAfter;
   batch.vecRecords.clear();
   m_lstBatches.splice(m_lstBatches.begin(), lstHalves);
 }
@@ -64,7 +79,20 @@ HttpBatch CBatchQueue::TakeNext() {
   return batch;
 }
 
+HttpBatch CBatchQueue::TakeAny(std::mt19937_64& random) {
+  if (!m_lstBatches.empty()) {
+    return TakeNext();
+  }
+  HttpBatch batch;
+  const auto it = m_deqRecords.begin() + std::uniform_int_distribution<std::ptrdiff_t>(
+                                             0, static_cast<std::ptrdiff_t>(m_deqRecords.size()) - 1)(random);
+  batch.vecRecords.push_back(*it);
+  m_deqRecords.erase(it);
+  return batch;
+}
+
 LinkRecordList CBatchQueue::TakeAll() {
+  m_lstBatches.splice(m_lstBatches.end(), m_lstAside);
   size_t uCount = m_deqRecords.size();
   for (const HttpBatch& batch : m_lstBatches) {
     uCount += batch.vecRecords.size();
@@ -81,6 +109,7 @@ LinkRecordList CBatchQueue::TakeAll() {
 }
 
 std::shared_ptr<LinkRecord> CBatchQueue::TakeOne() noexcept {
+  m_lstBatches.splice(m_lstBatches.end(), m_lstAside);
   std::shared_ptr<LinkRecord> pRecord;
   while (!m_lstBatches.empty() && !pRecord) {
     LinkRecordList& vecRecords = m_lstBatches.front().vecRecords;

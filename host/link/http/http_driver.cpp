@@ -16,6 +16,8 @@ namespace {
 constexpr std::chrono::seconds kStopGrace{3};
 // Nothing is waited for longer; a look at the state costs nothing.
 constexpr std::chrono::milliseconds kLongestWait{60000};
+// How long a batch waits to become full while another request is under way.
+constexpr std::chrono::milliseconds kLinger{1};
 
 // libcurl wants it once a process, while no other thread uses it.
 bool InitializeCurl() {
@@ -36,16 +38,20 @@ std::string CheckOptions(const HttpDriverOptions& options, HttpUrl& url) {
   return strWrong;
 }
 
+uint64_t SeedOf(const HttpDriverOptions& options) {
+  return options.u64Seed != 0 ? options.u64Seed : MakeSeed();
+}
+
 }  // namespace
 
 CHttpDriver::CHttpDriver(const HttpDriverOptions& options)
     : m_options(options),
-      m_transfers(options),
+      m_transfers(options, SeedOf(options)),
       m_batchBody(options.strAgentId),
       m_token(options.strTokenFile),
-      m_backOff(options.u64Seed != 0 ? options.u64Seed : MakeSeed(),
-                std::chrono::milliseconds(options.uLongestBackOffMs)),
-      m_queue(options.uBatchBytes) {}
+      m_backOff(SeedOf(options), std::chrono::milliseconds(options.uLongestBackOffMs)),
+      m_queue(options.uBatchBytes),
+      m_random(SeedOf(options)) {}
 
 CHttpDriver::~CHttpDriver() {
   Stop();
@@ -88,11 +94,11 @@ bool CHttpDriver::Start(ILinkEvents* pEvents, std::string& strError) {
     m_uDeliveredBytes = 0;
     m_bUp = false;
     m_bToldDown = false;
-    m_bRenew = false;
+    m_bWary = false;
+    m_renewAt.reset();
     m_stopUntil.reset();
-    m_timedOutAt.reset();
     m_backOff.Reset();
-    m_nextAttempt = Clock::now();
+    m_nextAttempt = Clock::now() + m_backOff.Spread();
     m_thread = std::thread([this] { Run(); });
   } catch (const std::exception& exception) {
     strError = exception.what();
@@ -166,10 +172,11 @@ bool CHttpDriver::Step() {
   if (IsDone()) {
     return false;
   }
-  if (m_bRenew && CountBusy() == 0) {
+  if (IsRenewalDue() && CountBusy() == 0) {
     Renew();
   }
-  if (!m_bRenew) {
+  CheckDoubt();
+  if (!IsRenewalDue()) {
     BeginRequests();
   }
   m_transfers.Work(m_iWakeFd, TimeToWait());
@@ -183,12 +190,15 @@ void CHttpDriver::TakeOrders() {
   eventfd_t wakes = 0;
   static_cast<void>(eventfd_read(m_iWakeFd, &wakes));
   const std::lock_guard lock(m_mutex);
+  if (m_queue.IsEmpty() && !m_vecDelivered.empty()) {
+    m_lingerUntil = Clock::now() + kLinger;
+  }
   m_queue.Add(m_vecDelivered);
   m_vecDelivered.clear();
   m_uDeliveredBytes = 0;
   if (std::exchange(m_bReopen, false)) {
-    m_bRenew = true;
-    m_nextAttempt = Clock::now();
+    m_renewAt = m_renewAt.value_or(Clock::now() + m_backOff.Spread());
+    m_nextAttempt = *m_renewAt;
   }
   if (m_bStop && !m_stopUntil) {
     m_stopUntil = Clock::now() + kStopGrace;
@@ -202,12 +212,17 @@ bool CHttpDriver::IsDone() const {
 void CHttpDriver::Renew() {
   m_token.Forget();
   m_transfers.Open();
-  m_bRenew = false;
+  m_renewAt.reset();
 }
 
 size_t CHttpDriver::CountBusy() const {
   return static_cast<size_t>(
       std::count_if(m_vecRequests.begin(), m_vecRequests.end(), [](const Request& request) { return request.bBusy; }));
+}
+
+bool CHttpDriver::HasFreeSlot() const {
+  const size_t uBusy = CountBusy();
+  return m_bUp && !IsRenewalDue() && uBusy < (m_bWary ? 1 : m_vecRequests.size());
 }
 
 void CHttpDriver::BeginRequests() {
@@ -222,10 +237,11 @@ void CHttpDriver::BeginRequests() {
     if (m_vecRequests[i].bBusy) {
       continue;
     }
-    if (CountBusy() > 0 && !m_stopUntil && !m_queue.HasFullBatch()) {
+    const bool bBeside = CountBusy() > 0;
+    if (bBeside && (m_bWary || (!m_stopUntil && !m_queue.HasFullBatch() && Clock::now() < m_lingerUntil))) {
       return;
     }
-    m_vecRequests[i].batch = m_queue.TakeNext();
+    m_vecRequests[i].batch = m_bWary ? m_queue.TakeAny(m_random) : m_queue.TakeNext();
     if (!Begin(i, m_vecRequests[i].batch.bAsking, strReason)) {
       GoDown(strReason, std::nullopt);
       return;
@@ -245,32 +261,41 @@ bool CHttpDriver::Begin(size_t uSlot, bool bEmpty, std::string& strReason) {
     request.body.strKey.clear();
   }
   m_transfers.Begin(uSlot, request.body, *pToken);
-  request.bEmpty = bEmpty;
-  request.begun = Clock::now();
+  request.u64Number = ++m_u64Begun;
   request.bBusy = true;
   return true;
 }
 
 // Also says from how many delivered records on there is something to do.
 std::chrono::milliseconds CHttpDriver::TimeToWait() {
-  const size_t uBusy = CountBusy();
-  auto wait = kLongestWait;
-  if (!m_bUp && uBusy == 0) {
-    wait = std::chrono::ceil<std::chrono::milliseconds>(m_nextAttempt - Clock::now());
+  const Clock::time_point now = Clock::now();
+  Clock::time_point until = now + kLongestWait;
+  const bool bFreeSlot = HasFreeSlot();
+  if (!m_bUp && CountBusy() == 0) {
+    until = std::min(until, m_nextAttempt);
+  }
+  if (bFreeSlot && !m_queue.IsEmpty()) {
+    until = std::min(until, m_lingerUntil);
+  }
+  if (m_queue.CountAside() > 0) {
+    until = std::min(until, m_doubtSince + LongestDoubt());
+  }
+  if (m_renewAt && *m_renewAt > now) {
+    until = std::min(until, *m_renewAt);
   }
   if (m_stopUntil) {
-    wait = std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(*m_stopUntil - Clock::now()));
+    until = std::min(until, *m_stopUntil);
   }
   const std::lock_guard lock(m_mutex);
   m_uWakeAt = m_uWakeAtBytes = std::numeric_limits<size_t>::max();
-  if (m_bUp && uBusy < m_vecRequests.size()) {
-    m_uWakeAt = uBusy == 0 ? 1 : m_queue.CountMissing();
-    m_uWakeAtBytes = uBusy == 0 ? 0 : m_options.uBatchBytes;
+  if (bFreeSlot) {
+    m_uWakeAt = m_queue.IsEmpty() ? 1 : m_queue.CountMissing();
+    m_uWakeAtBytes = m_queue.IsEmpty() ? 0 : m_options.uBatchBytes;
     if (m_vecDelivered.size() >= m_uWakeAt) {
       return std::chrono::milliseconds(0);
     }
   }
-  return std::clamp(wait, std::chrono::milliseconds(0), kLongestWait);
+  return std::max(std::chrono::ceil<std::chrono::milliseconds>(until - now), std::chrono::milliseconds(0));
 }
 
 std::unique_ptr<ILinkDriver> CreateHttpDriver(const HttpDriverOptions& options) {

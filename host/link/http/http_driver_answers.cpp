@@ -11,15 +11,18 @@ namespace {
 // A link that was up for so long has settled: the pauses of its next outage start anew.
 constexpr std::chrono::seconds kSettledAfter{60};
 constexpr std::chrono::milliseconds kPauseAfterSurrender{100};
+// So many records may be refused in a row, each by itself, before the server is held to refuse all: halving a batch has
+// to pass over some bad records in a row. Of a server that has refused all before, it takes fewer.
+constexpr size_t kMostRefused = 32;
+constexpr size_t kMostRefusedWary = 4;
+// How long a refused record may wait for others to be accepted, after some have been while its batch was halved.
+constexpr std::chrono::minutes kLongDoubt{10};
 
 }  // namespace
 
 void CHttpDriver::TakeAnswer(const CTransfers::Finished& finished) {
   Request& request = m_vecRequests[finished.uSlot];
   request.bBusy = false;
-  if (finished.answer.bAnswered) {
-    m_timedOutAt.reset();
-  }
   if (m_bUp) {
     TakeBatchAnswer(request, finished.answer);
   } else {
@@ -30,7 +33,6 @@ void CHttpDriver::TakeAnswer(const CTransfers::Finished& finished) {
 void CHttpDriver::TakeProbeAnswer(const HttpAnswer& answer) {
   switch (JudgeAnswer(answer)) {
     case AnswerKind::Delivered:
-      ++m_u64Accepted;
       ComeUp();
       return;
     case AnswerKind::Refused:
@@ -47,12 +49,7 @@ void CHttpDriver::TakeProbeAnswer(const HttpAnswer& answer) {
 void CHttpDriver::TakeBatchAnswer(Request& request, const HttpAnswer& answer) {
   switch (JudgeAnswer(answer)) {
     case AnswerKind::Delivered:
-      ++m_u64Accepted;
-      if (request.batch.bAsking) {
-        Reject(request.batch);
-      } else {
-        Answer(request.batch, kHostOk);
-      }
+      TakeAcceptance(request);
       return;
     case AnswerKind::Refused:
       TakeRefusal(request.batch, answer);
@@ -66,45 +63,84 @@ void CHttpDriver::TakeBatchAnswer(Request& request, const HttpAnswer& answer) {
   }
 }
 
-// A record is rejected, and so deleted for good, only when it was refused by itself and the server has accepted
-// something else since the refusals began.
+void CHttpDriver::TakeAcceptance(Request& request) {
+  if (request.batch.bAsking) {
+    AnswerTimeout(request.batch);
+    return;
+  }
+  Answer(request.batch, kHostOk);
+  m_u64Accepted = std::max(m_u64Accepted, request.u64Number);
+  m_bWary = false;
+  m_doubtSince = Clock::now();
+  m_queue.BringBack(m_u64Accepted);
+}
+
+// A record is rejected, and so deleted for good, only when it was refused by itself, the server has accepted records
+// that were sent after that, and it was refused again.
 void CHttpDriver::TakeRefusal(HttpBatch& batch, const HttpAnswer& answer) {
   if (batch.bAsking) {
     GoDown("the server refuses even an empty batch: " + DescribeAnswer(answer), answer.retryAfter);
     return;
   }
-  if (!batch.acceptedBefore) {
-    batch.acceptedBefore = m_u64Accepted;
-  }
-  batch.i64RefusedStatus = answer.i64Status;
+  batch.firstRefusedAfter = batch.firstRefusedAfter.value_or(m_u64Begun);
   if (batch.vecRecords.size() > 1) {
     m_queue.AddHalvesFirst(batch);
-  } else if (m_u64Accepted > *batch.acceptedBefore) {
-    Reject(batch);
-  } else {
-    batch.bAsking = true;
-    m_queue.AddFirst(batch);
+    return;
+  }
+  if (batch.refusedAfter) {
+    Reject(batch, answer.i64Status);
+    return;
+  }
+  batch.refusedAfter = m_u64Begun;
+  m_u64FirstRefusedAfter = *batch.firstRefusedAfter;
+  m_i64RefusedStatus = answer.i64Status;
+  if (m_queue.CountAside() == 0) {
+    m_doubtSince = Clock::now();
+  }
+  m_queue.PutAside(batch);
+  CheckDoubt();
+}
+
+std::chrono::milliseconds CHttpDriver::LongestDoubt() const {
+  return m_u64Accepted > m_u64FirstRefusedAfter ? kLongDoubt : std::chrono::milliseconds(m_options.uTimeoutMs);
+}
+
+// Records that were refused, while none is accepted that could tell whether they are to blame: either the server
+// refuses all, or nothing else is there to be sent, perhaps since the sender waits for the outcome of these.
+void CHttpDriver::CheckDoubt() {
+  const size_t uMost = m_bWary ? kMostRefusedWary : kMostRefused;
+  const bool bLate = Clock::now() >= m_doubtSince + LongestDoubt();
+  if (m_bUp && m_queue.CountAside() > 0 && (bLate || m_queue.CountAside() >= uMost)) {
+    m_bWary = true;
+    GoDown("the server refuses records and has accepted none since: HTTP status " + std::to_string(m_i64RefusedStatus),
+           std::nullopt);
   }
 }
 
-// One answer that does not come is the records' own outcome. When a request that was begun after it is not answered
-// either, the server is away.
+// While others are accepted, an answer that does not come is the outcome of its own records, as soon as the server has
+// shown that it is still there. Otherwise it is away.
 void CHttpDriver::TakeTimeout(Request& request) {
-  const bool bAgain = m_timedOutAt && request.begun >= *m_timedOutAt;
-  if (!m_timedOutAt) {
-    m_timedOutAt = Clock::now();
-    LogPrint(m_hLog, kLogWarning, "http link: no answer in time, %zu records are to be sent again",
-             request.batch.vecRecords.size());
-  }
-  Answer(request.batch, kHostSendTimeout);
-  if (bAgain) {
-    GoDown("no answer in time, twice in a row", std::nullopt);
+  if (m_u64Accepted < request.u64Number) {
+    GoDown("no answer in time", std::nullopt);
+  } else if (request.batch.bAsking) {
+    AnswerTimeout(request.batch);
+  } else {
+    request.batch.bAsking = true;
+    m_queue.AddFirst(request.batch);
   }
 }
 
-void CHttpDriver::Reject(HttpBatch& batch) {
+void CHttpDriver::AnswerTimeout(HttpBatch& batch) {
+  if (!std::exchange(m_bTimeoutLogged, true)) {
+    LogPrint(m_hLog, kLogWarning, "http link: no answer in time, %zu records are to be sent again",
+             batch.vecRecords.size());
+  }
+  Answer(batch, kHostSendTimeout);
+}
+
+void CHttpDriver::Reject(HttpBatch& batch, long i64Status) {
   LogPrint(m_hLog, kLogWarning, "http link: the server refused record %llx for good: HTTP status %ld",
-           static_cast<unsigned long long>(batch.vecRecords.front()->tags.u64DataId), batch.i64RefusedStatus);
+           static_cast<unsigned long long>(batch.vecRecords.front()->tags.u64DataId), i64Status);
   Answer(batch, kHostRecordRefused);
 }
 
@@ -118,6 +154,7 @@ void CHttpDriver::Answer(HttpBatch& batch, uint32_t uResult) {
 void CHttpDriver::ComeUp() {
   m_bUp = true;
   m_bToldDown = false;
+  m_bTimeoutLogged = false;
   m_upSince = Clock::now();
   m_pEvents->OnUp();
 }
@@ -169,7 +206,7 @@ void CHttpDriver::Surrender(const char* pszWhy) noexcept {
   while (const std::shared_ptr<LinkRecord> pRecord = m_queue.TakeOne()) {
     m_pEvents->OnOutcome(pRecord, kHostSendTimeout);
   }
-  m_bRenew = true;
+  m_renewAt = Clock::now();
   m_nextAttempt = Clock::now() + m_backOff.Next(std::nullopt);
   std::this_thread::sleep_for(kPauseAfterSurrender);
 }

@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,7 +25,7 @@
 
 // One thread does everything but Deliver. While the link is down it asks the server with an empty batch, after pauses
 // (CBackOff), and says that the link is up once that is accepted. While it is up, a batch goes out at once when no
-// request is under way, and beside another one when it is full.
+// request is under way, and beside another one when it is full or has waited a moment for more.
 class CHttpDriver final : public ILinkDriver {
  public:
   explicit CHttpDriver(const HttpDriverOptions& options);
@@ -42,10 +43,9 @@ class CHttpDriver final : public ILinkDriver {
   // A request that may be under way.
   struct Request {
     bool bBusy = false;
-    bool bEmpty = false;  // asks for nothing but an answer
+    uint64_t u64Number = 0;  // in the order of their begin
     HttpBatch batch;
     BatchBody body;
-    Clock::time_point begun{};
   };
 
   void Run();
@@ -54,18 +54,25 @@ class CHttpDriver final : public ILinkDriver {
   void TakeOrders();
   bool IsDone() const;
   void Renew();
+  bool IsRenewalDue() const { return m_renewAt && Clock::now() >= *m_renewAt; }
   void BeginRequests();
   // False with a reason when there is no token.
   bool Begin(size_t uSlot, bool bEmpty, std::string& strReason);
   size_t CountBusy() const;
+  // Whether a request may begin beside those that are under way.
+  bool HasFreeSlot() const;
+  std::chrono::milliseconds LongestDoubt() const;
+  void CheckDoubt();
   std::chrono::milliseconds TimeToWait();
 
   void TakeAnswer(const CTransfers::Finished& finished);
   void TakeProbeAnswer(const HttpAnswer& answer);
   void TakeBatchAnswer(Request& request, const HttpAnswer& answer);
+  void TakeAcceptance(Request& request);
   void TakeRefusal(HttpBatch& batch, const HttpAnswer& answer);
   void TakeTimeout(Request& request);
-  void Reject(HttpBatch& batch);
+  void AnswerTimeout(HttpBatch& batch);
+  void Reject(HttpBatch& batch, long i64Status);
   void Answer(HttpBatch& batch, uint32_t uResult);
   void ComeUp();
   // All records go back to the link.
@@ -100,12 +107,20 @@ class CHttpDriver final : public ILinkDriver {
   std::vector<Request> m_vecRequests;  // one a slot of the transfers
   bool m_bUp = false;
   bool m_bToldDown = false;
-  bool m_bRenew = false;                         // new connections and credentials as soon as no request is under way
+  std::optional<Clock::time_point> m_renewAt;    // new connections and credentials, when no request is under way then
   std::optional<Clock::time_point> m_stopUntil;  // a stop has been asked for
   Clock::time_point m_upSince{};
   Clock::time_point m_nextAttempt{};
-  uint64_t m_u64Accepted = 0;                     // requests, empty ones included
-  std::optional<Clock::time_point> m_timedOutAt;  // a request, and none has been answered since
+  Clock::time_point m_lingerUntil{};  // a batch that is not full waits for more, beside another request
+  uint64_t m_u64Begun = 0;            // requests
+  uint64_t m_u64Accepted = 0;         // the latest request whose records were accepted
+  bool m_bWary = false;               // the server has refused all records, and accepted none since: one by one
+  bool m_bTimeoutLogged = false;      // since the link came up
+  // Of records put aside.
+  Clock::time_point m_doubtSince{};     // the first refusal, or what was accepted after it
+  uint64_t m_u64FirstRefusedAfter = 0;  // of the last one
+  long m_i64RefusedStatus = 0;          // likewise
+  std::mt19937_64 m_random;
 };
 
 #endif  // QMLOGCACHE_HOST_LINK_HTTP_HTTP_DRIVER_CLASS_H_

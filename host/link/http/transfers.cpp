@@ -14,8 +14,9 @@ constexpr size_t kLongestHeader = 64U << 10;
 // What a transfer gets on top of the time-out, so that a slow line does not cut a large batch again and again.
 constexpr uint64_t kSlowestBytesPerSecond = 16U << 10;
 // A connection is used for so long, so that a fleet spreads over servers that have come back, and certificates that
-// were renewed come into use.
-constexpr long kConnectionSeconds = 600;
+// were renewed come into use. Drawn for each: connections that were made together do not end together.
+constexpr long kShortestLife = 450;
+constexpr long kLongestLife = 750;
 
 template <typename TValue>
 void Set(CURL* pEasy, CURLoption option, TValue value) {
@@ -65,7 +66,7 @@ void CTransfers::Close() {
   m_pMulti.reset();
 }
 
-void CTransfers::SetUp(Slot& slot) const {
+void CTransfers::SetUp(Slot& slot) {
   CURL* pEasy = slot.easy.get();
   Set(pEasy, CURLOPT_PRIVATE, &slot);
   Set(pEasy, CURLOPT_ERRORBUFFER, slot.acError.data());
@@ -85,7 +86,7 @@ void CTransfers::SetUp(Slot& slot) const {
   // What a proxy says about the connection is no answer of the server.
   Set(pEasy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   Set(pEasy, CURLOPT_TCP_KEEPALIVE, 1L);
-  Set(pEasy, CURLOPT_MAXLIFETIME_CONN, kConnectionSeconds);
+  Set(pEasy, CURLOPT_MAXLIFETIME_CONN, std::uniform_int_distribution<long>(kShortestLife, kLongestLife)(m_random));
 
   Set(pEasy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   Set(pEasy, CURLOPT_SSL_VERIFYPEER, 1L);

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,7 +29,8 @@ class CTransfers {
     HttpAnswer answer;
   };
 
-  explicit CTransfers(const HttpDriverOptions& options) : m_options(options) {}
+  // The seed decides how long connections are used.
+  CTransfers(const HttpDriverOptions& options, uint64_t u64Seed) : m_options(options), m_random(u64Seed) {}
   ~CTransfers() { Close(); }
   CTransfers(const CTransfers&) = delete;
   CTransfers& operator=(const CTransfers&) = delete;
@@ -66,10 +68,11 @@ class CTransfers {
 
   static size_t OnHeader(char* pBytes, size_t uSize, size_t uCount, void* pSlot) noexcept;
   static size_t OnBody(char* pBytes, size_t uSize, size_t uCount, void* pSlot) noexcept;
-  void SetUp(Slot& slot) const;
+  void SetUp(Slot& slot);
   HttpAnswer ReadAnswer(Slot& slot, CURLcode code) const;
 
   const HttpDriverOptions m_options;
+  std::mt19937_64 m_random;
   std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> m_pMulti{nullptr, curl_multi_cleanup};
   std::vector<std::unique_ptr<Slot>> m_vecSlots;
 };

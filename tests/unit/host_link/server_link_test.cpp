@@ -529,6 +529,31 @@ TEST_F(ServerLinkTest, LogsEachOutageOnceAndItsEnd) {
   EXPECT_EQ(CountLogLines(3, "server link down: cut"), 1U);
 }
 
+TEST_F(ServerLinkTest, LogsAnOutageThatComesBackBeforeADeliveryAsOne) {
+  StartUp();
+  const auto fnLines = [](const char* pszText) { return CountLogLines(3, pszText) + CountLogLines(6, pszText); };
+  const size_t uUps = fnLines("server link up");
+  for (int i = 0; i < 5; ++i) {
+    Events().OnDown("refuses all");
+    Events().OnUp();
+  }
+  // It looked like an end once.
+  EXPECT_EQ(fnLines("server link down: refuses all"), 2U);
+  EXPECT_EQ(fnLines("server link up"), uUps + 1);
+  Arrive(1);
+  Events().OnOutcome(m_pDriver->Taken()[0], 0xE0010019);
+  EXPECT_EQ(fnLines("server link up"), uUps + 1);
+  Arrive(2);
+  Events().OnOutcome(m_pDriver->Taken()[1], 0);
+  EXPECT_EQ(fnLines("server link up"), uUps + 2);
+  Events().OnDown("refuses all");
+  EXPECT_EQ(fnLines("server link down: refuses all"), 3U);
+  Events().OnUp();
+  EXPECT_EQ(fnLines("server link up"), uUps + 3);
+  Events().OnDown("another reason");
+  EXPECT_EQ(fnLines("server link down: another reason"), 1U);
+}
+
 TEST_F(ServerLinkTest, LogsARowOfRefusedResultsOnce) {
   StartUp();
   Context().m_uSendStatus = kHostNoDestination;

@@ -3,6 +3,8 @@
 #include <zlib.h>
 
 #include <nlohmann/json.hpp>
+#include <random>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -78,21 +80,61 @@ TEST(BatchQueueTest, HalvesGoOutFirstAndKeepWhatIsKnownOfTheWhole) {
   queue.Add(Records(1, 9));
   HttpBatch batch;
   batch.vecRecords = Records(11, 15);
-  batch.acceptedBefore = 7;
+  batch.firstRefusedAfter = 7;
   queue.AddHalvesFirst(batch);
   EXPECT_TRUE(batch.vecRecords.empty());
   EXPECT_TRUE(queue.HasFullBatch());
   HttpBatch first = queue.TakeNext();
   EXPECT_EQ(IdsOf(first.vecRecords), Range(11, 13));
-  EXPECT_EQ(first.acceptedBefore, 7U);
+  EXPECT_EQ(first.firstRefusedAfter, 7U);
   queue.AddHalvesFirst(first);
   EXPECT_EQ(IdsOf(queue.TakeNext().vecRecords), Range(11, 12));
   EXPECT_EQ(IdsOf(queue.TakeNext().vecRecords), Range(13, 13));
   const HttpBatch second = queue.TakeNext();
   EXPECT_EQ(IdsOf(second.vecRecords), Range(14, 15));
-  EXPECT_EQ(second.acceptedBefore, 7U);
+  EXPECT_EQ(second.firstRefusedAfter, 7U);
   EXPECT_FALSE(queue.HasFullBatch());
   EXPECT_EQ(IdsOf(queue.TakeNext().vecRecords), Range(1, 9));
+}
+
+TEST(BatchQueueTest, WhatIsPutAsideComesBackOnceALaterRequestWasAccepted) {
+  CBatchQueue queue(1U << 20);
+  for (uint64_t i = 1; i <= 3; ++i) {
+    HttpBatch batch;
+    batch.vecRecords = Records(i, i);
+    batch.refusedAfter = 10 * i;
+    queue.PutAside(batch);
+    EXPECT_TRUE(batch.vecRecords.empty());
+  }
+  EXPECT_TRUE(queue.IsEmpty());
+  EXPECT_FALSE(queue.HasFullBatch());
+  EXPECT_EQ(queue.CountAside(), 3U);
+  queue.BringBack(10);
+  EXPECT_EQ(queue.CountAside(), 3U);
+  queue.Add(Records(7, 8));
+  queue.BringBack(21);
+  EXPECT_EQ(queue.CountAside(), 1U);
+  Ids vecIds = IdsOf(queue.TakeNext().vecRecords);
+  const HttpBatch second = queue.TakeNext();
+  EXPECT_TRUE(second.refusedAfter);
+  vecIds.push_back(second.vecRecords.at(0)->tags.u64DataId);
+  std::sort(vecIds.begin(), vecIds.end());
+  EXPECT_EQ(vecIds, Range(1, 2));
+  EXPECT_EQ(IdsOf(queue.TakeNext().vecRecords), Range(7, 8));
+}
+
+TEST(BatchQueueTest, ARecordDrawnAtRandomIsAnyOfThem) {
+  std::mt19937_64 random(1);
+  std::set<uint64_t> setFirst;
+  for (int i = 0; i < 200; ++i) {
+    CBatchQueue queue(1U << 20);
+    queue.Add(Records(1, 5));
+    const Ids vecIds = IdsOf(queue.TakeAny(random).vecRecords);
+    ASSERT_EQ(vecIds.size(), 1U);
+    setFirst.insert(vecIds[0]);
+    EXPECT_EQ(queue.TakeAll().size(), 4U);
+  }
+  EXPECT_EQ(setFirst.size(), 5U);
 }
 
 // Whatever the size of a batch and wherever the bad record stands, it stands alone in the end and no other is touched.
@@ -132,6 +174,8 @@ TEST(BatchQueueTest, TakesAllAndTakesOneByOneWithoutLosingAny) {
     HttpBatch batch;
     batch.vecRecords = Records(1, 4);
     queue.AddHalvesFirst(batch);
+    batch.vecRecords = Records(10, 10);
+    queue.PutAside(batch);
     LinkRecordList vecAll;
     if (bOneByOne) {
       while (auto pRecord = queue.TakeOne()) {
@@ -142,8 +186,9 @@ TEST(BatchQueueTest, TakesAllAndTakesOneByOneWithoutLosingAny) {
     }
     Ids vecIds = IdsOf(vecAll);
     std::sort(vecIds.begin(), vecIds.end());
-    EXPECT_EQ(vecIds, Range(1, 9));
+    EXPECT_EQ(vecIds, Range(1, 10));
     EXPECT_TRUE(queue.IsEmpty());
+    EXPECT_EQ(queue.CountAside(), 0U);
   }
 }
 

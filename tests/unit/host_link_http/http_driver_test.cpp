@@ -9,6 +9,7 @@
 #include <future>
 #include <mutex>
 #include <set>
+#include <utility>
 
 #include "host/link/server_link.h"
 #include "scripted_server.h"
@@ -61,12 +62,25 @@ class CJournal final : public ILinkEvents {
     const std::lock_guard lock(m_mutex);
     return CountLocked(strBeginning);
   }
+  bool WaitForDelivered(size_t uCount) {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, kHangGuard, [&] { return CountDeliveredLocked() >= uCount; });
+  }
+  size_t CountDelivered() {
+    const std::lock_guard lock(m_mutex);
+    return CountDeliveredLocked();
+  }
   std::vector<std::string> Lines() {
     const std::lock_guard lock(m_mutex);
     return m_vecLines;
   }
 
  private:
+  size_t CountDeliveredLocked() const {
+    return static_cast<size_t>(std::count_if(m_vecLines.begin(), m_vecLines.end(), [](const std::string& strLine) {
+      return strLine.starts_with("outcome ") && strLine.ends_with(" 0");
+    }));
+  }
   size_t CountLocked(const std::string& strBeginning) const {
     return static_cast<size_t>(std::count_if(m_vecLines.begin(), m_vecLines.end(), [&](const std::string& strLine) {
       return strLine.starts_with(strBeginning);
@@ -84,6 +98,23 @@ class CJournal final : public ILinkEvents {
   std::vector<std::string> m_vecLines;
 };
 
+// Holds up whoever comes to it until it is released, at the latest by its end.
+class CGate {
+ public:
+  ~CGate() { Release(); }
+  void Wait() const { m_released.wait(); }
+  void Release() {
+    if (!std::exchange(m_bReleased, true)) {
+      m_release.set_value();
+    }
+  }
+
+ private:
+  std::promise<void> m_release;
+  const std::shared_future<void> m_released = m_release.get_future().share();
+  bool m_bReleased = false;
+};
+
 class HttpDriverTest : public ::testing::Test {
  protected:
   HttpDriverTest() {
@@ -96,6 +127,7 @@ class HttpDriverTest : public ::testing::Test {
     if (m_pDriver) {
       m_pDriver->Stop();
     }
+    m_held.Release();
   }
 
   void Serve(CScriptedServer::AnswerFunction fnAnswer) {
@@ -116,6 +148,18 @@ class HttpDriverTest : public ::testing::Test {
       m_pDriver->Deliver(MakeRecord(i, "data"));
     }
   }
+  // Starts with a server that has got record 1 alone, and answers it only when m_held is released.
+  void HoldFirstRecord() {
+    Serve([this](const ServedRequest& request) {
+      if (request.vecIds == Ids{1}) {
+        m_held.Wait();
+      }
+      return StatusAnswer(200);
+    });
+    StartUp();
+    Deliver(1, 1);
+    ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return request.vecIds == Ids{1}; }));
+  }
   bool WaitForRequest(const std::function<bool(const ServedRequest&)>& fnIsIt) {
     const auto deadline = std::chrono::steady_clock::now() + kHangGuard;
     while (std::chrono::steady_clock::now() < deadline) {
@@ -130,6 +174,7 @@ class HttpDriverTest : public ::testing::Test {
 
   HttpDriverOptions m_options;
   CJournal m_journal;
+  CGate m_held;
   std::unique_ptr<CScriptedServer> m_pServer;
   std::unique_ptr<ILinkDriver> m_pDriver;
 };
@@ -145,19 +190,10 @@ TEST_F(HttpDriverTest, AsksWithAnEmptyBatchBeforeItIsUp) {
 }
 
 TEST_F(HttpDriverTest, ARecordGoesAtOnceAndWhatComesMeanwhileGoesTogether) {
-  std::promise<void> release;
-  const std::shared_future<void> released = release.get_future().share();
-  Serve([released](const ServedRequest& request) {
-    if (request.vecIds == Ids{1}) {
-      released.wait();
-    }
-    return StatusAnswer(200);
-  });
-  StartUp();
-  Deliver(1, 1);
-  ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return request.vecIds == Ids{1}; }));
+  m_options.uRequests = 1;
+  HoldFirstRecord();
   Deliver(2, 40);
-  release.set_value();
+  m_held.Release();
   ASSERT_TRUE(m_journal.WaitForCount("outcome", 40));
   const auto vecRequests = m_pServer->Requests();
   ASSERT_EQ(vecRequests.size(), 3U);
@@ -166,23 +202,42 @@ TEST_F(HttpDriverTest, ARecordGoesAtOnceAndWhatComesMeanwhileGoesTogether) {
 }
 
 TEST_F(HttpDriverTest, AFullBatchGoesBesideARequestThatIsUnderWay) {
-  std::promise<void> release;
-  const std::shared_future<void> released = release.get_future().share();
-  Serve([released](const ServedRequest& request) {
-    if (request.vecIds == Ids{1}) {
-      released.wait();
-    }
-    return StatusAnswer(200);
-  });
-  StartUp();
-  Deliver(1, 1);
-  ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return request.vecIds == Ids{1}; }));
+  HoldFirstRecord();
   Deliver(2, 65);
   // Answered while the first one still waits: no window of 128 stands still.
   ASSERT_TRUE(m_journal.WaitForCount("outcome", 64));
   EXPECT_EQ(m_journal.Count("outcome 1 "), 0U);
-  release.set_value();
+  m_held.Release();
   ASSERT_TRUE(m_journal.WaitForCount("outcome 1 0", 1));
+}
+
+TEST_F(HttpDriverTest, ABatchThatDoesNotBecomeFullGoesBesideARequestAllTheSame) {
+  HoldFirstRecord();
+  Deliver(2, 4);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 3));
+  EXPECT_EQ(m_journal.Count("outcome 1 "), 0U);
+}
+
+TEST_F(HttpDriverTest, ABatchThatIsSentAgainAsItWasHasTheKeyItHad) {
+  std::atomic<int> iStatus{503};
+  Serve([&](const ServedRequest& request) { return StatusAnswer(request.vecIds.empty() ? 200 : iStatus.load()); });
+  StartUp();
+  const std::shared_ptr<LinkRecord> pRecord = MakeRecord(1, "data");
+  m_pDriver->Deliver(pRecord);
+  ASSERT_TRUE(m_journal.WaitForCount("up", 2));
+  iStatus = 200;
+  m_pDriver->Deliver(pRecord);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 1 0", 1));
+  std::set<std::string> setKeys;
+  for (const ServedRequest& request : m_pServer->Requests()) {
+    const size_t uKey = request.strHeader.find("Idempotency-Key: ");
+    if (!request.vecIds.empty()) {
+      ASSERT_NE(uKey, std::string::npos);
+      setKeys.insert(request.strHeader.substr(uKey, request.strHeader.find("\r", uKey) - uKey));
+    }
+  }
+  EXPECT_EQ(setKeys.size(), 1U);
+  EXPECT_EQ(m_pServer->Requests().size(), 4U);
 }
 
 TEST_F(HttpDriverTest, TellsTheOutageOnceAndBeforeItGivesBack) {
@@ -201,15 +256,12 @@ TEST_F(HttpDriverTest, TellsTheOutageOnceAndBeforeItGivesBack) {
 }
 
 TEST_F(HttpDriverTest, AnOutageGivesBackWhatIsUnderWayAndWhatWaits) {
-  std::promise<void> fail;
-  std::promise<void> end;
-  const std::shared_future<void> failed = fail.get_future().share();
-  const std::shared_future<void> ended = end.get_future().share();
-  Serve([failed, ended](const ServedRequest& request) {
+  CGate end;
+  Serve([this, &end](const ServedRequest& request) {
     if (request.vecIds.empty()) {
       return StatusAnswer(200);
     }
-    (request.vecIds == Ids{1} ? failed : ended).wait();
+    (request.vecIds == Ids{1} ? m_held : end).Wait();
     return StatusAnswer(503);
   });
   StartUp();
@@ -218,9 +270,9 @@ TEST_F(HttpDriverTest, AnOutageGivesBackWhatIsUnderWayAndWhatWaits) {
   Deliver(2, 65);
   ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return request.vecIds.size() == 64; }));
   Deliver(66, 70);
-  fail.set_value();
+  m_held.Release();
   ASSERT_TRUE(m_journal.WaitForCount("back", 70));
-  end.set_value();
+  end.Release();
   ASSERT_TRUE(m_journal.WaitForCount("up", 2));
   std::set<std::string> setBack;
   for (const std::string& strLine : m_journal.Lines()) {
@@ -232,58 +284,166 @@ TEST_F(HttpDriverTest, AnOutageGivesBackWhatIsUnderWayAndWhatWaits) {
   EXPECT_EQ(m_journal.Count("outcome"), 0U);
 }
 
+bool Holds(const ServedRequest& request, uint64_t u64DataId) {
+  return std::find(request.vecIds.begin(), request.vecIds.end(), u64DataId) != request.vecIds.end();
+}
+
 TEST_F(HttpDriverTest, OnlyTheRecordAtFaultIsRejected) {
-  Serve([](const ServedRequest& request) {
-    const bool bBad = std::find(request.vecIds.begin(), request.vecIds.end(), 20) != request.vecIds.end();
-    return StatusAnswer(bBad ? 422 : 200);
-  });
+  Serve([](const ServedRequest& request) { return StatusAnswer(Holds(request, 20) ? 422 : 200); });
   StartUp();
   Deliver(1, 64);
-  ASSERT_TRUE(m_journal.WaitForCount("outcome", 64));
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 63));
+  Deliver(65, 65);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 65));
   EXPECT_EQ(m_journal.Count("outcome 20 a0020002"), 1U);
-  const auto vecLines = m_journal.Lines();
-  EXPECT_EQ(std::count_if(vecLines.begin(), vecLines.end(),
-                          [](const std::string& strLine) { return strLine.ends_with(" 0"); }),
-            63);
+  EXPECT_EQ(m_journal.CountDelivered(), 64U);
+  EXPECT_EQ(m_journal.Count("down"), 0U);
   EXPECT_EQ(CountLogLines(3, "http link: the server refused record 14 for good: HTTP status 422"), 1U);
+}
+
+// It was refused twice, with something accepted in between that was sent after the first time.
+TEST_F(HttpDriverTest, ARecordIsRejectedOnlyAfterRecordsThatWereSentLaterAreAccepted) {
+  Serve([](const ServedRequest& request) { return StatusAnswer(Holds(request, 2) ? 422 : 200); });
+  StartUp();
+  Deliver(1, 1);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 1 0", 1));
+  Deliver(2, 2);
+  ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return request.vecIds == Ids{2}; }));
+  Deliver(3, 3);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 2 a0020002", 1));
+  std::vector<Ids> vecSent;
+  for (const ServedRequest& request : m_pServer->Requests()) {
+    vecSent.push_back(request.vecIds);
+  }
+  EXPECT_EQ(vecSent, (std::vector<Ids>{{}, {1}, {2}, {3}, {2}}));
+  EXPECT_EQ(m_journal.Count("down"), 0U);
+}
+
+TEST_F(HttpDriverTest, ManyRecordsAtFaultAreRejectedAndNoOther) {
+  Serve([](const ServedRequest& request) {
+    return StatusAnswer(std::any_of(request.vecIds.begin(), request.vecIds.end(),
+                                    [](uint64_t u64Id) { return u64Id <= 20 || u64Id % 7 == 0; })
+                            ? 400
+                            : 200);
+  });
+  StartUp();
+  Deliver(1, 203);
+  ASSERT_TRUE(m_journal.WaitForDelivered(203U - 20U - 27U));
+  Deliver(204, 204);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 204));
+  EXPECT_EQ(m_journal.Count("outcome 203 a0020002"), 1U);
+  EXPECT_EQ(m_journal.CountDelivered(), 204U - 20U - 27U);
+  EXPECT_EQ(m_journal.Count("down"), 0U);
+}
+
+// What the server accepted before, and empty batches that it accepts still, say nothing about a record.
+TEST_F(HttpDriverTest, AServerThatRefusesEveryRecordIsDownAndRejectsNone) {
+  std::atomic<bool> bWell{true};
+  Serve([&](const ServedRequest& request) { return StatusAnswer(bWell || request.vecIds.empty() ? 200 : 413); });
+  StartUp();
+  Deliver(1, 10);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 10));
+  bWell = false;
+  Deliver(11, 138);
+  ASSERT_TRUE(m_journal.WaitForCount("back", 128));
+  EXPECT_EQ(m_journal.Count("down the server refuses records and has accepted none since: HTTP status 413"), 1U);
+  ASSERT_TRUE(m_journal.WaitForCount("up", 2));
+  // From now on it asks with a few records, and one at a time.
+  const size_t uBefore = m_pServer->Requests().size();
+  Deliver(11, 138);
+  ASSERT_TRUE(m_journal.WaitForCount("back", 256));
+  auto vecRequests = m_pServer->Requests();
+  vecRequests.erase(vecRequests.begin(), vecRequests.begin() + static_cast<std::ptrdiff_t>(uBefore));
+  std::erase_if(vecRequests, [](const ServedRequest& request) { return request.vecIds.empty(); });
+  EXPECT_LE(vecRequests.size(), 4U);
+  for (const ServedRequest& request : vecRequests) {
+    EXPECT_EQ(request.vecIds.size(), 1U);
+  }
+  ASSERT_TRUE(m_journal.WaitForCount("up", 3));
+  bWell = true;
+  Deliver(11, 138);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 138));
+  EXPECT_EQ(m_journal.CountDelivered(), 138U);
+}
+
+// A sender that waits for the outcome of each record would wait for ever.
+TEST_F(HttpDriverTest, ARefusedRecordThatNothingFollowsIsGivenBack) {
+  m_options.uTimeoutMs = 100;
+  Serve([](const ServedRequest& request) { return StatusAnswer(Holds(request, 1) ? 400 : 200); });
+  StartUp();
+  Deliver(1, 1);
+  ASSERT_TRUE(m_journal.WaitForCount("back 1", 1));
+  EXPECT_EQ(m_journal.Count("down the server refuses records and has accepted none since: HTTP status 400"), 1U);
+  ASSERT_TRUE(m_journal.WaitForCount("up", 2));
+  // Whichever goes first: the good one is delivered.
+  Deliver(1, 2);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 2 0", 1));
 }
 
 TEST_F(HttpDriverTest, AServerThatRefusesEverythingIsDown) {
   std::atomic<bool> bWell{true};
+  m_options.uTimeoutMs = 100;
   Serve([&](const ServedRequest&) { return StatusAnswer(bWell ? 200 : 400); });
   StartUp();
   bWell = false;
   Deliver(1, 1);
   ASSERT_TRUE(m_journal.WaitForCount("back 1", 1));
   EXPECT_EQ(m_journal.Count("outcome"), 0U);
-  EXPECT_EQ(m_journal.Count("down the server refuses even an empty batch: HTTP status 400"), 1U);
   bWell = true;
   ASSERT_TRUE(m_journal.WaitForCount("up", 2));
 }
 
-TEST_F(HttpDriverTest, ATimeOutIsTheOutcomeOfItsRecordsAndASecondOneAnOutage) {
-  std::promise<void> release;
-  const std::shared_future<void> released = release.get_future().share();
+TEST_F(HttpDriverTest, ATimeOutWhileNothingIsAnsweredIsAnOutage) {
+  m_options.uTimeoutMs = 200;
   std::atomic<bool> bWell{true};
-  Serve([&, released](const ServedRequest&) {
+  Serve([&](const ServedRequest&) {
     if (!bWell) {
-      released.wait();
+      m_held.Wait();
     }
     return StatusAnswer(200);
   });
-  m_options.uTimeoutMs = 200;
   StartUp();
+  Deliver(1, 128);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 128));
   bWell = false;
-  Deliver(1, 1);
-  ASSERT_TRUE(m_journal.WaitForCount("outcome 1 e0010019", 1));
-  EXPECT_EQ(m_journal.Count("down"), 0U);
-  Deliver(2, 2);
-  ASSERT_TRUE(m_journal.WaitForCount("outcome 2 e0010019", 1));
-  ASSERT_TRUE(m_journal.WaitForCount("down no answer in time, twice in a row", 1));
-  EXPECT_EQ(CountLogLines(3, "http link: no answer in time, 1 records are to be sent again"), 1U);
+  Deliver(129, 256);
+  ASSERT_TRUE(m_journal.WaitForCount("back", 128));
+  EXPECT_EQ(m_journal.Count("outcome"), 128U);
+  EXPECT_EQ(m_journal.Count("down no answer in time"), 1U);
   bWell = true;
-  release.set_value();
+  m_held.Release();
   ASSERT_TRUE(m_journal.WaitForCount("up", 2));
+}
+
+TEST_F(HttpDriverTest, ATimeOutWhileOthersAreAcceptedIsTheOutcomeOfItsRecords) {
+  m_options.uTimeoutMs = 300;
+  HoldFirstRecord();
+  Deliver(2, 2);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 1 e0010019", 1));
+  EXPECT_EQ(m_journal.Count("outcome 2 0"), 1U);
+  EXPECT_EQ(m_journal.Count("down"), 0U);
+  EXPECT_EQ(CountLogLines(3, "http link: no answer in time, 1 records are to be sent again"), 1U);
+  // Asked in between, so that a server that has gone silent since is not held to be well.
+  EXPECT_EQ(m_pServer->Requests().back().vecIds, Ids{});
+}
+
+TEST_F(HttpDriverTest, ATimeOutOfAServerThatHasGoneSilentSinceIsAnOutage) {
+  m_options.uTimeoutMs = 300;
+  std::atomic<bool> bSilent{false};
+  Serve([&](const ServedRequest& request) {
+    if (bSilent || Holds(request, 1)) {
+      m_held.Wait();
+    }
+    return StatusAnswer(200);
+  });
+  StartUp();
+  Deliver(1, 1);
+  ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return Holds(request, 1); }));
+  Deliver(2, 2);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 2 0", 1));
+  bSilent = true;
+  ASSERT_TRUE(m_journal.WaitForCount("back 1", 1));
+  EXPECT_EQ(m_journal.Lines(), (std::vector<std::string>{"up", "outcome 2 0", "down no answer in time", "back 1"}));
 }
 
 TEST_F(HttpDriverTest, ReopenEndsThePause) {
@@ -305,11 +465,9 @@ TEST_F(HttpDriverTest, AStopDeliversWhatIsWaiting) {
 }
 
 TEST_F(HttpDriverTest, AStopEndsAgainstAServerThatNeverAnswers) {
-  std::promise<void> release;
-  const std::shared_future<void> released = release.get_future().share();
-  Serve([released](const ServedRequest& request) {
+  Serve([this](const ServedRequest& request) {
     if (!request.vecIds.empty()) {
-      released.wait();
+      m_held.Wait();
     }
     return StatusAnswer(200);
   });
@@ -319,7 +477,6 @@ TEST_F(HttpDriverTest, AStopEndsAgainstAServerThatNeverAnswers) {
   ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return !request.vecIds.empty(); }));
   m_pDriver->Stop();
   EXPECT_EQ(m_journal.Count("outcome"), 0U);
-  release.set_value();
 }
 
 TEST_F(HttpDriverTest, StartsAgainAfterAStop) {
