@@ -4,7 +4,9 @@
 
 namespace {
 
+constexpr auto kPart = &HostConfig::httpDriver;
 constexpr uint64_t kMostMs = 600000;
+constexpr uint64_t kHourMs = 3600000;
 
 std::string SetUrl(std::string_view svValue, Target& target) {
   target.config.httpDriver.strUrl = svValue;
@@ -18,72 +20,42 @@ std::string SetProxy(std::string_view svValue, Target& target) {
   return svValue.empty() || svValue == "environment" ? std::string() : ReadHttpUrl(std::string(svValue), url);
 }
 
-// A file that may be named or not; whether it is there is found out when it is needed.
-std::string SetFile(std::string_view svValue, const Target& target, std::string& strFile) {
-  strFile.clear();
-  return svValue.empty() ? std::string() : ReadPath(svValue, target.strPrefix, strFile);
-}
-
 }  // namespace
 
 const std::vector<KeyRule>& HttpKeyRules() {
   static const std::vector<KeyRule> s_vecRules = {
       {"http", "url", "", SetUrl},
-      {"http", "ca_file", "",
-       [](std::string_view sv, Target& t) { return SetFile(sv, t, t.config.httpDriver.strCaFile); }},
-      {"http", "client_cert", "",
-       [](std::string_view sv, Target& t) { return SetFile(sv, t, t.config.httpDriver.strClientCert); }},
-      {"http", "client_key", "",
-       [](std::string_view sv, Target& t) { return SetFile(sv, t, t.config.httpDriver.strClientKey); }},
-      {"http", "token_file", "",
-       [](std::string_view sv, Target& t) { return SetFile(sv, t, t.config.httpDriver.strTokenFile); }},
+      {"http", "ca_file", "", SetFileOf<kPart, &HttpDriverOptions::strCaFile>},
+      {"http", "client_cert", "", SetFileOf<kPart, &HttpDriverOptions::strClientCert>},
+      {"http", "client_key", "", SetFileOf<kPart, &HttpDriverOptions::strClientKey>},
+      {"http", "token_file", "", SetFileOf<kPart, &HttpDriverOptions::strTokenFile>},
       {"http", "proxy", "", SetProxy},
-      {"http", "timeout_ms", "30000",
-       [](std::string_view sv, Target& t) { return SetNumber(sv, 100, kMostMs, t.config.httpDriver.uTimeoutMs); }},
-      {"http", "connect_timeout_ms", "10000",
-       [](std::string_view sv, Target& t) {
-         return SetNumber(sv, 100, kMostMs, t.config.httpDriver.uConnectTimeoutMs);
-       }},
-      {"http", "retry_max_ms", "60000",
-       [](std::string_view sv, Target& t) {
-         return SetNumber(sv, 100, 3600000, t.config.httpDriver.uLongestBackOffMs);
-       }},
+      {"http", "timeout_ms", "30000", SetNumberOf<kPart, &HttpDriverOptions::uTimeoutMs, 100, kMostMs>},
+      {"http", "connect_timeout_ms", "10000", SetNumberOf<kPart, &HttpDriverOptions::uConnectTimeoutMs, 100, kMostMs>},
+      {"http", "retry_max_ms", "60000", SetNumberOf<kPart, &HttpDriverOptions::uLongestBackOffMs, 100, kHourMs>},
       {"http", "batch_bytes", "1M",
        [](std::string_view sv, Target& t) {
          return SetSize(sv, 1U << 10, 256U << 20, t.config.httpDriver.uBatchBytes);
        }},
-      {"http", "requests", "2",
-       [](std::string_view sv, Target& t) { return SetNumber(sv, 1, 8, t.config.httpDriver.uRequests); }},
+      {"http", "requests", "2", SetNumberOf<kPart, &HttpDriverOptions::uRequests, 1, 8>},
   };
   return s_vecRules;
 }
 
-std::vector<std::pair<std::string, std::string>> HttpKeyProblems(const HttpDriverOptions& options) {
-  std::vector<std::pair<std::string, std::string>> vecProblems;
+KeyProblems HttpKeyProblems(const HttpDriverOptions& options) {
+  KeyProblems problems;
   HttpUrl url;
   if (options.strUrl.empty()) {
-    vecProblems.emplace_back("url", "the driver http needs the url of a server");
-    return vecProblems;
+    problems.emplace_back("url", "the driver http needs the url of a server");
+    return problems;
   }
   if (!ReadHttpUrl(options.strUrl, url).empty()) {
-    return vecProblems;
+    return problems;
   }
-  if (!options.strClientKey.empty() && options.strClientCert.empty()) {
-    vecProblems.emplace_back("client_key", "there is no client_cert that it belongs to");
-  }
-  if (url.bTls) {
-    return vecProblems;
-  }
-  // Whoever names an authority or a certificate expects a connection that nobody else can read.
-  for (const auto& [pszKey, strFile] :
-       {std::pair{"ca_file", options.strCaFile}, std::pair{"client_cert", options.strClientCert}}) {
-    if (!strFile.empty()) {
-      vecProblems.emplace_back(pszKey, "the url is not https");
-    }
-  }
+  AddTlsProblems(options, url.bTls, "the url is not https", problems);
   // A proxy takes even what is meant for this machine.
-  if (!options.strTokenFile.empty() && (!url.bLoopback || !options.strProxy.empty())) {
-    vecProblems.emplace_back("token_file", "the url is not https: the token would be sent for everybody to read");
+  if (!url.bTls && !options.strTokenFile.empty() && (!url.bLoopback || !options.strProxy.empty())) {
+    problems.emplace_back("token_file", "the url is not https: the token would be sent for everybody to read");
   }
-  return vecProblems;
+  return problems;
 }

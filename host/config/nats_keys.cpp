@@ -7,7 +7,9 @@
 
 namespace {
 
+constexpr auto kPart = &HostConfig::natsDriver;
 constexpr uint64_t kMostMs = 600000;
+constexpr uint64_t kHourMs = 3600000;
 
 std::string SetServers(std::string_view svValue, Target& target) {
   target.config.natsDriver.strServers = svValue;
@@ -34,14 +36,6 @@ std::string SetUser(std::string_view svValue, Target& target) {
   return bGood ? std::string() : "at most 256 visible characters, without quotation marks and backslashes";
 }
 
-// A file that may be named or not; whether it is there is found out when it is needed.
-template <std::string NatsDriverOptions::*pstrFile>
-std::string SetFile(std::string_view svValue, Target& target) {
-  std::string& strFile = target.config.natsDriver.*pstrFile;
-  strFile.clear();
-  return svValue.empty() ? std::string() : ReadPath(svValue, target.strPrefix, strFile);
-}
-
 }  // namespace
 
 const std::vector<KeyRule>& NatsKeyRules() {
@@ -49,45 +43,34 @@ const std::vector<KeyRule>& NatsKeyRules() {
       {"nats", "servers", "", SetServers},
       {"nats", "stream", "qmlogcache", SetStream},
       {"nats", "subject", "qmlogcache", SetSubject},
-      {"nats", "ca_file", "", SetFile<&NatsDriverOptions::strCaFile>},
-      {"nats", "client_cert", "", SetFile<&NatsDriverOptions::strClientCert>},
-      {"nats", "client_key", "", SetFile<&NatsDriverOptions::strClientKey>},
-      {"nats", "credentials_file", "", SetFile<&NatsDriverOptions::strCredentialsFile>},
-      {"nats", "token_file", "", SetFile<&NatsDriverOptions::strTokenFile>},
+      {"nats", "ca_file", "", SetFileOf<kPart, &NatsDriverOptions::strCaFile>},
+      {"nats", "client_cert", "", SetFileOf<kPart, &NatsDriverOptions::strClientCert>},
+      {"nats", "client_key", "", SetFileOf<kPart, &NatsDriverOptions::strClientKey>},
+      {"nats", "credentials_file", "", SetFileOf<kPart, &NatsDriverOptions::strCredentialsFile>},
+      {"nats", "token_file", "", SetFileOf<kPart, &NatsDriverOptions::strTokenFile>},
       {"nats", "user", "", SetUser},
-      {"nats", "password_file", "", SetFile<&NatsDriverOptions::strPasswordFile>},
-      {"nats", "timeout_ms", "10000",
-       [](std::string_view sv, Target& t) { return SetNumber(sv, 100, kMostMs, t.config.natsDriver.uTimeoutMs); }},
-      {"nats", "connect_timeout_ms", "10000",
-       [](std::string_view sv, Target& t) {
-         return SetNumber(sv, 100, kMostMs, t.config.natsDriver.uConnectTimeoutMs);
-       }},
-      {"nats", "retry_max_ms", "60000",
-       [](std::string_view sv, Target& t) {
-         return SetNumber(sv, 100, 3600000, t.config.natsDriver.uLongestBackOffMs);
-       }},
-      {"nats", "pending", "256",
-       [](std::string_view sv, Target& t) { return SetNumber(sv, 1, 65536, t.config.natsDriver.uPending); }},
+      {"nats", "password_file", "", SetFileOf<kPart, &NatsDriverOptions::strPasswordFile>},
+      {"nats", "timeout_ms", "10000", SetNumberOf<kPart, &NatsDriverOptions::uTimeoutMs, 100, kMostMs>},
+      {"nats", "connect_timeout_ms", "10000", SetNumberOf<kPart, &NatsDriverOptions::uConnectTimeoutMs, 100, kMostMs>},
+      {"nats", "retry_max_ms", "60000", SetNumberOf<kPart, &NatsDriverOptions::uLongestBackOffMs, 100, kHourMs>},
+      {"nats", "pending", "256", SetNumberOf<kPart, &NatsDriverOptions::uPending, 1, 65536>},
   };
   return s_vecRules;
 }
 
-std::vector<std::pair<std::string, std::string>> NatsKeyProblems(const NatsDriverOptions& options) {
-  std::vector<std::pair<std::string, std::string>> vecProblems;
+KeyProblems NatsKeyProblems(const NatsDriverOptions& options) {
+  KeyProblems problems;
   NatsServers servers;
   if (options.strServers.empty()) {
-    vecProblems.emplace_back("servers", "the driver nats needs the url of a server");
-    return vecProblems;
+    problems.emplace_back("servers", "the driver nats needs the url of a server");
+    return problems;
   }
   if (!ReadNatsServers(options.strServers, servers).empty()) {
-    return vecProblems;
+    return problems;
   }
-  if (!options.strClientKey.empty() && options.strClientCert.empty()) {
-    vecProblems.emplace_back("client_key", "there is no client_cert that it belongs to");
-  }
+  AddTlsProblems(options, servers.bTls, "the servers are not tls://", problems);
   if (options.strUser.empty() != options.strPasswordFile.empty()) {
-    vecProblems.emplace_back(options.strUser.empty() ? "password_file" : "user",
-                             "user and password_file belong together");
+    problems.emplace_back(options.strUser.empty() ? "password_file" : "user", "user and password_file belong together");
   }
   const std::pair<const char*, const std::string&> aSecrets[] = {{"credentials_file", options.strCredentialsFile},
                                                                  {"token_file", options.strTokenFile},
@@ -98,19 +81,11 @@ std::vector<std::pair<std::string, std::string>> NatsKeyProblems(const NatsDrive
       continue;
     }
     if (pszFirst != nullptr) {
-      vecProblems.emplace_back(pszKey, std::string("there is a ") + pszFirst + " already, and a server asks for one");
+      problems.emplace_back(pszKey, std::string("there is a ") + pszFirst + " already, and a server asks for one");
     } else if (!servers.bTls && !servers.bLoopback) {
-      vecProblems.emplace_back(pszKey, "the servers are not tls://: it would be sent for everybody to read");
+      problems.emplace_back(pszKey, "the servers are not tls://: it would be sent for everybody to read");
     }
     pszFirst = pszFirst == nullptr ? pszKey : pszFirst;
   }
-  // Whoever names an authority or a certificate expects a connection that nobody else can read.
-  const std::pair<const char*, const std::string&> aTls[] = {{"ca_file", options.strCaFile},
-                                                             {"client_cert", options.strClientCert}};
-  for (const auto& [pszKey, strFile] : aTls) {
-    if (!strFile.empty() && !servers.bTls) {
-      vecProblems.emplace_back(pszKey, "the servers are not tls://");
-    }
-  }
-  return vecProblems;
+  return problems;
 }

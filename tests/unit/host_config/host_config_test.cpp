@@ -1,7 +1,6 @@
 #include "host/config/host_config.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,37 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "config_test_case.h"
+
 namespace {
 
-class HostConfigTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::string strPattern = (std::filesystem::temp_directory_path() / "host_config_test.XXXXXX").string();
-    ASSERT_NE(mkdtemp(strPattern.data()), nullptr);
-    m_Prefix = strPattern;
-    std::filesystem::create_directory(m_Prefix / "lib");
-    std::ofstream(m_Prefix / "lib" / "libqmlogcache.so") << "library";
-  }
-  void TearDown() override { std::filesystem::remove_all(m_Prefix); }
-
-  std::vector<std::string> Load(const std::string& strText) {
-    const std::filesystem::path file = m_Prefix / "qmhost.conf";
-    std::ofstream(file, std::ios::binary) << strText;
-    std::vector<std::string> vecTexts;
-    for (const ConfigProblem& problem : LoadHostConfig(file.string(), m_Prefix.string(), m_Config)) {
-      vecTexts.push_back(FormatProblem("F", problem));
-    }
-    return vecTexts;
-  }
-  // Expects one problem, in that line.
-  void ExpectProblem(const std::string& strText, const std::string& strProblem) {
-    EXPECT_EQ(Load(strText), std::vector<std::string>{strProblem});
-  }
-  std::string Path(const std::string& strRelative) { return (m_Prefix / strRelative).string(); }
-
-  std::filesystem::path m_Prefix;
-  HostConfig m_Config;
-};
+class HostConfigTest : public CConfigTestCase {};
 
 TEST_F(HostConfigTest, ASectionForThePluginIsEnough) {
   ASSERT_EQ(Load("[plugin logcache]\n"), std::vector<std::string>{});

@@ -1,43 +1,18 @@
 // The choice of the link's driver, and the keys of [http].
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "host/config/host_config.h"
+#include "config_test_case.h"
 
 namespace {
 
-class HttpConfigTest : public ::testing::Test {
+class HttpConfigTest : public CConfigTestCase {
  protected:
-  void SetUp() override {
-    std::string strPattern = (std::filesystem::temp_directory_path() / "http_config_test.XXXXXX").string();
-    ASSERT_NE(mkdtemp(strPattern.data()), nullptr);
-    m_Prefix = strPattern;
-    std::filesystem::create_directory(m_Prefix / "lib");
-    std::ofstream(m_Prefix / "lib" / "libqmlogcache.so") << "library";
-  }
-  void TearDown() override { std::filesystem::remove_all(m_Prefix); }
-
-  std::vector<std::string> Load(const std::string& strText) {
-    const std::filesystem::path file = m_Prefix / "qmhost.conf";
-    std::ofstream(file, std::ios::binary) << "[plugin a]\n" << strText;
-    std::vector<std::string> vecTexts;
-    for (const ConfigProblem& problem : LoadHostConfig(file.string(), m_Prefix.string(), m_Config)) {
-      vecTexts.push_back(FormatProblem("F", problem));
-    }
-    return vecTexts;
-  }
-  void ExpectProblem(const std::string& strText, const std::string& strProblem) {
-    EXPECT_EQ(Load(strText), std::vector<std::string>{strProblem});
-  }
-  std::string Path(const std::string& strRelative) { return (m_Prefix / strRelative).string(); }
-
-  std::filesystem::path m_Prefix;
-  HostConfig m_Config;
+  HttpConfigTest() : CConfigTestCase("[plugin a]\n") {}
 };
 
 TEST_F(HttpConfigTest, TheFileIsTheDriverUnlessAnotherIsNamed) {

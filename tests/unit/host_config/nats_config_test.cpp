@@ -1,43 +1,19 @@
 // The keys of [nats].
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "host/config/host_config.h"
+#include "config_test_case.h"
 
 namespace {
 
-using Problems = std::vector<std::string>;
-
-class NatsConfigTest : public ::testing::Test {
+class NatsConfigTest : public CConfigTestCase {
  protected:
-  void SetUp() override {
-    std::string strPattern = (std::filesystem::temp_directory_path() / "nats_config_test.XXXXXX").string();
-    ASSERT_NE(mkdtemp(strPattern.data()), nullptr);
-    m_Prefix = strPattern;
-    std::filesystem::create_directory(m_Prefix / "lib");
-    std::ofstream(m_Prefix / "lib" / "libqmlogcache.so") << "library";
-  }
-  void TearDown() override { std::filesystem::remove_all(m_Prefix); }
-
-  // Of the keys of [nats], the first of them in line 4.
-  Problems Load(const std::string& strKeys) {
-    const std::filesystem::path file = m_Prefix / "qmhost.conf";
-    std::ofstream(file, std::ios::binary) << "[plugin a]\n[link]\ndriver=nats\n[nats]\n" << strKeys;
-    Problems vecTexts;
-    for (const ConfigProblem& problem : LoadHostConfig(file.string(), m_Prefix.string(), m_Config)) {
-      vecTexts.push_back(FormatProblem("F", problem));
-    }
-    return vecTexts;
-  }
-  std::string Path(const std::string& strRelative) { return (m_Prefix / strRelative).string(); }
-
-  std::filesystem::path m_Prefix;
-  HostConfig m_Config;
+  // Of the keys of [nats], the first of them in line 5.
+  NatsConfigTest() : CConfigTestCase("[plugin a]\n[link]\ndriver=nats\n[nats]\n") {}
 };
 
 TEST_F(NatsConfigTest, AServerIsAllThatIsNeeded) {

@@ -1,6 +1,5 @@
 // The configuration file that is installed.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cctype>
 #include <filesystem>
@@ -9,18 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "host/config/host_config.h"
+#include "config_test_case.h"
 
 namespace {
 
-class ShippedConfigTest : public ::testing::Test {
+class ShippedConfigTest : public CConfigTestCase {
  protected:
   void SetUp() override {
-    std::string strPattern = (std::filesystem::temp_directory_path() / "shipped_config_test.XXXXXX").string();
-    ASSERT_NE(mkdtemp(strPattern.data()), nullptr);
-    m_Prefix = strPattern;
-    std::filesystem::create_directory(m_Prefix / "lib");
-    std::ofstream(m_Prefix / "lib" / "libqmlogcache.so") << "library";
+    CConfigTestCase::SetUp();
     std::ifstream shipped(SHIPPED_CONFIG_PATH);
     std::ofstream uncommented(UncommentedPath());
     std::string strLine;
@@ -31,12 +26,10 @@ class ShippedConfigTest : public ::testing::Test {
       m_uKeys += bKey ? 1 : 0;
     }
   }
-  void TearDown() override { std::filesystem::remove_all(m_Prefix); }
-
   std::string UncommentedPath() const { return (m_Prefix / "uncommented.conf").string(); }
 
   // Every field in words.
-  std::string Load(const std::string& strFile) const {
+  std::string LoadInWords(const std::string& strFile) const {
     HostConfig config;
     for (const ConfigProblem& problem : LoadHostConfig(strFile, m_Prefix.string(), config)) {
       ADD_FAILURE() << FormatProblem(strFile, problem);
@@ -72,7 +65,6 @@ class ShippedConfigTest : public ::testing::Test {
     return text.str();
   }
 
-  std::filesystem::path m_Prefix;
   size_t m_uKeys = 0;
 };
 
@@ -99,7 +91,7 @@ TEST_F(ShippedConfigTest, HoldsEveryKeyThereIsOnceWithItsDefault) {
 }
 
 TEST_F(ShippedConfigTest, MeansTheSameWithEveryKeyUncommented) {
-  EXPECT_EQ(Load(UncommentedPath()), Load(SHIPPED_CONFIG_PATH));
+  EXPECT_EQ(LoadInWords(UncommentedPath()), LoadInWords(SHIPPED_CONFIG_PATH));
 }
 
 }  // namespace
