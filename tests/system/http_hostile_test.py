@@ -178,7 +178,7 @@ class TimeoutTest(HttpLinkTestCase):
         self.configure(timeout_ms=1000)
         self.start_up()
         lines = [f"line {n}" for n in range(4000)]
-        sender = threading.Thread(target=self.send_lines, args=(lines,))
+        sender = threading.Thread(target=self.send_lines, args=(lines, "--no-save"))
         sender.start()
         self.addCleanup(sender.join)
         wait_until(lambda: len(self.destination.messages()) >= 500, "records before the outage")

@@ -16,8 +16,6 @@ namespace {
 constexpr std::chrono::seconds kStopGrace{3};
 // Nothing is waited for longer; a look at the state costs nothing.
 constexpr std::chrono::milliseconds kLongestWait{60000};
-// How long a batch waits to become full while another request is under way.
-constexpr std::chrono::milliseconds kLinger{1};
 
 // libcurl wants it once a process, while no other thread uses it.
 bool InitializeCurl() {
@@ -191,7 +189,7 @@ void CHttpDriver::TakeOrders() {
   static_cast<void>(eventfd_read(m_iWakeFd, &wakes));
   const std::lock_guard lock(m_mutex);
   if (m_queue.IsEmpty() && !m_vecDelivered.empty()) {
-    m_lingerUntil = Clock::now() + kLinger;
+    m_waitingSince = Clock::now();
   }
   m_queue.Add(m_vecDelivered);
   m_vecDelivered.clear();
@@ -225,6 +223,13 @@ bool CHttpDriver::HasFreeSlot() const {
   return m_bUp && !IsRenewalDue() && uBusy < (m_bWary ? 1 : m_vecRequests.size());
 }
 
+// Right after a full batch its successors are on their way: if the first of them went alone, there would be no request
+// left for the last of them.
+CHttpDriver::Clock::time_point CHttpDriver::PartialFrom() const {
+  const Clock::time_point afterFull = m_fullAnswered + kLinger;
+  return CountBusy() > 0 ? std::max(afterFull, m_waitingSince + kLinger) : afterFull;
+}
+
 void CHttpDriver::BeginRequests() {
   std::string strReason;
   if (!m_bUp) {
@@ -237,8 +242,8 @@ void CHttpDriver::BeginRequests() {
     if (m_vecRequests[i].bBusy) {
       continue;
     }
-    const bool bBeside = CountBusy() > 0;
-    if (bBeside && (m_bWary || (!m_stopUntil && !m_queue.HasFullBatch() && Clock::now() < m_lingerUntil))) {
+    const bool bPartial = !m_stopUntil && !m_queue.HasFullBatch();
+    if ((m_bWary && CountBusy() > 0) || (bPartial && Clock::now() < PartialFrom())) {
       return;
     }
     m_vecRequests[i].batch = m_bWary ? m_queue.TakeAny(m_random) : m_queue.TakeNext();
@@ -275,7 +280,7 @@ std::chrono::milliseconds CHttpDriver::TimeToWait() {
     until = std::min(until, m_nextAttempt);
   }
   if (bFreeSlot && !m_queue.IsEmpty()) {
-    until = std::min(until, m_lingerUntil);
+    until = std::min(until, PartialFrom());
   }
   if (m_queue.CountAside() > 0) {
     until = std::min(until, m_doubtSince + LongestDoubt());

@@ -68,6 +68,9 @@ void CHttpDriver::TakeAcceptance(Request& request) {
     AnswerTimeout(request.batch);
     return;
   }
+  if (request.batch.vecRecords.size() == kBatchRecords) {
+    m_fullAnswered = Clock::now();
+  }
   Answer(request.batch, kHostOk);
   m_u64Accepted = std::max(m_u64Accepted, request.u64Number);
   m_bWary = false;

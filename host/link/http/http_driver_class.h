@@ -25,7 +25,8 @@
 
 // One thread does everything but Deliver. While the link is down it asks the server with an empty batch, after pauses
 // (CBackOff), and says that the link is up once that is accepted. While it is up, a batch goes out at once when no
-// request is under way, and beside another one when it is full or has waited a moment for more.
+// request is under way. Beside another one, or right after a full one was answered, it goes when it is full or has waited
+// a moment for more.
 class CHttpDriver final : public ILinkDriver {
  public:
   explicit CHttpDriver(const HttpDriverOptions& options);
@@ -39,6 +40,8 @@ class CHttpDriver final : public ILinkDriver {
 
  private:
   using Clock = std::chrono::steady_clock;
+  // How long a batch waits for more.
+  static constexpr std::chrono::milliseconds kLinger{1};
 
   // A request that may be under way.
   struct Request {
@@ -61,6 +64,8 @@ class CHttpDriver final : public ILinkDriver {
   size_t CountBusy() const;
   // Whether a request may begin beside those that are under way.
   bool HasFreeSlot() const;
+  // From when on a batch goes out that is not full.
+  Clock::time_point PartialFrom() const;
   std::chrono::milliseconds LongestDoubt() const;
   void CheckDoubt();
   std::chrono::milliseconds TimeToWait();
@@ -111,11 +116,12 @@ class CHttpDriver final : public ILinkDriver {
   std::optional<Clock::time_point> m_stopUntil;  // a stop has been asked for
   Clock::time_point m_upSince{};
   Clock::time_point m_nextAttempt{};
-  Clock::time_point m_lingerUntil{};  // a batch that is not full waits for more, beside another request
-  uint64_t m_u64Begun = 0;            // requests
-  uint64_t m_u64Accepted = 0;         // the latest request whose records were accepted
-  bool m_bWary = false;               // the server has refused all records, and accepted none since: one by one
-  bool m_bTimeoutLogged = false;      // since the link came up
+  Clock::time_point m_waitingSince{};  // of the records in the queue
+  Clock::time_point m_fullAnswered{};  // when a full batch was accepted last
+  uint64_t m_u64Begun = 0;             // requests
+  uint64_t m_u64Accepted = 0;          // the latest request whose records were accepted
+  bool m_bWary = false;                // the server has refused all records, and accepted none since: one by one
+  bool m_bTimeoutLogged = false;       // since the link came up
   // Of records put aside.
   Clock::time_point m_doubtSince{};     // the first refusal, or what was accepted after it
   uint64_t m_u64FirstRefusedAfter = 0;  // of the last one

@@ -114,32 +114,30 @@ void CTransfers::SetUp(Slot& slot) {
   Set(pEasy, CURLOPT_WRITEDATA, &slot);
 }
 
+size_t CTransfers::Slot::Take(size_t uBytes, size_t& uSum, size_t uMost, const char* pszTooLong) noexcept {
+  uSum += uBytes;
+  if (uSum > uMost) {
+    pszBound = pszTooLong;
+    return 0;
+  }
+  return uBytes;
+}
+
 size_t CTransfers::OnHeader(char* pBytes, size_t uSize, size_t uCount, void* pSlot) noexcept {
   auto* pThis = static_cast<Slot*>(pSlot);
   const size_t uBytes = uSize * uCount;
-  pThis->uHeaderBytes += uBytes;
-  if (pThis->uHeaderBytes > kLongestHeader) {
-    pThis->pszBound = "the answer's header is longer than 64 KiB";
-    return 0;
-  }
   // An interim answer (1xx) has an end of its own, and another header follows.
   if (uBytes >= 5 && std::string_view(pBytes, 5) == "HTTP/") {
     pThis->bHeaderWhole = false;
   } else if (uBytes > 0 && (pBytes[0] == '\r' || pBytes[0] == '\n')) {
     pThis->bHeaderWhole = true;
   }
-  return uBytes;
+  return pThis->Take(uBytes, pThis->uHeaderBytes, kLongestHeader, "the answer's header is longer than 64 KiB");
 }
 
 size_t CTransfers::OnBody(char* /*pBytes*/, size_t uSize, size_t uCount, void* pSlot) noexcept {
   auto* pThis = static_cast<Slot*>(pSlot);
-  const size_t uBytes = uSize * uCount;
-  pThis->uBodyBytes += uBytes;
-  if (pThis->uBodyBytes > kLongestAnswer) {
-    pThis->pszBound = "the answer is longer than 1 MiB";
-    return 0;
-  }
-  return uBytes;
+  return pThis->Take(uSize * uCount, pThis->uBodyBytes, kLongestAnswer, "the answer is longer than 1 MiB");
 }
 
 void CTransfers::Begin(size_t uSlot, const BatchBody& body, const std::string& strToken) {

@@ -64,6 +64,9 @@ class CTransfers {
     size_t uBodyBytes = 0;
     bool bHeaderWhole = false;
     const char* pszBound = nullptr;  // which bound the answer broke
+
+    // What libcurl is to be told of so many bytes that came: all taken, or none, which ends the transfer.
+    size_t Take(size_t uBytes, size_t& uSum, size_t uMost, const char* pszTooLong) noexcept;
   };
 
   static size_t OnHeader(char* pBytes, size_t uSize, size_t uCount, void* pSlot) noexcept;
