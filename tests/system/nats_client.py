@@ -29,6 +29,7 @@ class NatsClient:
         while self._line() != b"PONG":
             pass
         self._subscriptions = 0
+        self._reply = None
 
     def close(self):
         self._file.close()
@@ -62,7 +63,7 @@ class NatsClient:
             found = [self._message()]
 
     def _message(self):
-        """The next message: subject, subscription, header and payload."""
+        """The next message: subject, subscription, header and payload. Where it wants its reply stays in _reply."""
         while True:
             words = self._line().split()
             if words[:1] == [b"PING"]:
@@ -70,7 +71,21 @@ class NatsClient:
             elif words[:1] in ([b"MSG"], [b"HMSG"]):
                 data = self._file.read(int(words[-1]) + 2)[:-2]
                 header = int(words[-2]) if words[0] == b"HMSG" else 0
+                self._reply = words[3].decode() if len(words) == (6 if words[0] == b"HMSG" else 5) else None
                 return words[1].decode(), int(words[2]), data[:header], data[header:]
+
+    def acknowledge_as(self, stream, subject):
+        """Answers each message of a subject as that stream would, until the server closes the connection."""
+        self._subscriptions += 1
+        self._send(f"SUB {subject} {self._subscriptions}\r\n".encode())
+        self._socket.settimeout(None)
+        answer = json.dumps({"stream": stream, "seq": 1}).encode()
+        try:
+            while True:
+                self._message()
+                self._send(f"PUB {self._reply} {len(answer)}\r\n".encode() + answer + b"\r\n")
+        except (NatsError, OSError):
+            pass
 
     def request(self, subject, payload=b"", others=None):
         """The reply's payload; None when nobody takes the subject. Messages to other subscriptions go to a list."""

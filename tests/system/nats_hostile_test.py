@@ -1,4 +1,4 @@
-"""The nats link and records that are too large, credentials, TLS, and servers that hang or talk nonsense."""
+"""The nats link and credentials, TLS, and servers that hang or talk nonsense."""
 
 import socket
 import ssl
@@ -6,50 +6,8 @@ import threading
 
 from certificates import make_authority, make_certificate
 from host_fixture import LINK_DOWN, wait_until
-from nats_link_case import LINK_UP, NatsLinkTestCase, OneServerTestCase, REJECTED
+from nats_link_case import LINK_UP, NatsLinkTestCase, OneServerTestCase
 from nats_server import NatsServer, free_ports
-
-
-class TooLargeTest(OneServerTestCase):
-    def expect_one_rejected(self, client, whose, most):
-        self.start_up()
-        large = "L" * (most + 1)
-        self.send_lines(["small", large, "small, too"])
-        self.wait_for_log(REJECTED)
-        self.wait_for_messages(client, ["small", "small, too"])
-        self.assertRegex(self.log_text("qmhost"),
-                         f"nats link: the {whose} refused record [0-9a-f]+ for good: [0-9]+ bytes, and it takes {most}")
-        wait_until(lambda: large in self.log_text("qmlogcacheerror"), "the rejected record in the error log")
-        self.assertIn("a0020002", self.log_text("qmlogcacheerror"))
-        self.assertEqual(self.count_log(LINK_DOWN), 0)
-
-    def test_a_record_beyond_the_servers_bound_is_rejected_and_no_other(self):
-        self.server.kill()
-        self.server.configure("max_payload: 100000")
-        self.server.start()
-        self.expect_one_rejected(self.make_stream(), "server", 100000)
-
-    def test_a_record_beyond_the_streams_bound_is_rejected_and_no_other(self):
-        self.expect_one_rejected(self.make_stream(max_msg_size=80000), "stream", 80000)
-
-    def test_bounds_that_must_be_a_mistake_reject_nothing(self):
-        client = self.make_stream()
-        self.start_up()
-        client.change_stream(max_msg_size=10)
-        self.send_lines(["one"])
-        self.wait_for_log(LINK_DOWN)
-        self.assertIn("the stream takes messages of 10 bytes only (max_msg_size)", self.down_reason())
-        client.change_stream(max_msg_size=-1)
-        self.wait_for_messages(client, ["one"])
-        self.stop_host()
-        self.server.kill()
-        self.server.configure("max_payload: 1000")
-        self.server.start()
-        downs = self.count_log(LINK_DOWN)
-        self.start_host()
-        self.wait_for_log(LINK_DOWN, downs + 1)
-        self.assertIn("the server takes messages of 1000 bytes only (max_payload)", self.down_reason(downs))
-        self.assert_nothing_rejected()
 
 
 class CredentialsTest(OneServerTestCase):

@@ -20,6 +20,8 @@ std::string DescribeNatsAnswer(const NatsAnswer& answer) {
   std::string strWhat;
   if (answer.iStatus == NATS_NO_RESPONDERS) {
     strWhat = "no stream takes the records' subjects";
+  } else if (answer.iStatus == NATS_MISMATCH && answer.iErrorCode == 0) {
+    strWhat = "another stream has acknowledged a record";
   } else if (answer.iErrorCode != 0) {
     strWhat = "error " + std::to_string(answer.iErrorCode) + " of the stream";
   } else {

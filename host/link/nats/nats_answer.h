@@ -6,10 +6,10 @@
 
 // As libnats tells it, without its headers.
 struct NatsAnswer {
-  bool bAcknowledged = false;  // the stream holds the record, be it since now or since an earlier time
-  int iStatus = 0;             // otherwise: a natsStatus
+  bool bAcknowledged = false;  // the agent's stream holds the record, be it since now or since an earlier time
+  int iStatus = 0;             // otherwise: a natsStatus; NATS_MISMATCH when another stream has acknowledged it
   int iErrorCode = 0;          // and a jsErrCode, 0 when the answer is not the stream's
-  std::string strText;         // and words of the server or of libnats; may be empty
+  std::string strText;         // and words of the server or of libnats, or that stream's name; may be empty
 };
 
 enum class NatsAnswerKind {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "host/link/nats/nats_names.h"
+#include "host/link/nats/nats_stream.h"
 #include "host/link/nats/socket_watch.h"
 
 namespace {
@@ -51,13 +52,15 @@ std::string LastError(natsStatus status) {
 
 // What libnats' threads and the session's share.
 struct CNatsSession::Shared {
-  explicit Shared(std::function<void()> wakeNow) : wake(std::move(wakeNow)) {}
+  Shared(std::function<void()> wakeNow, std::string strStreamNow)
+      : wake(std::move(wakeNow)), strStream(std::move(strStreamNow)) {}
 
   void File(natsMsg* pMsg, const jsPubAck* pAck, const jsPubAckErr* pError) noexcept;
   void Lose(const char* pszReason) noexcept;
 
   const std::function<void()> wake;
-  std::mutex mutex;  // guards all below
+  const std::string strStream;  // whose acknowledgements count
+  std::mutex mutex;             // guards all below
   std::list<NatsPublished> lstPending;
   std::unordered_map<natsMsg*, std::list<NatsPublished>::iterator> mapPending;
   size_t uPendingBytes = 0;
@@ -150,15 +153,21 @@ void CNatsSession::Shared::File(natsMsg* pMsg, const jsPubAck* pAck, const jsPub
       return;
     }
     NatsPublished& published = *it->second;
-    published.answer.bAcknowledged = pAck != nullptr;
+    NatsAnswer& answer = published.answer;
+    const char* pszText = nullptr;
     if (pError != nullptr) {
-      published.answer.iStatus = pError->Err;
-      published.answer.iErrorCode = pError->ErrCode;
-      try {
-        published.answer.strText = pError->ErrText != nullptr ? pError->ErrText : "";
-      } catch (...) {
-        published.answer.strText.clear();
-      }
+      answer.iStatus = pError->Err;
+      answer.iErrorCode = pError->ErrCode;
+      pszText = pError->ErrText;
+    } else if (pAck != nullptr) {
+      answer.bAcknowledged = pAck->Stream != nullptr && strStream == pAck->Stream;
+      answer.iStatus = answer.bAcknowledged ? NATS_OK : NATS_MISMATCH;
+      pszText = answer.bAcknowledged ? nullptr : pAck->Stream;
+    }
+    try {
+      answer.strText = pszText != nullptr ? pszText : "";
+    } catch (...) {
+      answer.strText.clear();
     }
     uPendingBytes -= published.uBytes;
     lstAnswered.splice(lstAnswered.end(), lstPending, it->second);
@@ -183,7 +192,7 @@ void CNatsSession::Shared::Lose(const char* pszReason) noexcept {
 
 CNatsSession::CNatsSession(const NatsDriverOptions& options, std::function<void()> wake)
     : m_options(options),
-      m_pShared(std::make_shared<Shared>(std::move(wake))),
+      m_pShared(std::make_shared<Shared>(std::move(wake), options.strStream)),
       m_pLibrary(std::make_unique<Library>(m_pShared)) {}
 
 CNatsSession::~CNatsSession() = default;
@@ -279,23 +288,13 @@ bool CNatsSession::AskMaxOfStream(size_t& uBytes, std::string& strReason) {
     strReason += status == NATS_NOT_FOUND || code == JSStreamNotFoundErr ? "there is none" : LastError(status);
     return false;
   }
-  if (pRaw->Config == nullptr) {
-    strReason = "the server did not tell about the stream " + m_options.strStream;
+  strReason = WhyStreamIsOfNoUse(m_options.strStream, *pRaw, AllSubjects(m_options.strSubject, m_options.strAgentId));
+  if (!strReason.empty()) {
     return false;
   }
-  if (pRaw->Cluster != nullptr && (pRaw->Cluster->Leader == nullptr || *pRaw->Cluster->Leader == '\0')) {
-    strReason = "the stream " + m_options.strStream + " has no leader";
-    return false;
-  }
-  const jsStreamConfig& config = *pRaw->Config;
-  for (const std::string& strSubject : AllSubjects(m_options.strSubject, m_options.strAgentId)) {
-    if (std::none_of(config.Subjects, config.Subjects + config.SubjectsLen,
-                     [&](const char* pszPattern) { return SubjectMatches(pszPattern, strSubject); })) {
-      strReason = "the stream " + m_options.strStream + " does not take the subject " + strSubject;
-      return false;
-    }
-  }
-  uBytes = config.MaxMsgSize > 0 ? static_cast<size_t>(config.MaxMsgSize) : 0;
+  m_strLosses = DescribeLosses(m_options.strStream, *pRaw);
+  const int32_t iMost = pRaw->Config->MaxMsgSize;
+  uBytes = iMost > 0 ? static_cast<size_t>(iMost) : 0;
   return true;
 }
 

@@ -58,6 +58,8 @@ class CNatsSession {
   size_t MaxMessage() const;
   // The largest message that the stream takes, asked for now; 0: it has no bound of its own. False with a reason.
   bool AskMaxOfStream(size_t& uBytes, std::string& strReason);
+  // How the stream loses acknowledged records, as it said last; empty when it does not.
+  const std::string& Losses() const { return m_strLosses; }
 
   size_t CountPending() const;
   // Nothing waits for an answer, and none that came waits to be taken.
@@ -80,6 +82,7 @@ class CNatsSession {
   const NatsDriverOptions m_options;
   std::shared_ptr<Shared> m_pShared;
   std::unique_ptr<Library> m_pLibrary;
+  std::string m_strLosses;
 };
 
 #endif  // QMLOGCACHE_HOST_LINK_NATS_NATS_SESSION_H_

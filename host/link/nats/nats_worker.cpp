@@ -1,13 +1,9 @@
 #include "host/link/nats/nats_worker.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <exception>
 #include <utility>
 
-#include "host/link/append_file.h"
 #include "host/link/identified_line.h"
 #include "host/link/nats/nats_names.h"
 #include "host/protocol/host_status.h"
@@ -26,28 +22,6 @@ constexpr std::chrono::milliseconds kLongestWait{60000};
 constexpr size_t kMostPendingBytes = 1U << 20;
 // A buffer that one giant record has blown up is not kept.
 constexpr size_t kKeptBufferSize = 1U << 20;
-constexpr mode_t kTooOpen = S_IWGRP | S_IRWXO;
-
-// libnats reads it; what others may read or write is refused as a token's file is.
-bool CheckCredentialsFile(const std::string& strFile, std::string& strReason) {
-  struct stat status {};
-  if (strFile.empty()) {
-    return true;
-  }
-  if (stat(strFile.c_str(), &status) != 0) {
-    strReason = DescribeError("open the credentials file", strFile, errno);
-    return false;
-  }
-  if (!S_ISREG(status.st_mode)) {
-    strReason = "the credentials file " + strFile + " is not a regular file";
-    return false;
-  }
-  if ((status.st_mode & kTooOpen) != 0) {
-    strReason = "the credentials file " + strFile + " is open to other users: its mode must be 0640 or stricter";
-    return false;
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -160,7 +134,7 @@ bool CNatsWorker::Step() {
   }
   std::string strReason;
   if (!m_bUp && !m_stopUntil && Clock::now() >= m_nextAttempt) {
-    if (TryServers(strReason)) {
+    if (TryServers(0, strReason)) {
       ComeUp();
     } else {
       StayDown(strReason);
@@ -169,6 +143,12 @@ bool CNatsWorker::Step() {
   }
   if (m_bUp && !m_bRenew) {
     PublishNext();
+  }
+  if (m_uNeeded != 0 && m_pSession->IsIdle()) {
+    if (!m_stopUntil) {
+      MoveForFirst();
+    }
+    return true;
   }
   Wait();
   return true;
@@ -190,8 +170,8 @@ void CNatsWorker::TakeOrders() {
 
 bool CNatsWorker::IsDone() const {
   const std::lock_guard lock(m_mutex);
-  return m_bAbandoned ||
-         (m_stopUntil && (!m_bUp || Clock::now() >= *m_stopUntil || (m_pSession->IsIdle() && m_deqQueue.empty())));
+  return m_bAbandoned || (m_stopUntil && (!m_bUp || Clock::now() >= *m_stopUntil ||
+                                          (m_pSession->IsIdle() && (m_deqQueue.empty() || m_uNeeded != 0))));
 }
 
 void CNatsWorker::Wait() {
@@ -208,92 +188,9 @@ void CNatsWorker::Wait() {
   m_bWaiting = false;
 }
 
-// In an order of its own each time, so that a fleet spreads over the servers.
-bool CNatsWorker::TryServers(std::string& strReason) {
-  std::vector<std::string> vecUrls = m_servers.vecUrls;
-  std::shuffle(vecUrls.begin(), vecUrls.end(), m_random);
-  bool bOpen = false;
-  for (const std::string& strUrl : vecUrls) {
-    {
-      const std::lock_guard lock(m_mutex);
-      if (m_bStop) {
-        return false;
-      }
-      m_bConnecting = true;
-    }
-    std::string strWhy;
-    bOpen = OpenSession(strUrl, strWhy);
-    {
-      const std::lock_guard lock(m_mutex);
-      m_bConnecting = false;
-    }
-    if (bOpen) {
-      break;
-    }
-    strReason.append(strReason.empty() ? "" : "; ").append(strUrl).append(": ").append(strWhy);
-  }
-  return bOpen;
-}
-
-bool CNatsWorker::OpenSession(const std::string& strUrl, std::string& strReason) {
-  NatsSecrets secrets;
-  if (!ReadSecrets(secrets, strReason)) {
-    return false;
-  }
-  auto pSession = std::make_unique<CNatsSession>(m_options, [pWeak = weak_from_this()] {
-    if (const std::shared_ptr<CNatsWorker> pSelf = pWeak.lock()) {
-      pSelf->Wake();
-    }
-  });
-  const auto IsStopped = [this] {
-    const std::lock_guard lock(m_mutex);
-    return m_bStop;
-  };
-  if (!pSession->Open(strUrl, m_servers.bTls, secrets, IsStopped, strReason)) {
-    return false;
-  }
-  if (pSession->MaxMessage() < kLeastMessage) {
-    strReason = "the server takes messages of " + std::to_string(pSession->MaxMessage()) +
-                " bytes only (max_payload): it must take 65536";
-    return false;
-  }
-  m_pSession = std::move(pSession);
-  return true;
-}
-
-bool CNatsWorker::ReadSecrets(NatsSecrets& secrets, std::string& strReason) {
-  const auto Read = [&strReason](CTokenFile& file, std::string& strSecret) {
-    const std::string* pSecret = file.Current(strReason);
-    // libnats puts it between quotes as it is.
-    if (pSecret != nullptr && pSecret->find_first_of("\"\\") != std::string::npos) {
-      strReason = "a token or password with a quotation mark or a backslash cannot be used";
-      return false;
-    }
-    strSecret = pSecret != nullptr ? *pSecret : "";
-    return pSecret != nullptr;
-  };
-  return CheckCredentialsFile(m_options.strCredentialsFile, strReason) && Read(m_token, secrets.strToken) &&
-         Read(m_password, secrets.strPassword);
-}
-
-// While the link stays up, if a server is found at once.
-void CNatsWorker::Renew() {
-  m_bRenew = false;
-  m_token.Forget();
-  m_password.Forget();
-  if (!m_bUp) {
-    return;
-  }
-  m_pSession.reset();
-  std::string strReason;
-  if (!TryServers(strReason)) {
-    GoDown(strReason);
-  }
-}
-
 void CNatsWorker::PublishNext() {
   std::string strReason;
-  while (!m_deqQueue.empty() && m_pSession->CountPending() < m_options.uPending &&
+  while (!m_deqQueue.empty() && m_uNeeded == 0 && m_pSession->CountPending() < m_options.uPending &&
          m_pSession->PendingBytes() < kMostPendingBytes) {
     if (!PublishOne(strReason)) {
       GoDown(strReason);
@@ -315,8 +212,7 @@ bool CNatsWorker::PublishOne(std::string& strReason) {
   const size_t uMost = m_pSession->MaxMessage();
   bool bSent = true;
   if (uBytes > uMost && uMost >= kLeastMessage) {
-    LogRejected(*pRecord, uBytes, uMost, "server");
-    Tell([&](ILinkEvents& events) { events.OnOutcome(pRecord, kHostRecordRefused); });
+    m_uNeeded = uBytes;
   } else {
     NatsAnswer answer;
     bSent = m_pSession->Publish(pRecord, m_strSubject, m_strId, m_strPayload, answer);
@@ -325,7 +221,7 @@ bool CNatsWorker::PublishOne(std::string& strReason) {
   if (m_strPayload.capacity() > kKeptBufferSize) {
     m_strPayload = std::string();
   }
-  if (bSent) {
+  if (bSent && m_uNeeded == 0) {
     m_deqQueue.pop_front();
   }
   return bSent;

@@ -1,5 +1,5 @@
 // The nats driver's thread. Its life and its loop are in nats_worker.cpp, what answers lead to in
-// nats_worker_answers.cpp.
+// nats_worker_answers.cpp, the choice of a server in nats_worker_servers.cpp.
 //
 // The thread does everything but Deliver, calls into the server link above all. While the link is down it tries the
 // servers, in an order that it draws, after pauses (CBackOff), and says that the link is up once the stream answers.
@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -56,12 +57,19 @@ class CNatsWorker : public std::enable_shared_from_this<CNatsWorker> {
   template <typename TCall>
   void Tell(TCall call);
 
-  bool TryServers(std::string& strReason);
-  bool OpenSession(const std::string& strUrl, std::string& strReason);
+  // Connects to a server that takes messages of that size; beside a session, to another server, and the session is left
+  // alone unless there is one. False with the reasons of those that were not reached; they may be none, and not all
+  // servers have been asked when the driver is to stop.
+  bool TryServers(size_t uNeeded, std::string& strReason);
+  // Null with a reason.
+  std::unique_ptr<CNatsSession> OpenSession(const std::string& strUrl, std::string& strReason);
+  void NoteServer(const std::string& strUrl, const CNatsSession& session);
+  void MoveForFirst();
   bool ReadSecrets(NatsSecrets& secrets, std::string& strReason);
   void Renew();
   void PublishNext();
-  // False with a reason when the link is in trouble; the record is in the queue then.
+  // False with a reason when the link is in trouble; the record is in the queue then, and also when the server does not
+  // take its size, which sets m_uNeeded.
   bool PublishOne(std::string& strReason);
 
   void TakeAnswers();
@@ -102,7 +110,10 @@ class CNatsWorker : public std::enable_shared_from_this<CNatsWorker> {
   CTokenFile m_password;
   CBackOff m_backOff;
   std::mt19937_64 m_random;
-  std::unique_ptr<CNatsSession> m_pSession;  // there while the link is up
+  std::unique_ptr<CNatsSession> m_pSession;       // there while the link is up
+  std::string m_strServer;                        // its URL
+  std::map<std::string, size_t> m_mapMaxMessage;  // by URL, what a server has said last that it takes
+  size_t m_uNeeded = 0;  // unless 0, the size of the first record of the queue, which the server does not take
   std::deque<std::shared_ptr<LinkRecord>> m_deqQueue;
   std::list<NatsPublished> m_lstAnswered;  // answers that are being taken
   std::list<NatsPublished> m_lstBack;      // what is to be given back
@@ -114,7 +125,10 @@ class CNatsWorker : public std::enable_shared_from_this<CNatsWorker> {
   Clock::time_point m_nextAttempt{};
   Clock::time_point m_lastAccepted{};
   bool m_bTimeoutLogged = false;  // since the link came up
-  std::string m_strSubject;       // of the record that is being sent, to keep their memory
+  bool m_bAwayLogged = false;     // likewise, that a record waits for a server that takes it
+  bool m_bDifferenceLogged = false;
+  std::string m_strLosses;   // of the stream, as logged last
+  std::string m_strSubject;  // of the record that is being sent, to keep their memory
   std::string m_strId;
   std::string m_strPayload;
 };

@@ -82,12 +82,12 @@ std::optional<uint32_t> CNatsWorker::JudgeTooLarge(const NatsPublished& publishe
         "the stream takes messages of " + std::to_string(uMost) + " bytes only (max_msg_size): it must take 65536";
     return std::nullopt;
   }
-  LogRejected(*published.pRecord, published.uBytes, uMost, "stream");
+  LogRejected(*published.pRecord, published.uBytes, uMost, "the stream");
   return kHostRecordRefused;
 }
 
 void CNatsWorker::LogRejected(const LinkRecord& record, size_t uBytes, size_t uMost, const char* pszWhose) {
-  LogPrint(m_hLog, kLogWarning, "nats link: the %s refused record %llx for good: %zu bytes, and it takes %zu", pszWhose,
+  LogPrint(m_hLog, kLogWarning, "nats link: %s refused record %llx for good: %zu bytes, and the bound is %zu", pszWhose,
            static_cast<unsigned long long>(record.tags.u64DataId), uBytes, uMost);
 }
 
@@ -100,6 +100,7 @@ void CNatsWorker::ComeUp() {
   m_bUp = true;
   m_bToldDown = false;
   m_bTimeoutLogged = false;
+  m_bAwayLogged = false;
   m_upSince = Clock::now();
   Tell([](ILinkEvents& events) { events.OnUp(); });
 }
@@ -117,6 +118,7 @@ void CNatsWorker::GoDown(const std::string& strReason) {
     m_backOff.Reset();
   }
   m_bUp = false;
+  m_uNeeded = 0;
   if (m_pSession) {
     // Answers that came before this moment count.
     std::list<NatsPublished> lstPending = m_pSession->TakePending();
@@ -164,6 +166,7 @@ void CNatsWorker::Surrender(const char* pszWhy) noexcept {
       AnswerFirst(*pRecords, pRecords->front().answer.bAcknowledged ? kHostOk : kHostSendTimeout);
     }
   }
+  m_uNeeded = 0;
   while (!m_deqQueue.empty()) {
     Tell([this](ILinkEvents& events) { events.OnOutcome(m_deqQueue.front(), kHostSendTimeout); });
     m_deqQueue.pop_front();

@@ -54,6 +54,7 @@ TEST(NatsAnswerTest, IsToldInWords) {
   EXPECT_EQ(DescribeNatsAnswer(Answer(NATS_NO_RESPONDERS)), "no stream takes the records' subjects");
   EXPECT_EQ(DescribeNatsAnswer(Answer(NATS_ERR, 10077, "maximum messages exceeded")),
             "error 10077 of the stream (maximum messages exceeded)");
+  EXPECT_EQ(DescribeNatsAnswer(Answer(NATS_MISMATCH, 0, "OTHER")), "another stream has acknowledged a record (OTHER)");
   EXPECT_EQ(DescribeNatsAnswer(Answer(NATS_TIMEOUT)), "Timeout");
   EXPECT_EQ(DescribeNatsAnswer(Answer(NATS_TIMEOUT, 0, "Timeout")), "Timeout");
 }
