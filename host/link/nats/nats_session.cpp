@@ -37,7 +37,12 @@ std::string LastDetail() {
   return strDetail.rfind('(', 0) == 0 && uPlaceEnd != std::string::npos ? strDetail.substr(uPlaceEnd + 3) : strDetail;
 }
 
-// Of a URL that ends in its port.
+// Of a URL without a user that ends in its port.
+std::string HostOf(const std::string& strUrl) {
+  const size_t uBegin = strUrl.find("://") + 3;
+  return strUrl.substr(uBegin, strUrl.rfind(':') - uBegin);
+}
+
 uint16_t PortOf(const std::string& strUrl) {
   return static_cast<uint16_t>(std::strtoul(strUrl.c_str() + strUrl.rfind(':') + 1, nullptr, 10));
 }
@@ -259,7 +264,7 @@ bool CNatsSession::Connect(const std::string& strUrl, bool bTls, const NatsSecre
     Do(natsOptions_SetUserInfo(pRaw, m_options.strUser.c_str(), secrets.strPassword.c_str()));
   }
   if (status == NATS_OK) {
-    const CSocketWatch watch(PortOf(strUrl), std::chrono::milliseconds(m_options.uConnectTimeoutMs),
+    const CSocketWatch watch(HostOf(strUrl), PortOf(strUrl), std::chrono::milliseconds(m_options.uConnectTimeoutMs),
                              std::move(isCancelled));
     Do(natsConnection_Connect(&m_pLibrary->pConnection, pRaw));
     if (status != NATS_OK && watch.IsOver()) {

@@ -3,11 +3,13 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <string>
@@ -58,35 +60,75 @@ std::set<unsigned long> ListSockets() {
   return setSockets;
 }
 
-// The port that a socket is connected to; 0 for none.
-uint16_t PeerPort(int iFd) {
+// Family, address and port, without what does not tell a server (flow, scope); all zero for none.
+using Endpoint = std::array<unsigned char, sizeof(sa_family_t) + sizeof(in6_addr) + sizeof(in_port_t)>;
+
+template <typename TAddress>
+Endpoint MakeEndpoint(sa_family_t family, const TAddress& address, in_port_t port) {
+  Endpoint endpoint{};
+  std::memcpy(endpoint.data(), &family, sizeof(family));
+  std::memcpy(endpoint.data() + sizeof(family), &port, sizeof(port));
+  std::memcpy(endpoint.data() + sizeof(family) + sizeof(port), &address, sizeof(address));
+  return endpoint;
+}
+
+Endpoint EndpointOf(const sockaddr* pAddress) {
+  if (pAddress->sa_family == AF_INET) {
+    const auto* pV4 = reinterpret_cast<const sockaddr_in*>(pAddress);
+    return MakeEndpoint(AF_INET, pV4->sin_addr, pV4->sin_port);
+  }
+  if (pAddress->sa_family == AF_INET6) {
+    const auto* pV6 = reinterpret_cast<const sockaddr_in6*>(pAddress);
+    return MakeEndpoint(AF_INET6, pV6->sin6_addr, pV6->sin6_port);
+  }
+  return {};
+}
+
+// What a socket is connected to.
+Endpoint PeerOf(int iFd) {
   sockaddr_storage address{};
   socklen_t uLength = sizeof(address);
-  if (getpeername(iFd, reinterpret_cast<sockaddr*>(&address), &uLength) != 0) {
-    return 0;
+  const bool bConnected = getpeername(iFd, reinterpret_cast<sockaddr*>(&address), &uLength) == 0;
+  return bConnected ? EndpointOf(reinterpret_cast<const sockaddr*>(&address)) : Endpoint{};
+}
+
+void LookUp(const std::string& strHost, uint16_t uPort, std::set<Endpoint>& setEndpoints) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* pRaw = nullptr;
+  if (getaddrinfo(strHost.c_str(), std::to_string(uPort).c_str(), &hints, &pRaw) != 0) {
+    return;
   }
-  if (address.ss_family == AF_INET) {
-    return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> found(pRaw, freeaddrinfo);
+  for (const addrinfo* pOne = pRaw; pOne != nullptr; pOne = pOne->ai_next) {
+    setEndpoints.insert(EndpointOf(pOne->ai_addr));
   }
-  return address.ss_family == AF_INET6 ? ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port) : 0;
+  setEndpoints.erase(Endpoint{});
 }
 
 // By a descriptor of its own, since the other may by now be closed and another socket's.
-void ShutDown(int iFd, unsigned long uInode, uint16_t uPort) {
+void ShutDown(int iFd, unsigned long uInode, const std::set<Endpoint>& setEndpoints) {
   const int iOwn = fcntl(iFd, F_DUPFD_CLOEXEC, 0);
   if (iOwn < 0) {
     return;
   }
-  if (SocketInode(iOwn) == uInode && PeerPort(iOwn) == uPort) {
+  if (SocketInode(iOwn) == uInode && setEndpoints.count(PeerOf(iOwn)) != 0) {
     shutdown(iOwn, SHUT_RDWR);
   }
   close(iOwn);
 }
 
+std::string WithoutBrackets(const std::string& strHost) {
+  const bool bBrackets = strHost.starts_with('[') && strHost.ends_with(']');
+  return bBrackets ? strHost.substr(1, strHost.size() - 2) : strHost;
+}
+
 }  // namespace
 
-CSocketWatch::CSocketWatch(uint16_t uPort, std::chrono::milliseconds limit, std::function<bool()> isCancelled)
-    : m_uPort(uPort),
+CSocketWatch::CSocketWatch(const std::string& strHost, uint16_t uPort, std::chrono::milliseconds limit,
+                           std::function<bool()> isCancelled)
+    : m_strHost(WithoutBrackets(strHost)),
+      m_uPort(uPort),
       m_isCancelled(std::move(isCancelled)),
       m_setBefore(ListSockets()),
       m_thread([this, limit] { Run(limit); }) {}
@@ -109,6 +151,7 @@ bool CSocketWatch::IsOver() const {
 void CSocketWatch::Run(std::chrono::milliseconds limit) {
   SetUpThread("qmhost-watch");
   const auto until = std::chrono::steady_clock::now() + limit;
+  std::set<Endpoint> setEndpoints;
   std::unique_lock lock(m_mutex);
   while (!m_condition.wait_for(lock, kLook, [this] { return m_bDone; })) {
     const bool bOver = std::chrono::steady_clock::now() >= until;
@@ -116,14 +159,17 @@ void CSocketWatch::Run(std::chrono::milliseconds limit) {
     if (!bOver && !m_isCancelled()) {
       continue;
     }
+    lock.unlock();
     try {
-      ForEachSocket([this](int iFd, unsigned long uInode) {
+      LookUp(m_strHost, m_uPort, setEndpoints);
+      ForEachSocket([&](int iFd, unsigned long uInode) {
         if (m_setBefore.count(uInode) == 0) {
-          ShutDown(iFd, uInode, m_uPort);
+          ShutDown(iFd, uInode, setEndpoints);
         }
       });
     } catch (const std::exception&) {
       // There is no memory now: the next look may have some.
     }
+    lock.lock();
   }
 }

@@ -1,18 +1,11 @@
-// What a stream's answers mean, the watch over connection attempts, and the driver without a server.
-#include <arpa/inet.h>
+// What a stream's answers mean, and the driver without a server.
 #include <gtest/gtest.h>
 #include <nats/nats.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <chrono>
 #include <vector>
 
 #include "host/link/nats/nats_answer.h"
 #include "host/link/nats/nats_driver.h"
-#include "host/link/nats/socket_watch.h"
 
 namespace {
 
@@ -57,74 +50,6 @@ TEST(NatsAnswerTest, IsToldInWords) {
   EXPECT_EQ(DescribeNatsAnswer(Answer(NATS_MISMATCH, 0, "OTHER")), "another stream has acknowledged a record (OTHER)");
   EXPECT_EQ(DescribeNatsAnswer(Answer(NATS_TIMEOUT)), "Timeout");
   EXPECT_EQ(DescribeNatsAnswer(Answer(NATS_TIMEOUT, 0, "Timeout")), "Timeout");
-}
-
-// A connection on loopback that nobody speaks on.
-class CSilence {
- public:
-  CSilence() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t uLength = sizeof(address);
-    EXPECT_EQ(bind(m_iListen, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    EXPECT_EQ(listen(m_iListen, 4), 0);
-    EXPECT_EQ(getsockname(m_iListen, reinterpret_cast<sockaddr*>(&m_address), &uLength), 0);
-  }
-  ~CSilence() { close(m_iListen); }
-  CSilence(const CSilence&) = delete;
-  CSilence& operator=(const CSilence&) = delete;
-
-  uint16_t Port() const { return ntohs(m_address.sin_port); }
-  int Connect() const {
-    const int iFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(connect(iFd, reinterpret_cast<const sockaddr*>(&m_address), sizeof(m_address)), 0);
-    return iFd;
-  }
-
- private:
-  const int m_iListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in m_address{};
-};
-
-// Whether nothing has come and nobody has hung up.
-bool IsOpen(int iFd) {
-  char c = 0;
-  return recv(iFd, &c, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
-}
-
-TEST(SocketWatchTest, EndsWhatHangsBeyondTheLimitAndNothingElse) {
-  const CSilence server;
-  const CSilence otherServer;
-  const int iBefore = server.Connect();
-  int iNew = -1;
-  int iOther = -1;
-  {
-    const CSocketWatch watch(server.Port(), std::chrono::milliseconds(50), [] { return false; });
-    iNew = server.Connect();
-    iOther = otherServer.Connect();
-    char c = 0;
-    EXPECT_EQ(recv(iNew, &c, 1, 0), 0);
-    EXPECT_TRUE(watch.IsOver());
-  }
-  EXPECT_TRUE(IsOpen(iBefore));
-  EXPECT_TRUE(IsOpen(iOther));
-  for (const int iFd : {iBefore, iNew, iOther}) {
-    close(iFd);
-  }
-}
-
-TEST(SocketWatchTest, EndsAnAttemptThatIsWantedNoMore) {
-  const CSilence server;
-  std::atomic<bool> bCancelled = false;
-  const CSocketWatch watch(server.Port(), std::chrono::hours(1), [&] { return bCancelled.load(); });
-  const int iFd = server.Connect();
-  EXPECT_TRUE(IsOpen(iFd));
-  bCancelled = true;
-  char c = 0;
-  EXPECT_EQ(recv(iFd, &c, 1, 0), 0);
-  EXPECT_FALSE(watch.IsOver());
-  close(iFd);
 }
 
 class CSilentEvents final : public ILinkEvents {
