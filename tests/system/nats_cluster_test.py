@@ -4,6 +4,7 @@ import threading
 
 from host_fixture import LINK_DOWN, wait_until
 from nats_link_case import LINK_UP, NatsLinkTestCase
+from nats_proxy import NatsProxy
 from nats_server import NatsServer
 
 
@@ -22,7 +23,10 @@ class ClusterTest(NatsLinkTestCase):
         for server in self.servers.values():
             wait_until(server.is_healthy, f"nats-server {server.name}")
         wait_until(self.has_meta_leader, "the cluster to have a leader")
-        self.configure(", ".join(server.url for server in self.servers.values()), timeout_ms=3000)
+        self.proxies = [NatsProxy(server) for server in self.servers.values()]
+        for proxy in self.proxies:
+            self.addCleanup(proxy.close)
+        self.configure(", ".join(proxy.url for proxy in self.proxies), timeout_ms=3000)
 
     def has_meta_leader(self):
         found = [server.ask("jsz") for server in self.servers.values()]
@@ -47,25 +51,40 @@ class ClusterTest(NatsLinkTestCase):
         return sum(stream["state"]["messages"] for account in found.get("account_details", [])
                    for stream in account.get("stream_detail", []))
 
+    def duplicates(self):
+        return sum(proxy.duplicates for proxy in self.proxies)
+
+    def withhold_acknowledgements(self, lines):
+        """Sends the lines, and waits until the stream has taken records that the host takes for unanswered."""
+        withheld = sum(proxy.withheld for proxy in self.proxies)
+        for proxy in self.proxies:
+            proxy.withhold()
+        self.send_lines(lines)
+        wait_until(lambda: sum(proxy.withheld for proxy in self.proxies) > withheld, "acknowledgements to withhold")
+
     def test_servers_killed_and_restarted_under_load_lose_nothing_and_repeats_are_dropped(self):
         self.connect(self.servers["one"]).make_stream(num_replicas=3)
         self.start_up()
         lines = [f"line {n}" for n in range(3000)]
         sender = threading.Thread(target=self.send_lines, args=(lines,))
         sender.start()
-        killed = []
         for share in (0.2, 0.5):
             wait_until(lambda share=share: max(self.held_by(server) for server in self.servers.values()
                                                if server.process) >= share * len(lines), "messages before the kill")
             wait_until(self.leader, "a leader of the stream")
-            name = self.leader()
-            killed.append(name)
+            name, dropped = self.leader(), self.duplicates()
+            more = [f"repeat {share} {n}" for n in range(50)]
+            self.withhold_acknowledgements(more)
+            lines = lines + more
             self.servers[name].kill()
+            for proxy in self.proxies:
+                proxy.cut()
             # Two of three go on without it.
             wait_until(lambda name=name: self.leader() not in (None, name), "another leader")
+            wait_until(lambda dropped=dropped: self.duplicates() > dropped, "repeats that the stream has dropped")
             self.servers[name].start()
         sender.join()
-        client = self.connect(self.servers[killed[0]])
+        client = self.connect(self.servers[name])
         found = self.wait_for_messages(client, lines)
         self.assertEqual(len({headers["Nats-Msg-Id"] for _, headers, _ in found}), len(lines))
         # Every server has them all in the end, those that were killed too.
