@@ -16,7 +16,7 @@ class NatsError(Exception):
 class NatsClient:
     """One connection. Not for several threads at a time."""
 
-    def __init__(self, port, tls=None, **connect):
+    def __init__(self, port, tls=None, user_key=None, **connect):
         self._socket = socket.create_connection(("127.0.0.1", port), timeout=TIMEOUT)
         self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self._file = self._socket.makefile("rb")
@@ -25,6 +25,8 @@ class NatsClient:
             self._socket = tls.wrap_socket(self._socket, server_hostname="127.0.0.1")
             self._file = self._socket.makefile("rb")
         options = {"verbose": False, "headers": True, "no_responders": True, "lang": "test", "version": "1", **connect}
+        if user_key is not None:
+            options["sig"] = user_key.sign(self.info["nonce"].encode())
         self._send(b"CONNECT " + json.dumps(options).encode() + b"\r\nPING\r\n")
         while self._line() != b"PONG":
             pass
