@@ -153,7 +153,7 @@ class HangingServerTest(OneServerTestCase):
         greetings = [b"", self.INFO % b"false", self.INFO % b"true", b"HTTP/1.1 400 Bad\r\n\r\n",
                      b"INFO {" + b"x" * 100000, b"INFO " + b"[" * 20000 + b"\r\n"]
         bad = [self.serve(greeting) for greeting in greetings] + [f"nats://127.0.0.1:{free_ports(1)[0]}"]
-        self.configure(", ".join(bad), connect_timeout_ms=400)
+        self.configure(", ".join(bad), connect_timeout_ms=200)
         self.start_host()
         self.wait_for_log(LINK_DOWN)
         for url in bad:
@@ -161,7 +161,7 @@ class HangingServerTest(OneServerTestCase):
         for url in bad[:3]:
             self.assertIn(url + ": the server did not answer in time", self.down_reason())
         self.assertEqual(self.stop_host(), 0)
-        self.configure(", ".join([*bad, self.server.url]), connect_timeout_ms=400)
+        self.configure(", ".join([*bad, self.server.url]), connect_timeout_ms=200)
         self.start_host()
         self.send_lines(["one"])
         self.wait_for_messages(client, ["one"])

@@ -11,8 +11,10 @@ REJECTED = "for good"
 
 class NatsLinkTestCase(HostTestCase):
     def configure(self, servers, **keys):
-        # The longest pause is short; where a test waits for a pause to end, it does not wait long.
-        self.write_config(link={"driver": "nats"}, nats={"servers": servers, "retry_max_ms": 200, **keys})
+        # The longest pause is short, so that no test waits long for one to end; and no test cuts the power, so that
+        # records need not wait for the disk.
+        self.write_config(link={"driver": "nats"}, storage={"sync": "normal"},
+                          nats={"servers": servers, "retry_max_ms": 200, **keys})
 
     def count_log(self, text):
         return self.log_text("qmhost").count(text)

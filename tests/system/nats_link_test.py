@@ -131,7 +131,7 @@ class OutageTest(OneServerTestCase):
 
     def test_a_server_that_stops_answering_is_an_outage_and_a_stop_does_not_wait_for_it(self):
         client = self.make_stream()
-        self.configure(self.server.url, timeout_ms=1000, connect_timeout_ms=1000)
+        self.configure(self.server.url, timeout_ms=300, connect_timeout_ms=300)
         self.start_up()
         self.server.freeze()
         self.send_lines(["one"])

@@ -21,7 +21,7 @@ std::string WhyStreamIsOfNoUse(const std::string& strStream, const jsStreamInfo&
   for (const std::string& strSubject : vecSubjects) {
     if (std::none_of(config.Subjects, config.Subjects + config.SubjectsLen,
                      [&](const char* pszPattern) { return SubjectMatches(pszPattern, strSubject); })) {
-      return "the stream " + strStream + " does not take the subject " + strSubject;
+      return ("the stream " + strStream).append(" does not take the subject ").append(strSubject);
     }
   }
   return {};
