@@ -305,14 +305,14 @@ bool CNatsSession::AskMaxOfStream(size_t& uBytes, std::string& strReason) {
 
 bool CNatsSession::Publish(const std::shared_ptr<LinkRecord>& pRecord, const std::string& strSubject,
                            const std::string& strId, const std::string& strPayload, NatsAnswer& answer) {
+  std::list<NatsPublished> lstNew(1);
+  lstNew.front().pRecord = pRecord;
+  lstNew.front().uBytes = MessageSize(strId.size(), strPayload.size());
+  lstNew.front().at = Clock::now();
   natsMsg* pMsg = nullptr;
   natsStatus status =
       natsMsg_Create(&pMsg, strSubject.c_str(), nullptr, strPayload.data(), static_cast<int>(strPayload.size()));
   if (status == NATS_OK) {
-    std::list<NatsPublished> lstNew(1);
-    lstNew.front().pRecord = pRecord;
-    lstNew.front().uBytes = MessageSize(strId.size(), strPayload.size());
-    lstNew.front().at = Clock::now();
     {
       const std::lock_guard lock(m_pShared->mutex);
       try {
