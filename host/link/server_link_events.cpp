@@ -121,7 +121,7 @@ void CServerLink::OnDelivered(const std::vector<std::shared_ptr<LinkRecord>>& ve
   for (size_t uNext = 0; uNext < uCount;) {
     size_t uCounted = 0;
     {
-      const std::lock_guard lock(m_mutex);
+      std::unique_lock lock(m_mutex);
       if (m_phase == Phase::Stopped) {
         return;
       }
@@ -131,6 +131,9 @@ void CServerLink::OnDelivered(const std::vector<std::shared_ptr<LinkRecord>>& ve
           CountAnswerLocked(*pTracked, kHostOk);
           apCounted[uCounted++] = pTracked;
         }
+      }
+      if (m_bUpLogDue && uCounted > 0) {
+        LogUp(lock);
       }
     }
     for (size_t i = 0; i < uCounted; ++i) {
