@@ -12,6 +12,22 @@ constexpr size_t kNamedOneByOne = 100;
 // More ranges than this are not kept: the first half is printed, so that memory stays bounded.
 constexpr size_t kMaxRanges = 4096;
 
+}  // namespace
+
+CFailureReport::Cause CauseOf(SendFailure failure) {
+  switch (failure) {
+    case SendFailure::Refused:
+      return CFailureReport::Cause::Refused;
+    case SendFailure::TooLong:
+      return CFailureReport::Cause::TooLong;
+    case SendFailure::NoAnswer:
+      return CFailureReport::Cause::NoAnswer;
+    case SendFailure::NotSent:
+      break;
+  }
+  return CFailureReport::Cause::NotSent;
+}
+
 std::string CauseText(CFailureReport::Cause cause, uint32_t uStatus) {
   switch (cause) {
     case CFailureReport::Cause::Refused:
@@ -27,8 +43,6 @@ std::string CauseText(CFailureReport::Cause cause, uint32_t uStatus) {
   }
   return "not sent";
 }
-
-}  // namespace
 
 CFailureReport::CFailureReport(std::function<void(const std::string&)> fnLine,
                                std::function<std::string(size_t)> fnName)

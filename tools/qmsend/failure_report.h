@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "client/core/send_engine.h"
+
 class CFailureReport {
  public:
   enum class Cause { Refused, TooLong, ZeroByte, NoAnswer, NotSent };
@@ -42,5 +44,10 @@ class CFailureReport {
   uint64_t m_aCounts[5] = {};
   size_t m_uNamed = 0;
 };
+
+CFailureReport::Cause CauseOf(SendFailure failure);
+
+// "not sent, longer than the host takes".
+std::string CauseText(CFailureReport::Cause cause, uint32_t uStatus);
 
 #endif  // QMLOGCACHE_TOOLS_QMSEND_FAILURE_REPORT_H_

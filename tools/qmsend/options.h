@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/qmsend/message_builder.h"
+#include "client/core/message_builder.h"
 #include "tools/qmsend/record_reader.h"
 
 inline constexpr int kExitAllAccepted = 0;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <string_view>
-#include <tuple>
 #include <utility>
 
 #include "host/protocol/sender_guid.h"
@@ -12,11 +11,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr size_t kMaxSlots = 16384;
-constexpr size_t kMaxBytesInFlight = 32U << 20;
-constexpr size_t kMaxOutput = 1U << 20;
+constexpr size_t kMaxRecordsInFlight = 16384;
 constexpr unsigned int kReadsATurn = 8;
-constexpr milliseconds kRetryDelay{100};
 // How long an interrupted program waits for outstanding answers.
 constexpr milliseconds kInterruptGrace{5000};
 constexpr milliseconds kIdleWait{1000};
@@ -35,7 +31,7 @@ int CSender::Run() {
   if (!Prepare() || !ConnectFirst()) {
     return kExitUsageOrConnection;
   }
-  const IngressWelcome& welcome = m_connection.Welcome();
+  const IngressWelcome& welcome = m_pEngine->Welcome();
   const size_t uAround = kIngressMessageHeaderSize + m_builder.Overhead();
   if (welcome.uMaxFrame <= uAround) {
     m_terminal.Line("the host takes no frame long enough for a record");
@@ -43,7 +39,7 @@ int CSender::Run() {
   }
   m_pInput = std::make_unique<CInput>(m_options.vecFiles, m_options.mode, welcome.uMaxFrame - uAround,
                                       [this](const std::string& strLine) { m_terminal.Line(strLine); });
-  m_pInFlight = std::make_unique<CInFlight>(std::min<size_t>(welcome.uWindow, kMaxSlots), kMaxBytesInFlight);
+  m_pEngine->LimitRecords(std::min<size_t>(welcome.uWindow, kMaxRecordsInFlight));
   Loop();
   return Finish();
 }
@@ -63,44 +59,53 @@ bool CSender::Prepare() {
     m_terminal.Line(strError);
     return false;
   }
-  m_sender = SenderGuid(m_options.strSender);
+  SendSettings settings;
+  settings.strSocket = m_options.strSocket;
+  settings.sender = SenderGuid(m_options.strSender);
+  settings.retry = std::chrono::seconds(m_options.uRetrySeconds);
+  ISendEvents& events = *this;
+  m_pEngine = std::make_unique<CSendEngine>(std::move(settings), events);
   return true;
 }
 
 bool CSender::ConnectFirst() {
-  const auto giveUp = Clock::now() + std::chrono::seconds(m_options.uRetrySeconds);
-  std::string strError;
-  while (!m_connection.Open(m_options.strSocket, m_interrupt, strError)) {
-    if (Clock::now() >= giveUp || CInterrupt::Count() > 0) {
-      m_terminal.Line(strError + "; nothing was sent");
+  while (!m_pEngine->IsReady()) {
+    m_pEngine->Prepare(Clock::now());
+    m_pEngine->Exchange();
+    if (m_pEngine->HasGivenUp() || CInterrupt::Count() > 0) {
+      m_terminal.Line((m_strNoHost.empty() ? "interrupted" : m_strNoHost) + "; nothing was sent");
       return false;
     }
-    strError.clear();
-    m_interrupt.Wait(nullptr, 0, static_cast<int>(kRetryDelay.count()));
+    if (!m_pEngine->IsReady()) {
+      Wait(Clock::now(), false);
+    }
   }
   m_start = Clock::now();
   return true;
 }
 
 void CSender::Loop() {
-  while (!m_bOver) {
+  for (;;) {
     const Clock::time_point now = Clock::now();
     NoticeInterrupts(now);
-    if (!m_connection.IsOpen() && !m_bOver) {
-      Reconnect(now);
-    }
-    if (m_connection.IsOpen()) {
-      SendAgain(now);
+    if (!m_pEngine->HasGivenUp()) {
+      m_pEngine->Prepare(now);
       SendNew();
-      Exchange();
+      m_pEngine->Exchange();
     }
-    if (m_bOver || ((m_bInputEnded || m_bInterrupted) && m_pInFlight->Empty())) {
+    if (m_pEngine->HasGivenUp()) {
+      if (!m_strNoHost.empty()) {
+        m_terminal.Line(m_strNoHost);
+      }
+      return;
+    }
+    if ((m_bInputEnded || m_bInterrupted) && m_pEngine->Empty()) {
       return;
     }
     if (m_terminal.HasProgress()) {
       m_terminal.Progress(m_counts, now);
     }
-    Wait(Clock::now());
+    Wait(Clock::now(), true);
   }
 }
 
@@ -109,46 +114,17 @@ void CSender::NoticeInterrupts(Clock::time_point now) {
   if (iSignals > 0 && !m_bInterrupted) {
     m_bInterrupted = true;
     m_stopBy = now + kInterruptGrace;
+    m_pEngine->StopRetrying();
   }
-  if (m_bInterrupted && (now >= m_stopBy || iSignals > 1 || !m_connection.IsOpen())) {
-    GiveUp();
-  }
-}
-
-void CSender::Reconnect(Clock::time_point now) {
-  if (now < m_nextConnect) {
-    return;
-  }
-  std::string strError;
-  if (m_connection.Open(m_options.strSocket, m_interrupt, strError)) {
-    m_terminal.Line("connected again");
-    return;
-  }
-  m_nextConnect = Clock::now() + kRetryDelay;
-  if (Clock::now() >= m_lostAt + std::chrono::seconds(m_options.uRetrySeconds)) {
-    m_terminal.Line(strError);
-    GiveUp();
-  }
-}
-
-bool CSender::HasSendRoom() const {
-  return m_connection.Unsent() < kMaxOutput && m_pInFlight->OnWire() < m_connection.Welcome().uWindow;
-}
-
-void CSender::SendAgain(Clock::time_point now) {
-  while (HasSendRoom()) {
-    PendingRecord* pRecord = m_pInFlight->NextToSend(now);
-    if (pRecord == nullptr) {
-      return;
-    }
-    SendRecord(*pRecord);
+  if (m_bInterrupted && (now >= m_stopBy || iSignals > 1 || !m_pEngine->IsReady())) {
+    m_pEngine->GiveUp();
   }
 }
 
 void CSender::SendNew() {
   unsigned int uReads = 0;
   m_bInputBlocked = false;
-  while (!m_bInputEnded && !m_bInterrupted && m_pInFlight->HasRoom() && HasSendRoom()) {
+  while (!m_bInputEnded && !m_bInterrupted && m_pEngine->HasRoom() && m_pEngine->CanSend()) {
     Record record;
     switch (m_pInput->Next(record)) {
       case CRecordReader::Step::End:
@@ -172,143 +148,70 @@ void CSender::SendNew() {
         } else if (record.svBytes.find('\0') != std::string_view::npos) {
           m_report.Add(m_pInput->Source(), record.u64Number, CFailureReport::Cause::ZeroByte, 0, record.svBytes, false);
         } else {
-          PendingRecord& pending = m_pInFlight->Take();
+          PendingRecord& pending = m_pEngine->Take();
+          pending.uType = m_builder.Type();
           pending.uSource = m_pInput->Source();
           pending.u64Number = record.u64Number;
           m_builder.Build(record.svBytes, pending.strPayload);
-          m_pInFlight->Charge(pending);
           ++m_counts.u64Sent;
-          SendRecord(pending);
+          m_pEngine->Submit(pending);
         }
         break;
     }
   }
 }
 
-void CSender::SendRecord(PendingRecord& record) {
-  // After a reconnection the host may take less than the one that the input was cut for.
-  if (record.strPayload.size() + kIngressMessageHeaderSize > m_connection.Welcome().uMaxFrame) {
-    Fail(record, CFailureReport::Cause::TooLong, 0);
-    return;
-  }
-  const uint64_t u64RequestId = m_pInFlight->MarkSent(record);
-  AppendMessage(m_connection.Output(), {m_builder.Type(), u64RequestId, m_sender, record.strPayload});
+void CSender::Accepted(const PendingRecord&) {
+  ++m_counts.u64Accepted;
 }
 
-void CSender::Exchange() {
-  std::string strError;
-  const bool bAlive = m_connection.Flush(strError) && m_connection.Receive(m_vecAnswers, strError);
-  const Clock::time_point now = Clock::now();
-  HandleAnswers(now);
-  if (!bAlive) {
-    ConnectionLost(strError, now);
-  }
-}
-
-void CSender::HandleAnswers(Clock::time_point now) {
-  for (const IngressAnswer& answer : m_vecAnswers) {
-    PendingRecord* pRecord = m_pInFlight->Find(answer.u64RequestId);
-    if (pRecord == nullptr) {
-      continue;
-    }
-    if (answer.uStatus != 0) {
-      Refused(*pRecord, answer.uStatus, now);
-    } else {
-      ++m_counts.u64Accepted;
-      m_pInFlight->Release(*pRecord);
-    }
-  }
-  m_vecAnswers.clear();
-}
-
-void CSender::Refused(PendingRecord& record, uint32_t uStatus, Clock::time_point now) {
-  record.uLastStatus = uStatus;
-  if (!record.giveUp) {
-    record.giveUp = now + std::chrono::seconds(m_options.uRetrySeconds);
-  }
-  if (now + kRetryDelay >= *record.giveUp || m_bInterrupted) {
+void CSender::Failed(const PendingRecord& record, SendFailure failure, uint32_t uStatus) {
+  if (failure == SendFailure::Refused) {
     ++m_counts.u64Refused;
-    Fail(record, CFailureReport::Cause::Refused, uStatus);
-  } else {
-    m_pInFlight->MarkToSend(record, now + kRetryDelay);
   }
-}
-
-void CSender::ConnectionLost(const std::string& strWhy, Clock::time_point now) {
-  m_connection.Close();
-  const bool bNothingLeft = m_bInputEnded && m_pInFlight->Empty();
-  if (bNothingLeft) {
-    return;
-  }
-  m_terminal.Line(strWhy);
-  m_lostAt = now;
-  m_nextConnect = now;
-  if (m_options.uRetrySeconds == 0 || m_bInterrupted) {
-    GiveUp();
-    return;
-  }
-  m_pInFlight->ForEachUsed([&](PendingRecord& record) {
-    if (record.state == PendingRecord::State::OnWire) {
-      if (!record.giveUp) {
-        record.giveUp = now + std::chrono::seconds(m_options.uRetrySeconds);
-      }
-      if (now >= *record.giveUp) {
-        Fail(record, CFailureReport::Cause::NoAnswer, 0);
-      } else {
-        m_pInFlight->MarkToSend(record, now);
-      }
-    }
-  });
-}
-
-void CSender::GiveUp() {
-  m_bOver = true;
-  std::vector<PendingRecord*> vecLeft;
-  m_pInFlight->ForEachUsed([&](PendingRecord& record) { vecLeft.push_back(&record); });
-  std::sort(vecLeft.begin(), vecLeft.end(), [](const PendingRecord* pLeft, const PendingRecord* pRight) {
-    return std::tie(pLeft->uSource, pLeft->u64Number) < std::tie(pRight->uSource, pRight->u64Number);
-  });
-  for (PendingRecord* pRecord : vecLeft) {
-    if (pRecord->state == PendingRecord::State::ToSend && pRecord->uLastStatus != 0) {
-      ++m_counts.u64Refused;
-      Fail(*pRecord, CFailureReport::Cause::Refused, pRecord->uLastStatus);
-    } else {
-      Fail(*pRecord, CFailureReport::Cause::NoAnswer, 0);
-    }
-  }
-}
-
-void CSender::Fail(PendingRecord& record, CFailureReport::Cause cause, uint32_t uStatus) {
-  m_report.Add(record.uSource, record.u64Number, cause, uStatus,
+  m_report.Add(record.uSource, record.u64Number, CauseOf(failure), uStatus,
                std::string_view(record.strPayload).substr(m_builder.Overhead()), false);
-  m_pInFlight->Release(record);
 }
 
-void CSender::Wait(Clock::time_point now) {
+void CSender::Connected() {
+  m_strNoHost.clear();
+  if (m_pInput) {
+    m_terminal.Line("connected again");
+  }
+}
+
+void CSender::Disconnected(const std::string& strWhy) {
+  if (!m_bInputEnded || !m_pEngine->Empty()) {
+    m_terminal.Line(strWhy);
+  }
+}
+
+// bInput: for more input, too.
+void CSender::Wait(Clock::time_point now, bool bInput) {
   std::array<pollfd, 2> aDescriptors{};
   size_t uCount = 0;
   Clock::time_point until = now + (m_terminal.HasProgress() ? kProgressWait : kIdleWait);
-  if (m_connection.IsOpen()) {
-    const short iEvents = static_cast<short>(POLLIN | (m_connection.Unsent() > 0 ? POLLOUT : 0));
-    aDescriptors[uCount++] = {m_connection.Descriptor(), iEvents, 0};
-    if (const auto due = m_pInFlight->NextDue()) {
-      until = std::min(until, *due);
-    }
-    const bool bWantInput = !m_bInputEnded && !m_bInterrupted && m_pInFlight->HasRoom() && HasSendRoom();
-    if (bWantInput && m_bInputBlocked) {
+  if (const auto next = m_pEngine->NextTurn()) {
+    until = std::min(until, *next);
+  }
+  if (m_pEngine->Descriptor() >= 0) {
+    const short iEvents = static_cast<short>(POLLIN | (m_pEngine->WantsToWrite() ? POLLOUT : 0));
+    aDescriptors[uCount++] = {m_pEngine->Descriptor(), iEvents, 0};
+  }
+  const size_t uInputAt = uCount;
+  if (bInput && !m_bInputEnded && !m_bInterrupted && m_pEngine->HasRoom() && m_pEngine->CanSend()) {
+    if (m_bInputBlocked) {
       aDescriptors[uCount++] = {m_pInput->Descriptor(), POLLIN, 0};
-    } else if (bWantInput) {
+    } else {
       until = now;
     }
-  } else {
-    until = std::min(until, m_nextConnect);
   }
   if (m_bInterrupted) {
     until = std::min(until, m_stopBy);
   }
   const auto left = std::chrono::ceil<milliseconds>(until - now);
   m_interrupt.Wait(aDescriptors.data(), uCount, static_cast<int>(std::max<milliseconds::rep>(left.count(), 0)));
-  if (uCount == 2 && aDescriptors[1].revents != 0) {
+  if (uCount > uInputAt && aDescriptors[uInputAt].revents != 0) {
     m_pInput->Read();
   }
 }

@@ -1,4 +1,4 @@
-#include "tools/qmsend/message_builder.h"
+#include "client/core/message_builder.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,4 @@
-#include "tools/qmsend/in_flight.h"
-
-#include <numeric>
+#include "client/core/in_flight.h"
 
 namespace {
 
@@ -9,19 +7,20 @@ constexpr size_t kKeptPayload = 16U << 10;
 
 }  // namespace
 
-CInFlight::CInFlight(size_t uSlots, size_t uMaxBytes) : m_uMaxBytes(uMaxBytes), m_vecSlots(uSlots), m_vecFree(uSlots) {
-  std::iota(m_vecFree.begin(), m_vecFree.end(), 0U);
-}
-
-bool CInFlight::HasRoom() const {
-  return !m_vecFree.empty() && (m_uBytes < m_uMaxBytes || Empty());
-}
-
 PendingRecord& CInFlight::Take() {
-  const uint32_t uSlot = m_vecFree.back();
+  if (m_vecFree.empty()) {
+    // Room to give every slot back, which must not fail later.
+    if (m_vecFree.capacity() <= m_queSlots.size()) {
+      m_vecFree.reserve(2 * m_queSlots.size() + 64);
+    }
+    m_queSlots.emplace_back();
+    m_queSlots.back().uSlot = static_cast<uint32_t>(m_queSlots.size() - 1);
+    m_vecFree.push_back(m_queSlots.back().uSlot);
+  }
+  PendingRecord& record = m_queSlots[m_vecFree.back()];
   m_vecFree.pop_back();
-  PendingRecord& record = m_vecSlots[uSlot];
   record.state = PendingRecord::State::ToSend;
+  record.bSent = false;
   record.giveUp.reset();
   record.uLastStatus = 0;
   return record;
@@ -31,24 +30,25 @@ uint64_t CInFlight::MarkSent(PendingRecord& record) {
   record.state = PendingRecord::State::OnWire;
   ++m_uOnWire;
   ++record.uGeneration;
-  return static_cast<uint64_t>(record.uGeneration) << 32 | IndexOf(record);
+  record.bSent = true;
+  return static_cast<uint64_t>(record.uGeneration) << 32 | record.uSlot;
 }
 
 void CInFlight::MarkToSend(PendingRecord& record, PendingRecord::TimePoint due) {
+  m_queToSend.push_back(record.uSlot);
   if (record.state == PendingRecord::State::OnWire) {
     --m_uOnWire;
   }
   record.state = PendingRecord::State::ToSend;
   record.due = due;
-  m_queToSend.push_back(static_cast<uint32_t>(IndexOf(record)));
 }
 
 PendingRecord* CInFlight::Find(uint64_t u64RequestId) {
   const auto uSlot = static_cast<uint32_t>(u64RequestId);
-  if (uSlot >= m_vecSlots.size()) {
+  if (uSlot >= m_queSlots.size()) {
     return nullptr;
   }
-  PendingRecord& record = m_vecSlots[uSlot];
+  PendingRecord& record = m_queSlots[uSlot];
   return record.state == PendingRecord::State::OnWire && record.uGeneration == u64RequestId >> 32 ? &record : nullptr;
 }
 
@@ -62,14 +62,14 @@ void CInFlight::Release(PendingRecord& record) {
   if (record.strPayload.capacity() > kKeptPayload) {
     record.strPayload.shrink_to_fit();
   }
-  m_vecFree.push_back(static_cast<uint32_t>(IndexOf(record)));
+  m_vecFree.push_back(record.uSlot);
 }
 
 PendingRecord* CInFlight::NextToSend(PendingRecord::TimePoint now) {
-  if (m_queToSend.empty() || m_vecSlots[m_queToSend.front()].due > now) {
+  if (m_queToSend.empty() || m_queSlots[m_queToSend.front()].due > now) {
     return nullptr;
   }
-  PendingRecord* pRecord = &m_vecSlots[m_queToSend.front()];
+  PendingRecord* pRecord = &m_queSlots[m_queToSend.front()];
   m_queToSend.pop_front();
   return pRecord;
 }
@@ -78,5 +78,5 @@ std::optional<PendingRecord::TimePoint> CInFlight::NextDue() const {
   if (m_queToSend.empty()) {
     return std::nullopt;
   }
-  return m_vecSlots[m_queToSend.front()].due;
+  return m_queSlots[m_queToSend.front()].due;
 }

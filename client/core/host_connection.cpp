@@ -1,20 +1,20 @@
-#include "tools/qmsend/host_connection.h"
+#include "client/core/host_connection.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <system_error>
 
 namespace {
 
-constexpr std::chrono::seconds kWelcomeTimeout{10};
 constexpr size_t kInputSize = 256U << 10;
+constexpr unsigned int kReadsATurn = 4;
 // No frame of the host is longer; texts are cut there.
 constexpr uint32_t kLongestAnswer = 64U << 10;
+constexpr char kClosed[] = "the host closed the connection";
 
 std::string ErrorText(int iError) {
   return std::generic_category().message(iError);
@@ -30,7 +30,7 @@ CHostConnection::~CHostConnection() {
   Close();
 }
 
-bool CHostConnection::Open(const std::string& strPath, CInterrupt& interrupt, std::string& strError) {
+bool CHostConnection::Begin(const std::string& strPath, std::string& strError) {
   Close();
   m_vecInput.resize(kInputSize);
   if (!Connect(strPath, strError)) {
@@ -38,8 +38,7 @@ bool CHostConnection::Open(const std::string& strPath, CInterrupt& interrupt, st
     return false;
   }
   AppendHello(m_strOutput);
-  if (!Flush(strError) || !AwaitWelcome(interrupt, strError)) {
-    strError = "no connection with '" + strPath + "': " + strError;
+  if (!Flush(strError)) {
     Close();
     return false;
   }
@@ -51,6 +50,7 @@ void CHostConnection::Close() {
     ::close(m_iSocket);
   }
   m_iSocket = -1;
+  m_bReady = false;
   m_strOutput.clear();
   m_uSent = 0;
   m_uBegin = 0;
@@ -76,43 +76,6 @@ bool CHostConnection::Connect(const std::string& strPath, std::string& strError)
   return true;
 }
 
-bool CHostConnection::AwaitWelcome(CInterrupt& interrupt, std::string& strError) {
-  const auto end = std::chrono::steady_clock::now() + kWelcomeTimeout;
-  for (;;) {
-    const ssize_t iRead = ::recv(m_iSocket, m_vecInput.data() + m_uEnd, m_vecInput.size() - m_uEnd, 0);
-    if (iRead > 0) {
-      m_uEnd += static_cast<size_t>(iRead);
-      std::string_view svFrame;
-      if (NextFrame(svFrame, strError)) {
-        IngressFailure failure{};
-        std::string_view svText;
-        if (ReadWelcome(svFrame, m_welcome) && m_welcome.uVersion == kIngressVersion && m_welcome.uWindow > 0) {
-          return true;
-        }
-        strError = ReadFailure(svFrame, failure, svText) ? DescribeFailure(svText) : "its welcome makes no sense";
-        return false;
-      }
-      if (!strError.empty()) {
-        return false;
-      }
-      continue;
-    }
-    if (iRead == 0 || (errno != EAGAIN && errno != EINTR)) {
-      strError = iRead == 0 || errno == ECONNRESET ? "the host closed it at once; perhaps this user may not send, or "
-                                                     "too many connections are open"
-                                                   : ErrorText(errno);
-      return false;
-    }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || CInterrupt::Count() > 0) {
-      strError = left.count() <= 0 ? "the host does not answer" : "interrupted";
-      return false;
-    }
-    pollfd descriptor{m_iSocket, POLLIN, 0};
-    interrupt.Wait(&descriptor, 1, static_cast<int>(left.count()));
-  }
-}
-
 bool CHostConnection::Flush(std::string& strError) {
   while (Unsent() > 0 && !m_bWriteBroken) {
     const ssize_t iSent = ::send(m_iSocket, m_strOutput.data() + m_uSent, Unsent(), MSG_NOSIGNAL);
@@ -136,7 +99,18 @@ bool CHostConnection::Flush(std::string& strError) {
 }
 
 bool CHostConnection::Receive(std::vector<IngressAnswer>& vecAnswers, std::string& strError) {
-  for (;;) {
+  const bool bGreeting = !m_bReady;
+  if (ReceiveFrames(vecAnswers, strError)) {
+    return true;
+  }
+  if (bGreeting && !m_bReady && strError == kClosed) {
+    strError += " at once; perhaps this user may not send, or too many connections are open";
+  }
+  return false;
+}
+
+bool CHostConnection::ReceiveFrames(std::vector<IngressAnswer>& vecAnswers, std::string& strError) {
+  for (unsigned int uReads = 0; uReads < kReadsATurn; ++uReads) {
     if (m_uBegin > 0) {
       std::memmove(m_vecInput.data(), m_vecInput.data() + m_uBegin, m_uEnd - m_uBegin);
       m_uEnd -= m_uBegin;
@@ -156,14 +130,14 @@ bool CHostConnection::Receive(std::vector<IngressAnswer>& vecAnswers, std::strin
       if (!m_bWriteBroken) {
         return true;
       }
-      strError = "the host closed the connection";
+      strError = kClosed;
       return false;
     } else if (iRead == 0 || errno != EINTR) {
-      strError =
-          iRead == 0 || errno == ECONNRESET ? "the host closed the connection" : "cannot receive: " + ErrorText(errno);
+      strError = iRead == 0 || errno == ECONNRESET ? kClosed : "cannot receive: " + ErrorText(errno);
       return false;
     }
   }
+  return true;
 }
 
 bool CHostConnection::TakeFrames(std::vector<IngressAnswer>& vecAnswers, std::string& strError) {
@@ -172,18 +146,34 @@ bool CHostConnection::TakeFrames(std::vector<IngressAnswer>& vecAnswers, std::st
     IngressAnswer answer;
     IngressFailure failure{};
     std::string_view svText;
-    if (ReadAnswer(svFrame, answer)) {
-      answer.svText = {};
-      vecAnswers.push_back(answer);
-    } else if (ReadFailure(svFrame, failure, svText)) {
+    if (ReadFailure(svFrame, failure, svText)) {
       strError = DescribeFailure(svText);
       return false;
+    }
+    if (!m_bReady) {
+      if (!TakeWelcome(svFrame, strError)) {
+        return false;
+      }
+    } else if (ReadAnswer(svFrame, answer)) {
+      answer.svText = {};
+      vecAnswers.push_back(answer);
     } else {
       strError = "the host sent a frame that makes no sense";
       return false;
     }
   }
   return strError.empty();
+}
+
+bool CHostConnection::TakeWelcome(std::string_view svFrame, std::string& strError) {
+  IngressWelcome welcome;
+  if (!ReadWelcome(svFrame, welcome) || welcome.uVersion != kIngressVersion || welcome.uWindow == 0) {
+    strError = "the host's welcome makes no sense";
+    return false;
+  }
+  m_welcome = welcome;
+  m_bReady = true;
+  return true;
 }
 
 bool CHostConnection::NextFrame(std::string_view& svFrame, std::string& strError) {

@@ -1,6 +1,6 @@
-// The records that were taken from the input and whose fate is not known yet.
-#ifndef QMLOGCACHE_TOOLS_QMSEND_IN_FLIGHT_H_
-#define QMLOGCACHE_TOOLS_QMSEND_IN_FLIGHT_H_
+// The records that were handed in and whose fate is not known yet.
+#ifndef QMLOGCACHE_CLIENT_CORE_IN_FLIGHT_H_
+#define QMLOGCACHE_CLIENT_CORE_IN_FLIGHT_H_
 
 #include <chrono>
 #include <cstddef>
@@ -16,10 +16,15 @@ struct PendingRecord {
   enum class State { Free, OnWire, ToSend };
 
   State state = State::Free;
+  uint32_t uSlot = 0;
   uint32_t uGeneration = 0;  // tells an answer to an earlier sending from one to this
+  uint32_t uType = 0;        // of the message
   std::string strPayload;
+  // What the one who handed it in knows it by.
   size_t uSource = 0;
   uint64_t u64Number = 0;
+  uint64_t u64Order = 0;            // in which records were handed in
+  bool bSent = false;               // once at least
   std::optional<TimePoint> giveUp;  // set by the first failure
   TimePoint due{};                  // ToSend: not before
   uint32_t uLastStatus = 0;         // of the last refusal, 0 when there was none
@@ -27,15 +32,17 @@ struct PendingRecord {
 
 class CInFlight {
  public:
-  // uSlots: how many records at most; uMaxBytes: of all payloads together, but one record is always taken.
-  CInFlight(size_t uSlots, size_t uMaxBytes);
+  // uMaxRecords: how many records at most; uMaxBytes: of all payloads together, but one record is always taken.
+  CInFlight(size_t uMaxRecords, size_t uMaxBytes) : m_uMaxRecords(uMaxRecords), m_uMaxBytes(uMaxBytes) {}
 
-  bool HasRoom() const;
-  bool Empty() const { return m_vecFree.size() == m_vecSlots.size(); }
-  size_t Count() const { return m_vecSlots.size() - m_vecFree.size(); }
+  // What is there stays, however many.
+  void LimitRecords(size_t uMaxRecords) { m_uMaxRecords = uMaxRecords; }
+  bool HasRoom() const { return Count() < m_uMaxRecords && (m_uBytes < m_uMaxBytes || Empty()); }
+  bool Empty() const { return Count() == 0; }
+  size_t Count() const { return m_queSlots.size() - m_vecFree.size(); }
   size_t OnWire() const { return m_uOnWire; }
 
-  // A slot in state ToSend; its payload string is to be filled, then Charge is called.
+  // A record in state ToSend, whose address stays; its payload string is to be filled, then Charge is called.
   PendingRecord& Take();
   void Charge(const PendingRecord& record) { m_uBytes += record.strPayload.size(); }
   // Gives the record a new request id.
@@ -43,7 +50,9 @@ class CInFlight {
   void MarkToSend(PendingRecord& record, PendingRecord::TimePoint due);
   // The record that waits for the answer to that request; null for any other id.
   PendingRecord* Find(uint64_t u64RequestId);
+  // Not one that is queued to be sent, unless the queue is forgotten.
   void Release(PendingRecord& record);
+  void ForgetQueue() { m_queToSend.clear(); }
 
   // The records to be sent, oldest first as they were marked; null when there is none that is due.
   PendingRecord* NextToSend(PendingRecord::TimePoint now);
@@ -51,7 +60,7 @@ class CInFlight {
 
   template <typename Function>
   void ForEachUsed(Function fnVisit) {
-    for (PendingRecord& record : m_vecSlots) {
+    for (PendingRecord& record : m_queSlots) {
       if (record.state != PendingRecord::State::Free) {
         fnVisit(record);
       }
@@ -59,14 +68,13 @@ class CInFlight {
   }
 
  private:
-  size_t IndexOf(const PendingRecord& record) const { return static_cast<size_t>(&record - m_vecSlots.data()); }
-
+  size_t m_uMaxRecords;
   const size_t m_uMaxBytes;
-  std::vector<PendingRecord> m_vecSlots;
+  std::deque<PendingRecord> m_queSlots;  // as many as were ever needed at once
   std::vector<uint32_t> m_vecFree;
   std::deque<uint32_t> m_queToSend;  // in the order of marking
   size_t m_uBytes = 0;
   size_t m_uOnWire = 0;
 };
 
-#endif  // QMLOGCACHE_TOOLS_QMSEND_IN_FLIGHT_H_
+#endif  // QMLOGCACHE_CLIENT_CORE_IN_FLIGHT_H_

@@ -1,6 +1,6 @@
 // Which message a record becomes.
-#ifndef QMLOGCACHE_TOOLS_QMSEND_MESSAGE_BUILDER_H_
-#define QMLOGCACHE_TOOLS_QMSEND_MESSAGE_BUILDER_H_
+#ifndef QMLOGCACHE_CLIENT_CORE_MESSAGE_BUILDER_H_
+#define QMLOGCACHE_CLIENT_CORE_MESSAGE_BUILDER_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -40,4 +40,4 @@ class CMessageBuilder {
   ComboHeader m_header{};
 };
 
-#endif  // QMLOGCACHE_TOOLS_QMSEND_MESSAGE_BUILDER_H_
+#endif  // QMLOGCACHE_CLIENT_CORE_MESSAGE_BUILDER_H_
