@@ -12,7 +12,9 @@ using std::chrono::milliseconds;
 
 constexpr size_t kMaxOutput = 1U << 20;
 constexpr std::chrono::seconds kWelcomeTimeout{10};
+// Until a refused record is sent again; the longer where that goes on without end.
 constexpr milliseconds kRetryDelay{100};
+constexpr milliseconds kLongRetryDelay{1000};
 // Between attempts to connect; it doubles up to the longest where the host is waited for without end.
 constexpr milliseconds kConnectDelay{100};
 constexpr milliseconds kLongestConnectDelay{2000};
@@ -150,13 +152,14 @@ void CSendEngine::HandleAnswers(Clock::time_point now) {
 }
 
 void CSendEngine::HandleRefusal(PendingRecord& record, uint32_t uStatus, Clock::time_point now) {
+  const milliseconds delay = m_settings.retry ? kRetryDelay : kLongRetryDelay;
   const bool bFinal = m_settings.bKnowsFinalRefusals && IsRecordAtFault(uStatus);
-  if (bFinal || !TriesAgain(record, now, kRetryDelay)) {
+  if (bFinal || !TriesAgain(record, now, delay)) {
     Fail(record, SendFailure::Refused, uStatus);
     return;
   }
   record.uLastStatus = uStatus;
-  m_inFlight.MarkToSend(record, now + kRetryDelay);
+  m_inFlight.MarkToSend(record, now + delay);
   m_events.Refused(uStatus);
 }
 
@@ -177,6 +180,8 @@ void CSendEngine::Drop(const std::string& strWhy) {
 }
 
 void CSendEngine::Lost(const std::string& strWhy, Clock::time_point now) {
+  // First: without the memory for it nothing has changed.
+  const std::vector<PendingRecord*> vecOnWire = InOrder(true);
   Close();
   m_lostAt = now;
   // A host that stops still listens for a moment.
@@ -186,7 +191,7 @@ void CSendEngine::Lost(const std::string& strWhy, Clock::time_point now) {
     GiveUp();
     return;
   }
-  for (PendingRecord* pRecord : InOrder(true)) {
+  for (PendingRecord* pRecord : vecOnWire) {
     if (TriesAgain(*pRecord, now, milliseconds{0})) {
       pRecord->uLastStatus = 0;
       m_inFlight.MarkToSend(*pRecord, {});
@@ -197,8 +202,9 @@ void CSendEngine::Lost(const std::string& strWhy, Clock::time_point now) {
 }
 
 void CSendEngine::GiveUp() {
+  const std::vector<PendingRecord*> vecAll = InOrder(false);
   m_bGivenUp = true;
-  for (PendingRecord* pRecord : InOrder(false)) {
+  for (PendingRecord* pRecord : vecAll) {
     if (pRecord->state == PendingRecord::State::ToSend && pRecord->uLastStatus != 0) {
       Fail(*pRecord, SendFailure::Refused, pRecord->uLastStatus);
     } else {
