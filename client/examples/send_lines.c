@@ -3,18 +3,18 @@
 #include <stdio.h>
 #include <string.h>
 
-static void on_result(void *user, uint64_t cookie, enum qm_client_outcome outcome, uint32_t status) {
+static void on_result(void* user, uint64_t cookie, enum qm_client_outcome outcome, uint32_t status) {
   if (outcome != QM_CLIENT_ACCEPTED) {
-    ++*(int *)user;
+    ++*(int*)user;
     fprintf(stderr, "line %lu was not accepted: %s\n", (unsigned long)cookie, qm_client_status_text(status));
   }
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   struct qm_client_options options = QM_CLIENT_OPTIONS_INIT;
   struct qm_client_record record = QM_CLIENT_RECORD_INIT;
   static char line[65536];
-  qm_client *client;
+  qm_client* client;
   int failed = 0, error;
 
   options.socket = argc > 1 ? argv[1] : NULL;

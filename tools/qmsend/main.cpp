@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "host/protocol/standard_descriptors.h"
+#include "tools/qmsend/follow/follower.h"
 #include "tools/qmsend/options.h"
 #include "tools/qmsend/sender.h"
 
@@ -14,7 +15,7 @@ int main(int iCount, char** ppszArguments) {
     if (!ParseOptions(iCount, ppszArguments, options, iExitCode)) {
       return iExitCode;
     }
-    return CSender(options).Run();
+    return options.strFollow.empty() ? CSender(options).Run() : CFollower(options).Run();
   } catch (const std::exception& error) {
     std::fprintf(stderr, "qmsend: stopped by an error: %s\n", error.what());
     return kExitSomeNotAccepted;

@@ -30,7 +30,14 @@ constexpr char kFooter[] =
     "The counts of --summary add up to the records read: accepted, refused (by the component), skipped (empty),\n"
     "too_long and zero_byte (not sent), unanswered.\n"
     "\n"
-    "Exit status: 0 every record was accepted, 1 some were not, 2 wrong usage or no connection.";
+    "With --follow lines that a host does not take now, or that found no host, are waited with and sent again; only a\n"
+    "line that can never be sent is named and passed over. How far everything is accepted is noted at least once a\n"
+    "second and before half the host's window was sent on; after a crash the lines behind that are sent again, at "
+    "most\n"
+    "one window (1024 unless configured). A log that is not there is waited for. SIGTERM and SIGINT end it in order.\n"
+    "\n"
+    "Exit status: 0 every record was accepted (--follow: it was ended by a signal), 1 some were not (--follow: the\n"
+    "position could not be noted at the end), 2 wrong usage or no connection.";
 
 template <typename T>
 using Named = std::pair<const char*, T>;
@@ -58,10 +65,18 @@ T ValueOf(const Named<T> (&aNamed)[uCount], const std::string& strName) {
       ->second;
 }
 
-std::string DefaultSocket() {
+// The data directory of the installation that this program belongs to.
+std::string DataDirectory() {
   std::error_code error;
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
-  return error ? std::string("data/qmhost.sock") : (self.parent_path().parent_path() / "data" / "qmhost.sock").string();
+  return error ? std::string("data") : (self.parent_path().parent_path() / "data").string();
+}
+
+// Each log has a position of its own; of two whose paths give the same name the second is refused.
+std::string DefaultPosition(const std::string& strLog) {
+  std::string strName = strLog.substr(strLog.find_first_not_of('/'));
+  std::replace(strName.begin(), strName.end(), '/', '-');
+  return DataDirectory() + "/qmsend/" + strName + ".position";
 }
 
 std::string DefaultSender() {
@@ -82,7 +97,7 @@ bool ParseOptions(int iCount, const char* const* ppszArguments, SendOptions& opt
   app.footer(kFooter);
   app.set_version_flag("--version", std::string("qmsend ") + QMSEND_VERSION);
 
-  options.strSocket = DefaultSocket();
+  options.strSocket = DataDirectory() + "/qmhost.sock";
   options.strSender = DefaultSender();
   bool bNul = false;
   bool bWholeFile = false;
@@ -112,7 +127,18 @@ bool ParseOptions(int iCount, const char* const* ppszArguments, SendOptions& opt
   app.add_flag("--quiet", options.bQuiet, "No progress and no summary; what was not accepted is still named");
   app.add_option("--summary", options.strSummary, "Write the final counts to this file, as lines of KEY VALUE")
       ->type_name("FILE");
-  app.add_option("files", options.vecFiles, "Files to read; '-' or none: standard input")->type_name("FILE");
+  CLI::Option* pFollow =
+      app.add_option("--follow", options.strFollow,
+                     "Send the lines of this log as they are appended, on over rotations and restarts, until a signal")
+          ->type_name("FILE")
+          ->excludes("--whole-file", "--retry", "--summary");
+  app.add_option("--position", options.strPosition,
+                 "Where --follow notes how far it is (default: a file in " + DataDirectory() + "/qmsend)")
+      ->type_name("FILE")
+      ->needs(pFollow);
+  app.add_option("files", options.vecFiles, "Files to read; '-' or none: standard input")
+      ->type_name("FILE")
+      ->excludes(pFollow);
 
   try {
     app.parse(iCount, ppszArguments);
@@ -129,6 +155,17 @@ bool ParseOptions(int iCount, const char* const* ppszArguments, SendOptions& opt
     std::cerr << "qmsend: --sender: the name is empty\n";
     iExitCode = kExitUsageOrConnection;
     return false;
+  }
+  if (pFollow->count() > 0) {
+    options.strFollow = std::filesystem::absolute(options.strFollow).lexically_normal().string();
+    if (options.strFollow.back() == '/') {
+      std::cerr << "qmsend: --follow: " << options.strFollow << " is not a file\n";
+      iExitCode = kExitUsageOrConnection;
+      return false;
+    }
+    if (options.strPosition.empty()) {
+      options.strPosition = DefaultPosition(options.strFollow);
+    }
   }
   options.message.priority = ValueOf(kPriorities, strPriority);
   options.message.kind = ValueOf(kKinds, strKind);

@@ -21,6 +21,8 @@ struct SendOptions {
   bool bQuiet = false;
   std::string strSummary;             // empty: no summary file
   std::vector<std::string> vecFiles;  // never empty
+  std::string strFollow;              // absolute path of the log to follow; empty: none
+  std::string strPosition;            // where its position is kept
 };
 
 // False when the program is to end with iExitCode: help or version was printed, or what is wrong with the arguments.

@@ -58,6 +58,12 @@ size_t CRecordReader::Found(size_t uEnd, Record& record) {
 }
 
 CRecordReader::Input CRecordReader::ReadFrom(int iDescriptor) {
+  const Input input = ReadOn(iDescriptor);
+  m_bEnded = input == Input::Ended || input == Input::Failed;
+  return input;
+}
+
+CRecordReader::Input CRecordReader::ReadOn(int iDescriptor) {
   Reserve();
   const ssize_t iRead = ::read(iDescriptor, m_pBuffer.get() + m_uEnd, m_uCapacity - m_uEnd);
   if (iRead > 0) {
@@ -67,7 +73,6 @@ CRecordReader::Input CRecordReader::ReadFrom(int iDescriptor) {
   if (iRead < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
     return Input::None;
   }
-  m_bEnded = true;
   return iRead == 0 ? Input::Ended : Input::Failed;
 }
 

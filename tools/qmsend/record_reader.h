@@ -24,11 +24,15 @@ class CRecordReader {
 
   CRecordReader(RecordMode mode, size_t uMaxRecord);
 
-  // The next record of what was read. Its bytes stay valid until the next ReadFrom or Restart.
+  // The next record of what was read. Its bytes stay valid until the next ReadFrom, ReadOn or Restart.
   Step Next(Record& record);
   // Reads once. None: nothing there now (a non-blocking descriptor). Failed: errno says why, the stream counts as
   // ended.
   Input ReadFrom(int iDescriptor);
+  // The same for a stream that may go on behind its end: neither Ended nor Failed ends it.
+  Input ReadOn(int iDescriptor);
+  // Ends it.
+  void End() { m_bEnded = true; }
   // A new stream; records are numbered from 1 again.
   void Restart();
   uint64_t LastNumber() const { return m_u64Number; }

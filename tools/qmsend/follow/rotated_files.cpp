@@ -1,0 +1,167 @@
+#include "tools/qmsend/follow/rotated_files.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <filesystem>
+#include <functional>
+#include <system_error>
+#include <tuple>
+
+namespace {
+
+constexpr std::string_view kCompressed[] = {".gz", ".xz", ".bz2", ".zst", ".lz4", ".lzma", ".Z", ".zip"};
+
+// Opens a listed file unless the name belongs to another by now.
+std::shared_ptr<CLogFile> OpenListed(const RotatedFile& file) {
+  std::string strIgnored;
+  auto pFile = CLogFile::Open(file.strPath, strIgnored);
+  return pFile && pFile->IsAt(file.info) ? pFile : nullptr;
+}
+
+// The first of the files that come after, and what of them cannot be read.
+Successor FirstOf(const std::string& strLog, const std::vector<RotatedFile>& vecFiles,
+                  const std::function<bool(const RotatedFile&)>& fnComesAfter, const CLogFile* pCurrent) {
+  Successor successor;
+  for (const RotatedFile& file : vecFiles) {
+    if (!fnComesAfter(file)) {
+      continue;
+    }
+    if (file.bCompressed) {
+      successor.vecUnreadable.push_back(file.strPath);
+      continue;
+    }
+    successor.pFile = OpenListed(file);
+    return successor;
+  }
+  std::string strIgnored;
+  auto pLog = CLogFile::Open(strLog, strIgnored);
+  struct stat info {};
+  if (pLog && !(pCurrent != nullptr && ::fstat(pLog->Descriptor(), &info) == 0 && pCurrent->IsAt(info))) {
+    successor.pFile = std::move(pLog);
+  }
+  return successor;
+}
+
+}  // namespace
+
+bool IsEarlier(const timespec& first, const timespec& second) {
+  return std::tie(first.tv_sec, first.tv_nsec) < std::tie(second.tv_sec, second.tv_nsec);
+}
+
+std::optional<RotationSuffix> ParseRotationSuffix(std::string_view svSuffix) {
+  RotationSuffix suffix;
+  for (const std::string_view svEnding : kCompressed) {
+    if (svSuffix.ends_with(svEnding)) {
+      suffix.bCompressed = true;
+      svSuffix.remove_suffix(svEnding.size());
+      break;
+    }
+  }
+  if (svSuffix == ".old") {
+    return suffix;
+  }
+  if (svSuffix.size() < 2 || (svSuffix[0] != '.' && svSuffix[0] != '-') ||
+      std::isdigit(static_cast<unsigned char>(svSuffix[1])) == 0 ||
+      svSuffix.find_first_not_of("0123456789-._:T") != std::string_view::npos) {
+    return std::nullopt;
+  }
+  uint64_t u64Number = 0;
+  const char* pEnd = svSuffix.data() + svSuffix.size();
+  const auto result = std::from_chars(svSuffix.data() + 1, pEnd, u64Number);
+  // A greater one is a date or a time.
+  constexpr uint64_t kGreatestNumber = 99999;
+  if (svSuffix[0] == '.' && result.ec == std::errc() && result.ptr == pEnd && u64Number <= kGreatestNumber) {
+    suffix.number = u64Number;
+  }
+  return suffix;
+}
+
+std::vector<RotatedFile> ListRotatedFiles(const std::string& strLog) {
+  const std::filesystem::path log(strLog);
+  const std::string strName = log.filename().string();
+  std::vector<RotatedFile> vecFiles;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(log.parent_path(), error), end; !error && entry != end;
+       entry.increment(error)) {
+    const std::string strEntry = entry->path().filename().string();
+    if (strEntry.compare(0, strName.size(), strName) != 0) {
+      continue;
+    }
+    const auto suffix = ParseRotationSuffix(std::string_view(strEntry).substr(strName.size()));
+    RotatedFile file;
+    if (suffix && ::stat(entry->path().c_str(), &file.info) == 0 && S_ISREG(file.info.st_mode)) {
+      file.strPath = entry->path().string();
+      file.number = suffix->number;
+      file.bCompressed = suffix->bCompressed;
+      vecFiles.push_back(std::move(file));
+    }
+  }
+  std::sort(vecFiles.begin(), vecFiles.end(), [](const RotatedFile& left, const RotatedFile& right) {
+    if (left.number && right.number) {
+      return *left.number > *right.number;
+    }
+    if (left.number.has_value() != right.number.has_value()) {
+      return right.number.has_value();  // which scheme is older cannot be known; each stays together
+    }
+    const timespec& leftTime = left.info.st_mtim;
+    const timespec& rightTime = right.info.st_mtim;
+    return std::tie(leftTime.tv_sec, leftTime.tv_nsec, left.strPath) <
+           std::tie(rightTime.tv_sec, rightTime.tv_nsec, right.strPath);
+  });
+  return vecFiles;
+}
+
+std::shared_ptr<CLogFile> FindPosition(const std::string& strLog, const FollowPosition& position) {
+  std::string strIgnored;
+  const auto fnIsIt = [&](const std::shared_ptr<CLogFile>& pFile) {
+    return pFile && pFile->Device() == position.u64Device && pFile->Inode() == position.u64Inode &&
+           pFile->Holds(position);
+  };
+  auto pLog = CLogFile::Open(strLog, strIgnored);
+  if (fnIsIt(pLog)) {
+    return pLog;
+  }
+  for (const RotatedFile& file : ListRotatedFiles(strLog)) {
+    auto pFile = file.bCompressed || file.info.st_ino != position.u64Inode ? nullptr : OpenListed(file);
+    if (fnIsIt(pFile)) {
+      return pFile;
+    }
+  }
+  auto pCopy = FindCopy(strLog, position);
+  return !pCopy && pLog && !position.strHead.empty() && pLog->Holds(position) ? pLog : pCopy;
+}
+
+std::shared_ptr<CLogFile> FindCopy(const std::string& strLog, const FollowPosition& position) {
+  if (position.strHead.empty()) {
+    return nullptr;
+  }
+  const std::vector<RotatedFile> vecFiles = ListRotatedFiles(strLog);
+  // The newest first: a copy is made at the rotation.
+  for (auto file = vecFiles.rbegin(); file != vecFiles.rend(); ++file) {
+    auto pFile = file->bCompressed ? nullptr : OpenListed(*file);
+    if (pFile && pFile->Holds(position)) {
+      return pFile;
+    }
+  }
+  return nullptr;
+}
+
+Successor FindSuccessor(const std::string& strLog, const CLogFile& current) {
+  const std::vector<RotatedFile> vecFiles = ListRotatedFiles(strLog);
+  const auto self =
+      std::find_if(vecFiles.begin(), vecFiles.end(), [&](const RotatedFile& file) { return current.IsAt(file.info); });
+  if (self == vecFiles.end()) {
+    return FindSuccessor(strLog, current.Modified());
+  }
+  return FirstOf(
+      strLog, vecFiles,
+      [&](const RotatedFile& file) { return &file > &*self && file.number.has_value() == self->number.has_value(); },
+      &current);
+}
+
+Successor FindSuccessor(const std::string& strLog, const timespec& time) {
+  return FirstOf(
+      strLog, ListRotatedFiles(strLog), [&](const RotatedFile& file) { return IsEarlier(time, file.info.st_mtim); },
+      nullptr);
+}
