@@ -1,0 +1,48 @@
+// What the program prints: records on a descriptor, complaints on standard error.
+#ifndef QMLOGCACHE_TOOLS_QMCACHE_OUTPUT_H_
+#define QMLOGCACHE_TOOLS_QMCACHE_OUTPUT_H_
+
+#include <string>
+#include <string_view>
+
+// Thrown when whoever reads the output has gone; not an error. Caught by main alone.
+struct ReaderGone {};
+
+// Buffered. Every function throws ReaderGone, Interruption, or std::system_error when the output cannot be written.
+class COutput {
+ public:
+  // Standard output.
+  COutput();
+  // A new file, or an existing regular one that is emptied; "-" is standard output.
+  explicit COutput(const std::string& strPath);
+  // Does not write what is still buffered: that is Finish's, which can fail.
+  ~COutput();
+  COutput(const COutput&) = delete;
+  COutput& operator=(const COutput&) = delete;
+
+  // The buffer; whole lines are appended here, then EndLine is called.
+  std::string& Buffer() { return m_strBuffer; }
+  // Writes when enough is buffered.
+  void EndLine();
+  void Line(std::string_view svText);
+  // Writes what is buffered; of a file of its own also to the disk.
+  void Finish();
+  bool IsTerminal() const;
+
+ private:
+  void Flush();
+
+  int m_iDescriptor;
+  bool m_bOwned = false;
+  std::string m_strName;
+  std::string m_strBuffer;
+};
+
+// The text as one line that no terminal acts upon: control characters, bytes that are not UTF-8 and marks that change
+// the direction of text are written as \n, \t, \xhh; a backslash as two.
+[[nodiscard]] std::string Printable(std::string_view svText);
+
+// "qmcache: " and the text, made printable, on standard error; a progress bar that is shown there is taken away first.
+void Complain(std::string_view svText);
+
+#endif  // QMLOGCACHE_TOOLS_QMCACHE_OUTPUT_H_
