@@ -23,6 +23,7 @@ PendingRecord& CInFlight::Take() {
   record.bSent = false;
   record.giveUp.reset();
   record.uLastStatus = 0;
+  record.sender.reset();
   return record;
 }
 

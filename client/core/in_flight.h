@@ -11,14 +11,17 @@
 #include <string_view>
 #include <vector>
 
+#include "plugin/compctx/guid.h"
+
 struct PendingRecord {
   using TimePoint = std::chrono::steady_clock::time_point;
   enum class State { Free, OnWire, ToSend };
 
   State state = State::Free;
   uint32_t uSlot = 0;
-  uint32_t uGeneration = 0;  // tells an answer to an earlier sending from one to this
-  uint32_t uType = 0;        // of the message
+  uint32_t uGeneration = 0;    // tells an answer to an earlier sending from one to this
+  uint32_t uType = 0;          // of the message
+  std::optional<GUID> sender;  // none: the settings'
   std::string strPayload;
   // What the one who handed it in knows it by.
   size_t uSource = 0;

@@ -110,7 +110,7 @@ void CSendEngine::Send(PendingRecord& record) {
   // A frame is appended whole or, without the memory, not at all.
   strOutput.reserve(strOutput.size() + kIngressPrefixSize + uFrame);
   const uint64_t u64RequestId = m_inFlight.MarkSent(record);
-  AppendMessage(strOutput, {record.uType, u64RequestId, m_settings.sender, record.strPayload});
+  AppendMessage(strOutput, {record.uType, u64RequestId, record.sender.value_or(m_settings.sender), record.strPayload});
 }
 
 void CSendEngine::Exchange() {

@@ -35,8 +35,18 @@ constexpr char kAllColumns[] =
 constexpr char kKeyAndPriority[] =
     "SELECT rowid, dataid, priv FROM main.logcache WHERE rowid >= ?1 ORDER BY rowid LIMIT ?2";
 
+constexpr int kTries = 20;
+constexpr useconds_t kPauseUs = 20000;
+
 int Primary(int iResult) {
   return iResult & kPrimaryCode;
+}
+
+// What a writer that opens, checkpoints or repairs the file at this moment looks like to a reader that may change
+// nothing.
+bool IsPassing(int iResult) {
+  constexpr std::array<int, 4> kPassing = {SQLITE_READONLY, SQLITE_CANTOPEN, SQLITE_BUSY, SQLITE_PROTOCOL};
+  return std::find(kPassing.begin(), kPassing.end(), Primary(iResult)) != kPassing.end();
 }
 
 bool IsDamage(int iResult) {
@@ -162,6 +172,7 @@ void CCacheReader::Close() {
 
 FileState CCacheReader::Fail(int iResult, const char* pszWhat) {
   EndIfInterrupted();
+  m_iResult = iResult;
   m_strReason = fmt::format("{}: {}", pszWhat, sqlite3_errstr(iResult));
   if (m_pDb != nullptr && Primary(sqlite3_errcode(m_pDb)) == Primary(iResult)) {
     m_strReason = fmt::format("{}: {}", pszWhat, sqlite3_errmsg(m_pDb));
@@ -171,8 +182,6 @@ FileState CCacheReader::Fail(int iResult, const char* pszWhat) {
 
 FileState CCacheReader::Open() {
   // What stands in the way of a moment's reader (a log being made, a recovery) passes; what does not is copied.
-  constexpr int kTries = 10;
-  constexpr useconds_t kPauseUs = 20000;
   FileState state = FileState::Unreadable;
   bool bAgain = true;
   for (int iTry = 0; iTry < kTries && bAgain; ++iTry) {
@@ -210,8 +219,7 @@ FileState CCacheReader::OpenOnce(bool& bAgain) {
   } else {
     state = m_strReason.empty() ? Fail(iResult, "cannot be opened") : FileState::Unreadable;
   }
-  constexpr std::array<int, 4> kPassing = {SQLITE_READONLY, SQLITE_CANTOPEN, SQLITE_BUSY, SQLITE_PROTOCOL};
-  bAgain = way != Way::Copied && std::find(kPassing.begin(), kPassing.end(), Primary(iResult)) != kPassing.end();
+  bAgain = way != Way::Copied && IsPassing(iResult);
   // A file that was exchanged while it was looked at is damaged to one glance and not to the next.
   bAgain = bAgain || (state == FileState::Damaged && HasBeenWrittenTo());
   return state;
@@ -360,6 +368,12 @@ bool CCacheReader::HasBeenWrittenTo() const {
          now.st_mtim.tv_nsec != m_look.st_mtim.tv_nsec;
 }
 
+FileState CCacheReader::Reopen() {
+  Close();
+  usleep(kPauseUs);
+  return Open();
+}
+
 void CCacheReader::Seek(int64_t i64RowId) {
   m_bEnded = false;
   m_bFromStart = i64RowId == std::numeric_limits<int64_t>::min();
@@ -377,7 +391,6 @@ FileState CCacheReader::NextRow(std::vector<StoredRow>& vecRows, std::vector<std
 
 FileState CCacheReader::NextRows(Columns columns, size_t uLimit, std::vector<StoredRow>& vecRows,
                                  std::vector<std::string>& vecUnreadable) {
-  constexpr int kTries = 20;
   vecRows.clear();
   vecUnreadable.clear();
   if (m_bEnded) {
@@ -387,7 +400,7 @@ FileState CCacheReader::NextRows(Columns columns, size_t uLimit, std::vector<Sto
   const bool bFromStart = m_bFromStart;
   for (int iTry = 0; iTry < kTries; ++iTry) {
     const FileState state = ReadPage(columns, uLimit, vecRows, vecUnreadable);
-    if (!HasBeenWrittenTo()) {
+    if (!HasBeenWrittenTo() && (state != FileState::Unreadable || !IsPassing(m_iResult))) {
       return state;
     }
     vecRows.clear();
@@ -395,8 +408,7 @@ FileState CCacheReader::NextRows(Columns columns, size_t uLimit, std::vector<Sto
     m_i64Last = i64Last;
     m_bFromStart = bFromStart;
     m_bEnded = false;
-    Close();
-    if (const FileState opened = Open(); opened != FileState::Sound) {
+    if (const FileState opened = Reopen(); opened != FileState::Sound) {
       return opened;
     }
   }
@@ -493,7 +505,17 @@ bool CCacheReader::FindLast(int64_t i64RowId, int64_t& i64Found) {
 }
 
 FileState CCacheReader::Check(std::vector<std::string>& vecProblems) {
+  FileState state = CheckOnce(vecProblems);
+  for (int iTry = 1; iTry < kTries && state == FileState::Unreadable && IsPassing(m_iResult); ++iTry) {
+    state = Reopen();
+    state = state == FileState::Sound ? CheckOnce(vecProblems) : state;
+  }
+  return state;
+}
+
+FileState CCacheReader::CheckOnce(std::vector<std::string>& vecProblems) {
   vecProblems.clear();
+  m_iResult = SQLITE_OK;
   if (!m_bUsesLog && m_way == Way::Shared) {
     // Whoever writes to such a file would have to wait for the whole check.
     Close();

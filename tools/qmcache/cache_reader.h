@@ -74,6 +74,8 @@ class CCacheReader {
                      std::vector<std::string>& vecUnreadable);
   FileState PassOver(std::vector<std::string>& vecUnreadable, int iResult);
   bool HasBeenWrittenTo() const;
+  FileState Reopen();
+  FileState CheckOnce(std::vector<std::string>& vecProblems);
   int Prepare(const char* pszSql, sqlite3_stmt** ppStmt);
   FileState Fail(int iResult, const char* pszWhat);
 
@@ -86,6 +88,7 @@ class CCacheReader {
   int64_t m_i64Last = 0;     // key of the last row that was read
   bool m_bFromStart = true;  // none was
   bool m_bEnded = false;
+  int m_iResult = 0;  // SQLite's, of the last failure
   std::string m_strReason;
 };
 

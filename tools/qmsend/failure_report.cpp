@@ -36,6 +36,8 @@ std::string CauseText(CFailureReport::Cause cause, uint32_t uStatus) {
       return "not sent, longer than the host takes";
     case CFailureReport::Cause::ZeroByte:
       return "not sent, it holds a zero byte, where the component would cut it";
+    case CFailureReport::Cause::NoRecord:
+      return "not sent, the line is no record";
     case CFailureReport::Cause::NoAnswer:
       return "no answer, it may have been taken or not";
     case CFailureReport::Cause::NotSent:

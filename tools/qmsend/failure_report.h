@@ -14,7 +14,7 @@
 
 class CFailureReport {
  public:
-  enum class Cause { Refused, TooLong, ZeroByte, NoAnswer, NotSent };
+  enum class Cause { Refused, TooLong, ZeroByte, NoRecord, NoAnswer, NotSent };
 
   // fnLine prints a line; fnName names a source.
   CFailureReport(std::function<void(const std::string&)> fnLine, std::function<std::string(size_t)> fnName);
@@ -41,7 +41,7 @@ class CFailureReport {
   const std::function<void(const std::string&)> m_fnLine;
   const std::function<std::string(size_t)> m_fnName;
   Ranges m_mapRanges;  // by source and first record
-  uint64_t m_aCounts[5] = {};
+  uint64_t m_aCounts[6] = {};
   size_t m_uNamed = 0;
 };
 

@@ -24,11 +24,15 @@ constexpr char kDescription[] =
     "error.";
 
 constexpr char kFooter[] =
+    "With --records a line is what 'qmcache export', 'qmcache rejected' and the host's file link write; one that is "
+    "not\n"
+    "is not sent and counts as malformed.\n"
+    "\n"
     "With --retry a record that is refused or whose answer is lost with the connection is sent again, for at most so\n"
     "many seconds. A record whose answer was lost may have been taken already and then arrives twice.\n"
     "\n"
     "The counts of --summary add up to the records read: accepted, refused (by the component), skipped (empty),\n"
-    "too_long and zero_byte (not sent), unanswered.\n"
+    "too_long, zero_byte and malformed (not sent), unanswered.\n"
     "\n"
     "With --follow lines that a host does not take now, or that found no host, are waited with and sent again; only a\n"
     "line that can never be sent is named and passed over. How far everything is accepted is noted at least once a\n"
@@ -120,7 +124,10 @@ bool ParseOptions(int iCount, const char* const* ppszArguments, SendOptions& opt
                  "Sender of the records: a GUID, or a name that becomes one (default: '" + options.strSender + "')")
       ->type_name("GUID|NAME");
   CLI::Option* pNul = app.add_flag("--nul", bNul, "Records end with a zero byte instead of a newline");
-  app.add_flag("--whole-file", bWholeFile, "Every file is one record")->excludes(pNul);
+  CLI::Option* pWholeFile = app.add_flag("--whole-file", bWholeFile, "Every file is one record")->excludes(pNul);
+  CLI::Option* pRecords = app.add_flag("--records", options.bJsonRecords,
+                                       "Every line is a record in JSON with a sender, priority and names of its own");
+  pRecords->excludes(pNul)->excludes(pWholeFile);
   app.add_option("--retry", options.uRetrySeconds, "Try again for at most so long a record (default: 0, not at all)")
       ->type_name("SECONDS")
       ->check(CLI::Range(0U, kLongestRetry).description(""));
@@ -150,6 +157,13 @@ bool ParseOptions(int iCount, const char* const* ppszArguments, SendOptions& opt
       std::cerr << "qmsend: " << error.what() << "\nqmsend: --help shows the usage\n";
     }
     return false;
+  }
+  for (const char* pszOption : {"--priority", "--public", "--kind", "--product", "--combo", "--sender"}) {
+    if (options.bJsonRecords && app.count(pszOption) > 0) {
+      std::cerr << "qmsend: " << pszOption << " excludes --records, whose records have their own\n";
+      iExitCode = kExitUsageOrConnection;
+      return false;
+    }
   }
   if (options.strSender.empty()) {
     std::cerr << "qmsend: --sender: the name is empty\n";

@@ -17,6 +17,7 @@ struct SendOptions {
   MessageOptions message;
   std::string strSender;
   RecordMode mode = RecordMode::Lines;
+  bool bJsonRecords = false;  // each line is a record with fields of its own
   unsigned int uRetrySeconds = 0;
   bool bQuiet = false;
   std::string strSummary;             // empty: no summary file

@@ -5,7 +5,9 @@
 #include <string_view>
 #include <utility>
 
+#include "host/protocol/combo_payload.h"
 #include "host/protocol/sender_guid.h"
+#include "plugin/compctx/message_types.h"
 
 namespace {
 
@@ -17,6 +19,11 @@ constexpr unsigned int kReadsATurn = 8;
 constexpr milliseconds kInterruptGrace{5000};
 constexpr milliseconds kIdleWait{1000};
 constexpr milliseconds kProgressWait{250};
+
+// Bytes of a message's payload before the record.
+size_t OverheadOf(uint32_t uType) {
+  return uType == LOGCACHE_MSG_SYNC_SEND_JSON_COMBO_DATA ? kComboHeaderSize : 0;
+}
 
 }  // namespace
 
@@ -37,7 +44,9 @@ int CSender::Run() {
     m_terminal.Line("the host takes no frame long enough for a record");
     return kExitUsageOrConnection;
   }
-  m_pInput = std::make_unique<CInput>(m_options.vecFiles, m_options.mode, welcome.uMaxFrame - uAround,
+  const size_t uLongest = m_options.bJsonRecords ? kJsonBytesAround + kJsonBytesARecordByte * welcome.uMaxFrame
+                                                 : welcome.uMaxFrame - uAround;
+  m_pInput = std::make_unique<CInput>(m_options.vecFiles, m_options.mode, uLongest,
                                       [this](const std::string& strLine) { m_terminal.Line(strLine); });
   m_pEngine->LimitRecords(std::min<size_t>(welcome.uWindow, kMaxRecordsInFlight));
   Loop();
@@ -145,20 +154,40 @@ void CSender::SendNew() {
           ++m_u64Skipped;
         } else if (record.bTooLong) {
           m_report.Add(m_pInput->Source(), record.u64Number, CFailureReport::Cause::TooLong, 0, record.svBytes, true);
-        } else if (record.svBytes.find('\0') != std::string_view::npos) {
-          m_report.Add(m_pInput->Source(), record.u64Number, CFailureReport::Cause::ZeroByte, 0, record.svBytes, false);
         } else {
-          PendingRecord& pending = m_pEngine->Take();
-          pending.uType = m_builder.Type();
-          pending.uSource = m_pInput->Source();
-          pending.u64Number = record.u64Number;
-          m_builder.Build(record.svBytes, pending.strPayload);
-          ++m_counts.u64Sent;
-          m_pEngine->Submit(pending);
+          SendRecord(record);
         }
         break;
     }
   }
+}
+
+void CSender::SendRecord(const Record& record) {
+  const auto fnNotSent = [&](CFailureReport::Cause cause) {
+    m_report.Add(m_pInput->Source(), record.u64Number, cause, 0, record.svBytes, false);
+  };
+  const bool bJson = m_options.bJsonRecords;
+  if (bJson && !ReadJsonRecord(record.svBytes, m_options.message.bNoSave, m_jsonRecord)) {
+    fnNotSent(CFailureReport::Cause::NoRecord);
+    return;
+  }
+  if (bJson ? m_jsonRecord.bZeroByte : record.svBytes.find('\0') != std::string_view::npos) {
+    fnNotSent(CFailureReport::Cause::ZeroByte);
+    return;
+  }
+  PendingRecord& pending = m_pEngine->Take();
+  pending.uSource = m_pInput->Source();
+  pending.u64Number = record.u64Number;
+  if (bJson) {
+    pending.uType = m_jsonRecord.uType;
+    pending.sender = m_jsonRecord.sender;
+    std::swap(pending.strPayload, m_jsonRecord.strPayload);
+  } else {
+    pending.uType = m_builder.Type();
+    m_builder.Build(record.svBytes, pending.strPayload);
+  }
+  ++m_counts.u64Sent;
+  m_pEngine->Submit(pending);
 }
 
 void CSender::Accepted(const PendingRecord&) {
@@ -170,7 +199,7 @@ void CSender::Failed(const PendingRecord& record, SendFailure failure, uint32_t 
     ++m_counts.u64Refused;
   }
   m_report.Add(record.uSource, record.u64Number, CauseOf(failure), uStatus,
-               std::string_view(record.strPayload).substr(m_builder.Overhead()), false);
+               std::string_view(record.strPayload).substr(OverheadOf(record.uType)), false);
 }
 
 void CSender::Connected() {
@@ -241,6 +270,7 @@ void CSender::PrintSummary() {
   constexpr std::pair<CFailureReport::Cause, const char*> kNamed[] = {
       {CFailureReport::Cause::TooLong, "too long "},
       {CFailureReport::Cause::ZeroByte, "with a zero byte "},
+      {CFailureReport::Cause::NoRecord, "malformed "},
       {CFailureReport::Cause::NoAnswer, "without answer "}};
   for (const auto& [cause, pszText] : kNamed) {
     if (m_report.Count(cause) > 0) {
@@ -257,6 +287,7 @@ bool CSender::WriteSummary() {
                        {"skipped", m_u64Skipped},
                        {"too_long", m_report.Count(CFailureReport::Cause::TooLong)},
                        {"zero_byte", m_report.Count(CFailureReport::Cause::ZeroByte)},
+                       {"malformed", m_report.Count(CFailureReport::Cause::NoRecord)},
                        {"unanswered", m_report.Count(CFailureReport::Cause::NoAnswer)}},
                       strError)) {
     return true;

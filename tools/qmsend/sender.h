@@ -15,6 +15,7 @@
 #include "tools/qmsend/failure_report.h"
 #include "tools/qmsend/input.h"
 #include "tools/qmsend/interrupt.h"
+#include "tools/qmsend/json_record.h"
 #include "tools/qmsend/options.h"
 #include "tools/qmsend/summary_file.h"
 #include "tools/qmsend/terminal.h"
@@ -35,6 +36,7 @@ class CSender : private ISendEvents {
   void Loop();
   void NoticeInterrupts(Clock::time_point now);
   void SendNew();
+  void SendRecord(const Record& record);
   void Wait(Clock::time_point now, bool bInput);
   int Finish();
   void PrintSummary();
@@ -54,6 +56,7 @@ class CSender : private ISendEvents {
   CSummaryFile m_summary;
   CFailureReport m_report;
   CMessageBuilder m_builder;
+  JsonRecord m_jsonRecord;
   std::unique_ptr<CInput> m_pInput;
   std::unique_ptr<CSendEngine> m_pEngine;
   SendCounts m_counts;
