@@ -491,17 +491,25 @@ FileState CCacheReader::PassOver(std::vector<std::string>& vecUnreadable, int iR
 }
 
 bool CCacheReader::FindLast(int64_t i64RowId, int64_t& i64Found) {
-  sqlite3_stmt* pRaw = nullptr;
-  int iResult = Prepare("SELECT max(rowid) FROM main.logcache WHERE rowid <= ?1", &pRaw);
-  const Statement pStmt(pRaw);
-  if (iResult == SQLITE_OK) {
-    sqlite3_bind_int64(pRaw, 1, i64RowId);
-    iResult = sqlite3_step(pRaw);
+  for (int iTry = 0; iTry < kTries; ++iTry) {
+    if (iTry > 0 && Reopen() != FileState::Sound) {
+      return false;
+    }
+    sqlite3_stmt* pRaw = nullptr;
+    int iResult = Prepare("SELECT max(rowid) FROM main.logcache WHERE rowid <= ?1", &pRaw);
+    const Statement pStmt(pRaw);
+    if (iResult == SQLITE_OK) {
+      sqlite3_bind_int64(pRaw, 1, i64RowId);
+      iResult = sqlite3_step(pRaw);
+    }
+    EndIfInterrupted();
+    const std::optional<int64_t> found = iResult == SQLITE_ROW ? Integer(pRaw, 0) : std::nullopt;
+    if (!HasBeenWrittenTo() && !IsPassing(iResult)) {
+      i64Found = found.value_or(0);
+      return found.has_value();
+    }
   }
-  EndIfInterrupted();
-  const std::optional<int64_t> found = iResult == SQLITE_ROW ? Integer(pRaw, 0) : std::nullopt;
-  i64Found = found.value_or(0);
-  return found.has_value();
+  return false;
 }
 
 FileState CCacheReader::Check(std::vector<std::string>& vecProblems) {

@@ -1,0 +1,303 @@
+"""qmcache brings records out of damaged files and of their backups: as many as the sqlite3 shell's .recover, or more."""
+
+import gzip
+import json
+import os
+import random
+import shutil
+import sqlite3
+import subprocess
+import unittest
+import zlib
+
+from cache_files import read_file
+from host_fixture import PATIENCE
+from qmcache_case import DAMAGE, FAILED, WELL, CacheToolTestCase, without_id
+
+SENDER = "11111111-1111-1111-1111-111111111111"
+PAGE = 4096
+COUNT = 1200
+
+
+class SalvageTestCase(CacheToolTestCase):
+    host_wrote = None  # a sound file as the host wrote it, and its records; one for all tests
+
+    def setUp(self):
+        super().setUp()
+        self.sound = self.cache_dir / f"{SENDER}.db"
+        if SalvageTestCase.host_wrote is None:
+            self.let_host_write()
+            SalvageTestCase.host_wrote = self.sound.read_bytes(), self.records("cat", "--json")
+            shutil.rmtree(self.cache_dir)
+        data, self.whole = SalvageTestCase.host_wrote
+        self.assertEqual(len(self.whole), COUNT)
+        self.cache_dir.mkdir(parents=True)
+        self.sound.write_bytes(data)
+        self.work = self.dir / "work"
+        self.work.mkdir()
+        self.damaged = self.work / f"{SENDER}.db"
+
+    def let_host_write(self):
+        self.write_config(storage={"sync": "normal"})
+        self.start_without_destination()
+        source = random.Random(5)
+        lines = [f"{n} " + "x" * source.choice((10, 100, 300, 3000, 9000)) for n in range(COUNT)]
+        self.put("--sender", SENDER, "--product", "p", "--combo", "c", lines=lines)
+        self.assertEqual(self.stop_host(), 0)
+        connection = sqlite3.connect(self.sound)
+        connection.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+        connection.close()
+        self.out.mkdir()
+        self.write_config()
+
+    def damage(self, change):
+        """A copy of the sound file, changed by change(bytes), alone."""
+        data = bytearray(self.sound.read_bytes())
+        data = change(data) or data
+        self.damaged.write_bytes(data)
+
+    def salvage(self, *arguments, path=None, status=DAMAGE):
+        """The records that come out, and the summary."""
+        output = self.work / "out.jsonl"
+        said = self.output("salvage", "--json", "--output", output, *arguments, path or self.damaged, status=status)
+        return [json.loads(line) for line in output.read_bytes().splitlines()], json.loads(said)
+
+    def recovered_by_shell(self):
+        """How many records the shell's .recover brings out."""
+        done = subprocess.run(["sqlite3", self.damaged, ".recover"], capture_output=True, timeout=PATIENCE, check=False)
+        recovered = self.work / "recovered.db"
+        recovered.unlink(missing_ok=True)
+        subprocess.run(["sqlite3", recovered], input=done.stdout, capture_output=True, timeout=PATIENCE, check=False)
+        ids = set()
+        connection = sqlite3.connect(recovered)
+        for (name,) in connection.execute("SELECT name FROM sqlite_master WHERE type = 'table'").fetchall():
+            columns = [column[1] for column in connection.execute(f"PRAGMA table_info('{name}')")]
+            where = "CAST({} AS TEXT) LIKE '<version=1><dataid=%'"
+            for column in columns:
+                for (text,) in connection.execute(f'SELECT "{column}" FROM "{name}" WHERE ' + where.format(f'"{column}"')):
+                    ids.add(text.split("<dataid=")[1].split(">")[0])
+        connection.close()
+        return len(ids)
+
+    def check_against_shell(self, lost_at_most):
+        """What comes out is right, and is at least what the shell brings out."""
+        found, summary = self.salvage()
+        known = {record["dataid"]: record for record in self.whole}
+        for record in found:
+            self.assertEqual(record, known[record["dataid"]])
+        self.assertEqual(len({record["dataid"] for record in found}), len(found))
+        self.assertEqual(summary["records"], len(found))
+        self.assertFalse(summary["whole"])
+        self.assertGreaterEqual(len(found), COUNT - lost_at_most)
+        self.assertGreaterEqual(len(found), self.recovered_by_shell())
+        return found, summary
+
+    def pages(self, kind):
+        """Numbers (from 0) of the pages whose first byte is that."""
+        data = self.sound.read_bytes()
+        return [at // PAGE for at in range(PAGE, len(data), PAGE) if data[at] == kind]
+
+
+class DamageTest(SalvageTestCase):
+    def test_a_sound_file_comes_out_whole(self):
+        found, summary = self.salvage(path=self.sound, status=WELL)
+        self.assertEqual(sorted(found, key=lambda record: record["dataid"]), self.whole)
+        self.assertTrue(summary["whole"])
+        self.assertEqual((summary["broken_rows"], summary["lost_pages"]), (0, 0))
+
+    def test_a_leaf_of_zeros_costs_its_own_rows(self):
+        leaves = self.pages(0x0D)
+
+        def change(data):
+            for leaf in (leaves[3], leaves[10]):
+                data[leaf * PAGE : (leaf + 1) * PAGE] = bytes(PAGE)
+
+        self.damage(change)
+        found, summary = self.check_against_shell(lost_at_most=200)
+        self.assertLess(len(found), COUNT)
+        self.assertGreaterEqual(summary["lost_pages"], 2)
+        self.assertFalse(summary["header_damaged"])
+
+    def test_a_damaged_header_costs_nothing(self):
+        self.damage(lambda data: data.__setitem__(slice(0, 100), os.urandom(100)))
+        found, summary = self.check_against_shell(lost_at_most=0)
+        self.assertEqual(len(found), COUNT)
+        self.assertTrue(summary["header_damaged"])
+
+    def test_lost_pages_above_the_leaves_cost_nothing(self):
+        interior = self.pages(0x05)
+        self.assertGreater(len(interior), 0)
+
+        def change(data):
+            for page in interior:
+                data[page * PAGE : (page + 1) * PAGE] = bytes(PAGE)
+
+        self.damage(change)
+        found, _ = self.check_against_shell(lost_at_most=0)
+        self.assertEqual(len(found), COUNT)
+
+    def test_half_a_file_gives_what_stands_in_it(self):
+        self.damage(lambda data: data[: len(data) // 2 // PAGE * PAGE + 1000])
+        found, summary = self.check_against_shell(lost_at_most=COUNT * 6 // 10)
+        self.assertGreater(summary["missing_pages"], 0)
+        self.assertLess(len(found), COUNT)
+
+    def test_a_broken_chain_costs_its_own_row(self):
+        chained = [page for page in self.pages(0x00)][5]  # the first byte of a chain's page is its next page's highest
+        self.damage(lambda data: data.__setitem__(slice(chained * PAGE, (chained + 1) * PAGE), b"\xff" * PAGE))
+        found, summary = self.check_against_shell(lost_at_most=1)
+        self.assertEqual(summary["broken_rows"], 1)
+
+    def test_random_damage_gives_right_records_and_at_least_what_the_shell_finds(self):
+        for seed in range(4):
+            source = random.Random(seed)
+
+            def change(data):
+                for _ in range(40):
+                    at = source.randrange(len(data) - 64)
+                    data[at : at + 64] = source.randbytes(64)
+
+            self.damage(change)
+            self.check_records_are_right()
+
+    def check_records_are_right(self):
+        """As check_against_shell, where damage may stand inside of a record."""
+        found, _ = self.salvage()
+        known = {record["dataid"] for record in self.whole}
+        found_ids = {record["dataid"] for record in found}
+        self.assertLessEqual(found_ids, known)
+        self.assertGreaterEqual(len(found_ids), self.recovered_by_shell())
+
+    def test_deleted_rows_stay_deleted(self):
+        shutil.copy2(self.sound, self.damaged)
+        connection = sqlite3.connect(self.damaged)
+        connection.execute("PRAGMA journal_mode=DELETE")
+        connection.execute("PRAGMA secure_delete=OFF")
+        connection.execute("DELETE FROM logcache WHERE dataid % 1000 > 100 OR dataid % 1000 < 20")
+        connection.commit()
+        left = {f"{dataid:x}" for (dataid,) in connection.execute("SELECT dataid FROM logcache")}
+        connection.close()
+        self.assertLess(len(left), COUNT)
+        found, summary = self.salvage(status=WELL)
+        self.assertEqual({record["dataid"] for record in found}, left)
+        self.assertTrue(summary["whole"])
+
+    def test_nonsense_gives_nothing_and_is_survived(self):
+        source = random.Random(9)
+        for size in (0, 1, 99, 100, 511, 4096, 100000):
+            self.damaged.write_bytes(source.randbytes(size))
+            found, summary = self.salvage()
+            self.assertEqual((found, summary["records"]), ([], 0))
+        data = self.sound.read_bytes()
+        for seed in range(30):  # pages in disorder: chains that lead anywhere, in circles, and out of the file
+            source = random.Random(seed)
+            pages = [data[at : at + PAGE] for at in range(0, 60 * PAGE, PAGE)]
+            source.shuffle(pages)
+            self.damaged.write_bytes(data[:100] + pages[0][100:] + b"".join(pages[1:]))
+            self.tool("salvage", "--output", self.work / "out.jsonl", self.damaged)
+            done = self.tool("salvage", self.damaged)
+            self.assertIn(done.returncode, (WELL, DAMAGE), done.stderr)
+
+    def test_what_is_no_file_is_refused(self):
+        os.mkfifo(self.work / "fifo.db")
+        (self.work / "link.db").symlink_to(self.sound)
+        for name in ("fifo.db", "link.db", "none.db", "."):
+            self.output("salvage", self.work / name, status=FAILED)
+
+
+class BackupTest(SalvageTestCase):
+    def break_file(self):
+        """Damage by which a write fails, so that the host makes a backup of the file."""
+        leaves = self.pages(0x0D)
+
+        def change(data):
+            for leaf in leaves[-3:]:
+                data[leaf * PAGE : (leaf + 1) * PAGE] = b"\xee" * PAGE
+
+        self.damage(change)
+        shutil.copy2(self.damaged, self.sound)
+
+    def make_backup(self):
+        """The host's own backup of the damaged file, with one new record in a new file."""
+        self.break_file()
+        self.write_config(link={"path": self.dir / "nowhere" / "records.jsonl"})
+        self.start_host()
+        self.put("--sender", SENDER, lines=["after the damage"])
+        backup = self.cache_dir / f"{SENDER}1.db.zip"
+        self.assertTrue(backup.exists(), self.log_text("qmlogcache")[-3000:])
+        return backup
+
+    def test_records_go_from_the_hosts_backup_back_into_the_cache(self):
+        backup = self.make_backup()
+        refused = self.tool("salvage", "--into-cache", backup)
+        self.assertEqual(refused.returncode, FAILED)
+        self.assertIn(b"qmhost", refused.stderr)
+        self.assertEqual(self.stop_host(), 0)
+        self.assertEqual(len(read_file(self.sound)), 1)
+        expected, _ = self.salvage(path=backup)
+        self.assertGreater(len(expected), COUNT - 200)
+        said = json.loads(self.output("salvage", "--json", "--into-cache", backup, status=DAMAGE))
+        self.assertEqual((said["written"], said["already_there"]), (len(expected), 0))
+        in_cache = self.records("cat", "--json")
+        self.assertEqual(in_cache[-1]["message"], "after the damage")
+        self.assertEqual(in_cache[:-1], sorted(expected, key=lambda record: record["dataid"]))
+        # A second time nothing is written over.
+        said = json.loads(self.output("salvage", "--json", "--into-cache", backup, status=DAMAGE))
+        self.assertEqual((said["written"], said["already_there"]), (0, len(expected)))
+        self.assertEqual(self.records("cat", "--json"), in_cache)
+        self.output("verify")
+        # And the host sends them.
+        self.write_config()
+        self.start_host()
+        arrived = {record["dataid"] for record in self.wait_for_records(len(in_cache))}
+        self.assertEqual(arrived, {record["dataid"] for record in in_cache})
+
+    def test_a_row_that_is_there_is_not_written_over(self):
+        shutil.copy2(self.sound, self.damaged)
+        connection = sqlite3.connect(self.sound)
+        connection.execute("UPDATE logcache SET combo = 'changed'")
+        connection.execute("DELETE FROM logcache WHERE dataid = (SELECT max(dataid) FROM logcache)")
+        connection.commit()
+        connection.close()
+        self.output("salvage", "--into-cache", self.damaged)
+        rows = read_file(self.sound)
+        self.assertEqual(len(rows), COUNT)
+        self.assertEqual([row["combo"] for row in rows], [b"changed"] * (COUNT - 1) + [b"c"])
+
+    def test_half_a_backup_gives_its_records(self):
+        packed = gzip.compress(self.sound.read_bytes())
+        backup = self.work / f"{SENDER}2.db.zip"
+        backup.write_bytes(packed[: len(packed) // 2])
+        found, summary = self.salvage(path=backup)
+        self.assertTrue(summary["backup_cut_short"])
+        self.assertGreater(len(found), COUNT // 4)
+        known = {record["dataid"]: record for record in self.whole}
+        for record in found:
+            self.assertEqual(record, known[record["dataid"]])
+
+    def test_rows_in_the_log_are_brought_in(self):
+        self.write_config(link={"path": self.dir / "nowhere" / "records.jsonl"})
+        self.start_host()
+        self.put("--sender", SENDER, lines=["in the log"])
+        self.host.kill()
+        self.host.wait()
+        self.assertGreater(self.sound.with_name(self.sound.name + "-wal").stat().st_size, 0)
+        before = self.footprint()
+        found, summary = self.salvage(path=self.sound, status=WELL)
+        self.assertIn("in the log", [record["message"] for record in found])
+        self.assertFalse(summary["log_left_out"])
+        self.assertEqual(self.footprint(), before)
+
+    def test_the_hosts_data_directory_is_held_while_records_are_written_back(self):
+        self.write_config(ingress={"socket": self.dir / "other"})
+        self.start_host()
+        # A host of another installation that uses the same data directory.
+        other = self.dir / "elsewhere"
+        shutil.copytree(self.cache_dir, other)
+        done = self.tool("salvage", "--config", self.config, "--into-cache", other / self.sound.name, directory=other)
+        self.assertEqual(done.returncode, FAILED)
+        self.assertIn(b"another qmhost", done.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
