@@ -6,10 +6,13 @@
 #include <cinttypes>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <utility>
 
 #include "host/install_tree.h"
 #include "host/link_drivers.h"
+#include "host/service/service_manager.h"
+#include "host/service/watchdog.h"
 #include "platform/log.h"
 #include "platform/storage_sync.h"
 
@@ -45,6 +48,7 @@ CHost::~CHost() {
 
 void CHost::Fail(const std::string& strReason) {
   std::fprintf(stderr, "qmhost: %s\n", strReason.c_str());
+  service_manager::TellStatus("Failed: " + strReason);
   LogPrint(m_hLog, kLogWarning, "*qmhost %s", strReason.c_str());
 }
 
@@ -62,12 +66,41 @@ int CHost::Run() {
   LogPrint(m_hLog, kLogLifecycle, "qmhost ready");
   std::puts("qmhost ready");
   std::fflush(stdout);
-  while (m_Signals.Wait() == HostEvent::Reload) {
-    LogPrint(m_hLog, kLogLifecycle, "qmhost reopens the link");
-    m_pLink->Reopen();
-  }
+  service_manager::TellReady(StatusText());
+  Serve();
+  service_manager::TellStopping("Saving what is not delivered");
   Stop();
   return kExitOk;
+}
+
+void CHost::Serve() {
+  std::optional<CWatchdog> watchdog;
+  const std::chrono::microseconds watchdogTime = service_manager::WatchdogTime();
+  if (watchdogTime.count() > 0) {
+    const auto fnFeed = [this] {
+      service_manager::Feed();
+      service_manager::TellStatus(StatusText());
+    };
+    const auto fnStuck = [this](const std::string& strLoops) {
+      LogPrint(m_hLog, kLogWarning, "*qmhost does not feed the watchdog, these loops stand still: %s",
+               strLoops.c_str());
+    };
+    // A round that goes wrong leaves another one before the service manager gives up.
+    watchdog.emplace(watchdogTime / 2, fnFeed, fnStuck);
+  }
+  while (m_Signals.Wait() == HostEvent::Reload) {
+    service_manager::TellReloading();
+    LogPrint(m_hLog, kLogLifecycle, "qmhost reopens the link");
+    m_pLink->Reopen();
+    service_manager::TellReady(StatusText());
+  }
+}
+
+std::string CHost::StatusText() const {
+  const ServerLinkCounts counts = m_pLink->GetCounts();
+  return "Taking records on " + m_Config.ingress.strSocketPath + "; the link is " + (counts.bUp ? "up" : "down") +
+         ", " + std::to_string(counts.u64Delivered) + " delivered, " + std::to_string(counts.u64Held) +
+         " with the link";
 }
 
 bool CHost::Prepare() {

@@ -30,6 +30,8 @@ class CHost {
   int Run();
 
  private:
+  void Serve();  // until SIGTERM or SIGINT
+  std::string StatusText() const;
   // Each false with the reason told.
   bool Prepare();  // directories, lock, log
   bool StartParts();

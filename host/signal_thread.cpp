@@ -5,13 +5,14 @@
 #include <unistd.h>
 
 #include <string_view>
+#include <utility>
 
 #include "host/router/thread_setup.h"
 
 namespace {
 
-// Sent by the destructor alone; from elsewhere it does nothing.
-constexpr int kEndSignal = SIGUSR1;
+// Sent by the destructor and the watchdog alone; from elsewhere it does nothing.
+constexpr int kPokeSignal = SIGUSR1;
 // Stop signals that come closer together are one request.
 constexpr std::chrono::seconds kOneRequest{2};
 
@@ -23,7 +24,7 @@ bool IsIgnored(int iSignal) {
 sigset_t TakenSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int iSignal : {SIGTERM, SIGHUP, kEndSignal}) {
+  for (const int iSignal : {SIGTERM, SIGHUP, kPokeSignal}) {
     sigaddset(&signals, iSignal);
   }
   // A signal that is waited for arrives even when it is ignored.
@@ -43,13 +44,22 @@ CSignalThread::CSignalThread() : m_Signals(TakenSignals()) {
 
 CSignalThread::~CSignalThread() {
   m_bEnding = true;
-  pthread_kill(m_Thread.native_handle(), kEndSignal);
+  Poke();
   m_Thread.join();
+}
+
+void CSignalThread::Poke() {
+  pthread_kill(m_Thread.native_handle(), kPokeSignal);
 }
 
 HostEvent CSignalThread::Wait() {
   std::unique_lock<std::mutex> guard(m_Lock);
-  m_Changed.wait(guard, [this] { return m_bReload || m_bStop; });
+  while (!m_bReload && !m_bStop) {
+    if (std::exchange(m_bTurn, false)) {
+      m_Loop.Turn();
+    }
+    m_Changed.wait(guard, [this] { return m_bReload || m_bStop || m_bTurn; });
+  }
   if (m_bStop) {
     return HostEvent::Stop;
   }
@@ -59,13 +69,16 @@ HostEvent CSignalThread::Wait() {
 
 void CSignalThread::Run() {
   SetUpThread("qmhost-signal");
+  const CLoopThread loopThread(m_Loop);
   while (!m_bEnding) {
     int iSignal = 0;
-    if (sigwait(&m_Signals, &iSignal) != 0 || iSignal == kEndSignal) {
+    if (sigwait(&m_Signals, &iSignal) != 0) {
       continue;
     }
     const std::lock_guard<std::mutex> guard(m_Lock);
-    if (iSignal == SIGHUP) {
+    if (iSignal == kPokeSignal) {
+      m_bTurn = m_Loop.IsTurnDue();
+    } else if (iSignal == SIGHUP) {
       m_bReload = true;
     } else if (!m_bStop) {
       m_bStop = true;

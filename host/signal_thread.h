@@ -5,6 +5,9 @@
 // signal's number, after a line on stderr. An earlier one does nothing more: one stop often comes as several signals,
 // from the terminal and from a supervisor.
 //
+// The loop that the watchdog asks to turn goes through both threads: the signal thread takes a signal of its own and
+// wakes whoever waits.
+//
 // A SIGINT that the process was started to ignore, as shells start background jobs of scripts, stays ignored.
 #ifndef QMLOGCACHE_HOST_SIGNAL_THREAD_H_
 #define QMLOGCACHE_HOST_SIGNAL_THREAD_H_
@@ -16,6 +19,8 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+
+#include "host/service/loop.h"
 
 enum class HostEvent { Reload, Stop };
 
@@ -33,14 +38,17 @@ class CSignalThread {
 
  private:
   void Run();
+  void Poke();
 
   const sigset_t m_Signals;  // those taken
-  std::mutex m_Lock;         // guards m_bReload, m_bStop and m_FirstStop
+  std::mutex m_Lock;         // guards m_bReload, m_bStop, m_bTurn and m_FirstStop
   std::condition_variable m_Changed;
   bool m_bReload = false;
   bool m_bStop = false;
+  bool m_bTurn = false;  // the signal thread has turned, the one that waits not yet
   std::chrono::steady_clock::time_point m_FirstStop;
   std::atomic<bool> m_bEnding{false};
+  CLoop m_Loop{"qmhost-signal or main", [this] { Poke(); }};
   std::thread m_Thread;  // last: it uses all of the above
 };
 

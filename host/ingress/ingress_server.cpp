@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
@@ -25,6 +26,7 @@
 #include "host/ingress/connection.h"
 #include "host/ingress/limited_log.h"
 #include "host/ingress/socket_path.h"
+#include "host/service/loop.h"
 
 namespace {
 
@@ -90,6 +92,7 @@ class CIngressServer : public IIngressServer {
   bool Listen(std::string& strError);
   bool StartThreads(std::string& strError);
   void RunThread() noexcept;
+  void PostTurn() noexcept;
   void AcceptNext();
   void OnAccepted(const error_code& error, CConnection::Socket socket);
   void Admit(CConnection::Socket socket);
@@ -124,6 +127,9 @@ class CIngressServer : public IIngressServer {
   std::condition_variable m_noneLeft;
   Connections m_mapConnections;
   bool m_bStopping = false;
+
+  std::atomic<bool> m_bTurnPosted = false;
+  CLoop m_loop{"qmhost-intake", [this] { PostTurn(); }};
 
   std::vector<std::thread> m_vecThreads;  // used by Start and Stop only
   bool m_bStarted = false;                // likewise
@@ -204,6 +210,7 @@ bool CIngressServer::StartThreads(std::string& strError) {
 }
 
 void CIngressServer::RunThread() noexcept {
+  const CLoopThread loopThread(m_loop);
   for (;;) {
     try {
       m_ioContext.run();
@@ -213,6 +220,21 @@ void CIngressServer::RunThread() noexcept {
     } catch (...) {
       m_log.Warn(CLimitedLog::Kind::InternalError, "an unknown error");
     }
+  }
+}
+
+// The turn goes the way of a new connection. One is under way at a time, however long a component keeps the threads.
+void CIngressServer::PostTurn() noexcept {
+  if (m_bTurnPosted.exchange(true)) {
+    return;
+  }
+  try {
+    asio::post(m_acceptor.get_executor(), [this] {
+      m_bTurnPosted = false;
+      m_loop.Turn();
+    });
+  } catch (const std::exception&) {
+    m_bTurnPosted = false;  // no memory now; the next look asks again
   }
 }
 

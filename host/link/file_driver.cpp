@@ -22,6 +22,7 @@
 #include "host/link/record_line.h"
 #include "host/link/server_link.h"
 #include "host/protocol/host_status.h"
+#include "host/service/loop.h"
 #include "platform/log.h"
 
 namespace {
@@ -78,6 +79,8 @@ class CFileDriver final : public ILinkDriver {
   bool m_bStop = false;
   bool m_bReopen = false;
   bool m_bWaiting = false;
+
+  CLoop m_loop{kThreadName, [this] { m_condition.notify_all(); }};
 
   // Of the thread alone, but for Start before the thread exists.
   CAppendFile m_file;
@@ -185,7 +188,9 @@ void CFileDriver::Reopen() {
 }
 
 void CFileDriver::Run() {
+  const CLoopThread loopThread(m_loop);
   for (;;) {
+    m_loop.Turn();
     if (!m_bUp && !ComeUp()) {
       if (!WaitWhileDown()) {
         return;
@@ -213,6 +218,7 @@ void CFileDriver::Run() {
 bool CFileDriver::WaitForWork(RecordList& vecRecords, bool& bReopen) {
   std::unique_lock lock(m_mutex);
   while (m_vecQueue.empty() && !m_bStop && !m_bReopen) {
+    m_loop.Turn();
     m_bWaiting = true;
     m_condition.wait(lock);
   }
@@ -225,7 +231,10 @@ bool CFileDriver::WaitForWork(RecordList& vecRecords, bool& bReopen) {
 bool CFileDriver::WaitWhileDown() {
   const auto deadline = Clock::now() + (m_bProbe ? m_delay : Clock::duration(kOpenRetry));
   std::unique_lock lock(m_mutex);
-  m_condition.wait_until(lock, deadline, [this] { return m_bStop || m_bReopen; });
+  const auto fnCalled = [this] { return m_bStop || m_bReopen || m_loop.IsTurnDue(); };
+  while (m_condition.wait_until(lock, deadline, fnCalled) && !m_bStop && !m_bReopen) {
+    m_loop.Turn();
+  }
   m_bReopen = false;
   return !m_bStop;
 }

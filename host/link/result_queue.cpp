@@ -60,9 +60,14 @@ void CResultQueue::DropFirstLocked() {
 
 void CResultQueue::Run() {
   SetUpThread("qmhost-result");
+  const CLoopThread loopThread(m_loop);
   std::unique_lock lock(m_mutex);
   while (true) {
-    m_changed.wait(lock, [this] { return m_bStopping || m_uCount > 0; });
+    m_changed.wait(lock, [this] { return m_bStopping || m_uCount > 0 || m_loop.IsTurnDue(); });
+    m_loop.Turn();
+    if (!m_bStopping && m_uCount == 0) {
+      continue;
+    }
     if (m_changed.wait_for(lock, kRetryDelay, [this] { return m_bStopping; })) {
       return;
     }

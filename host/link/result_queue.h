@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "host/service/loop.h"
 #include "plugin/compctx/guid.h"
 
 struct LinkResult {
@@ -44,6 +45,7 @@ class CResultQueue {
 
   const std::function<uint32_t(const LinkResult&)> m_fnPost;
   std::thread m_thread;  // of Start and Stop alone
+  CLoop m_loop{"qmhost-result", [this] { m_changed.notify_all(); }};
 
   std::mutex m_mutex;  // guards all below
   std::condition_variable m_changed;

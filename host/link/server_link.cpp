@@ -135,6 +135,7 @@ uint32_t CServerLink::HandleRequest(uint32_t uCode, std::string_view /*svRequest
 
 void CServerLink::ReceiveCallback(const GUID& stComponentID, long /*i64MsgType*/, const unsigned char* pData,
                                   unsigned int uiDataLength, void* pReplyHandle, void* /*pContext*/) {
+  const COwnCode own;
   TrackedPtr pRecord;
   try {
     pRecord = std::make_shared<TrackedRecord>();

@@ -56,25 +56,28 @@ void CCompletionLane::Stop() {
 
 void CCompletionLane::Run() {
   SetUpThread("qmhost-lane");
+  const CLoopThread loopThread(m_Loop);
   LaneTicket listBatch;
   std::unique_lock<std::mutex> guard(m_Lock);
   while (true) {
     ++m_uIdle;
-    m_Filled.wait(guard, [this] { return m_bStopping || !m_listQueue.empty(); });
+    m_Filled.wait(guard, [this] { return m_bStopping || !m_listQueue.empty() || m_Loop.IsTurnDue(); });
     --m_uIdle;
+    m_Loop.Turn();
     if (m_bStopping) {
       return;
     }
     // With several threads an item must not wait behind another thread's long call.
     if (m_bAlone) {
       listBatch.swap(m_listQueue);
-    } else {
+    } else if (!m_listQueue.empty()) {
       listBatch.splice(listBatch.end(), m_listQueue, m_listQueue.begin());
     }
     guard.unlock();
     while (!listBatch.empty()) {
       m_fnRun(listBatch.front());
       listBatch.pop_front();
+      m_Loop.Turn();
     }
     guard.lock();
   }

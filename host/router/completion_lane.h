@@ -16,6 +16,7 @@
 
 #include "host/router/registry.h"
 #include "host/router/wait_table.h"
+#include "host/service/loop.h"
 
 struct SendItem {
   std::shared_ptr<Session> pSender;
@@ -69,6 +70,7 @@ class CCompletionLane {
   LaneTicket m_listQueue;
   unsigned int m_uIdle = 0;
   bool m_bStopping = false;
+  CLoop m_Loop{"qmhost-lane", [this] { m_Filled.notify_all(); }};
   std::vector<std::thread> m_vecThreads;  // last: they use all of the above
 };
 

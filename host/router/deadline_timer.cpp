@@ -50,12 +50,14 @@ void CDeadlineTimer::Stop() {
 
 void CDeadlineTimer::Run() {
   SetUpThread("qmhost-timer");
+  const CLoopThread loopThread(m_Loop);
   MonotonicMs i64Found = kNoDeadline;
   std::unique_lock<std::mutex> guard(m_Lock);
   while (!m_bStopping) {
+    m_Loop.Turn();
     const MonotonicMs i64Wake = std::min(i64Found, m_i64Announced);
     m_i64Wake.store(i64Wake, std::memory_order_seq_cst);
-    const auto fnChanged = [this, i64Wake] { return m_bStopping || m_i64Announced < i64Wake; };
+    const auto fnChanged = [this, i64Wake] { return m_bStopping || m_i64Announced < i64Wake || m_Loop.IsTurnDue(); };
     if (i64Wake == kNoDeadline) {
       m_Changed.wait(guard, fnChanged);
       continue;

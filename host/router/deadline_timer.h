@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "host/router/wait_table.h"
+#include "host/service/loop.h"
 
 class CDeadlineTimer {
  public:
@@ -38,6 +39,7 @@ class CDeadlineTimer {
   std::condition_variable m_Changed;
   MonotonicMs m_i64Announced = kNoDeadline;  // earliest deadline announced since the thread began to look
   bool m_bStopping = false;
+  CLoop m_Loop{"qmhost-timer", [this] { m_Changed.notify_all(); }};
   std::thread m_Thread;  // last: it uses all of the above
 };
 

@@ -124,6 +124,7 @@ void CRouterCore::SetRequests(ContextState& state, IRequestHandler* pHandler) {
 
 void CRouterCore::Hand(Registration& registration, const GUID& sender, std::string_view svData, uint64_t u64Handle) {
   CallComponent(m_hLog, "a receiver", [&] {
+    const CForeignCode foreign;
     registration.pReceiver->ReceiveCallback(sender, static_cast<long>(registration.uMsgType), Bytes(svData),
                                             static_cast<unsigned int>(svData.size()), HandleToPointer(u64Handle),
                                             registration.pContext);
@@ -377,6 +378,7 @@ void CRouterCore::RunCompletion(const CompletionItem& item) {
     return;
   }
   CallComponent(m_hLog, "a send completion", [&] {
+    const CForeignCode foreign;
     item.pComplete->SendCallback(item.iResult, static_cast<long>(item.uMsgType), Bytes(item.strReply),
                                  static_cast<unsigned int>(item.strReply.size()), item.u64Token,
                                  HandleToPointer(item.u64UserValue));

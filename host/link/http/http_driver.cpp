@@ -1,4 +1,3 @@
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -155,6 +154,7 @@ void CHttpDriver::Reopen() {
 
 void CHttpDriver::Run() {
   SetUpThread("qmhost-http");
+  const CLoopThread loopThread(m_loop);
   for (bool bGoOn = true; bGoOn;) {
     try {
       bGoOn = Step();
@@ -166,6 +166,7 @@ void CHttpDriver::Run() {
 }
 
 bool CHttpDriver::Step() {
+  m_loop.Turn();
   TakeOrders();
   if (IsDone()) {
     return false;

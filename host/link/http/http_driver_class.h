@@ -3,6 +3,8 @@
 #ifndef QMLOGCACHE_HOST_LINK_HTTP_HTTP_DRIVER_CLASS_H_
 #define QMLOGCACHE_HOST_LINK_HTTP_HTTP_DRIVER_CLASS_H_
 
+#include <sys/eventfd.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -22,6 +24,7 @@
 #include "host/link/http/http_url.h"
 #include "host/link/http/transfers.h"
 #include "host/link/token_file.h"
+#include "host/service/loop.h"
 
 // One thread does everything but Deliver. While the link is down it asks the server with an empty batch, after pauses
 // (CBackOff), and says that the link is up once that is accepted. While it is up, a batch goes out at once when no
@@ -94,6 +97,7 @@ class CHttpDriver final : public ILinkDriver {
   void* m_hLog = nullptr;
   std::thread m_thread;
   int m_iWakeFd = -1;  // an eventfd
+  CLoop m_loop{"qmhost-http", [this] { static_cast<void>(eventfd_write(m_iWakeFd, 1)); }};
 
   std::mutex m_mutex;  // guards the six below
   LinkRecordList m_vecDelivered;

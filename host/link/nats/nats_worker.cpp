@@ -105,6 +105,7 @@ void CNatsWorker::Wake() {
 
 void CNatsWorker::Run() {
   SetUpThread("qmhost-nats");
+  const CLoopThread loopThread(m_loop);
   for (bool bGoOn = true; bGoOn;) {
     try {
       bGoOn = Step();
@@ -121,6 +122,7 @@ void CNatsWorker::Run() {
 }
 
 bool CNatsWorker::Step() {
+  m_loop.Turn();
   TakeOrders();
   if (m_bUp && !m_pSession) {
     GoDown("no memory for a new connection");  // a renewal was cut short
@@ -184,7 +186,7 @@ void CNatsWorker::Wait() {
   }
   std::unique_lock lock(m_mutex);
   m_bWaiting = true;
-  m_condition.wait_until(lock, until, [this] { return m_bWake || (m_bStop && !m_stopUntil); });
+  m_condition.wait_until(lock, until, [this] { return m_bWake || (m_bStop && !m_stopUntil) || m_loop.IsTurnDue(); });
   m_bWaiting = false;
 }
 

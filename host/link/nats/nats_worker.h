@@ -27,6 +27,7 @@
 #include "host/link/nats/nats_session.h"
 #include "host/link/record_line.h"
 #include "host/link/token_file.h"
+#include "host/service/loop.h"
 
 // Made for one Start and one Stop. The thread keeps it alive.
 class CNatsWorker : public std::enable_shared_from_this<CNatsWorker> {
@@ -103,6 +104,7 @@ class CNatsWorker : public std::enable_shared_from_this<CNatsWorker> {
   bool m_bDone = false;        // the thread is at its end
   bool m_bTelling = false;     // a call into the link runs
   bool m_bAbandoned = false;   // the thread was left behind: no call into the link begins
+  CLoop m_loop{"qmhost-nats", [this] { m_condition.notify_all(); }};
 
   // Of the thread alone.
   CRecordLine m_recordLine;

@@ -84,6 +84,7 @@ std::unique_ptr<CNatsSession> CNatsWorker::OpenSession(const std::string& strUrl
     const std::lock_guard lock(m_mutex);
     return m_bStop;
   };
+  const CForeignCode foreign;  // libnats connects as long as it is allowed to
   if (!pSession->Open(strUrl, m_servers.bTls, secrets, IsStopped, strReason)) {
     return nullptr;
   }
