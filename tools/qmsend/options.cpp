@@ -69,18 +69,29 @@ T ValueOf(const Named<T> (&aNamed)[uCount], const std::string& strName) {
       ->second;
 }
 
-// The data directory of the installation that this program belongs to.
-std::string DataDirectory() {
+// The directory above the one of this program; empty when that cannot be told.
+std::filesystem::path Prefix() {
   std::error_code error;
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
-  return error ? std::string("data") : (self.parent_path().parent_path() / "data").string();
+  return error ? std::filesystem::path() : self.parent_path().parent_path();
+}
+
+// Where the system is the installation, the socket is apart from the data, which is closed to producers.
+std::string DefaultSocket() {
+  std::error_code error;
+  const bool bApart = std::filesystem::is_symlink(Prefix() / "run", error);
+  return (Prefix() / (bApart ? "run" : "data") / "qmhost.sock").string();
+}
+
+std::string DefaultPositions() {
+  return (Prefix() / "data" / "qmsend").string();
 }
 
 // Each log has a position of its own; of two whose paths give the same name the second is refused.
 std::string DefaultPosition(const std::string& strLog) {
   std::string strName = strLog.substr(strLog.find_first_not_of('/'));
   std::replace(strName.begin(), strName.end(), '/', '-');
-  return DataDirectory() + "/qmsend/" + strName + ".position";
+  return DefaultPositions() + "/" + strName + ".position";
 }
 
 std::string DefaultSender() {
@@ -101,7 +112,7 @@ bool ParseOptions(int iCount, const char* const* ppszArguments, SendOptions& opt
   app.footer(kFooter);
   app.set_version_flag("--version", std::string("qmsend ") + QMSEND_VERSION);
 
-  options.strSocket = DataDirectory() + "/qmhost.sock";
+  options.strSocket = DefaultSocket();
   options.strSender = DefaultSender();
   bool bNul = false;
   bool bWholeFile = false;
@@ -140,7 +151,7 @@ bool ParseOptions(int iCount, const char* const* ppszArguments, SendOptions& opt
           ->type_name("FILE")
           ->excludes("--whole-file", "--retry", "--summary");
   app.add_option("--position", options.strPosition,
-                 "Where --follow notes how far it is (default: a file in " + DataDirectory() + "/qmsend)")
+                 "Where --follow notes how far it is (default: a file in " + DefaultPositions() + ")")
       ->type_name("FILE")
       ->needs(pFollow);
   app.add_option("files", options.vecFiles, "Files to read; '-' or none: standard input")
