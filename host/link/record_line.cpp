@@ -3,6 +3,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "host/protocol/record_priority.h"
 #include "platform/number_text.h"
 
 namespace {
@@ -13,22 +14,7 @@ constexpr int64_t kUsPerSecond = 1000000;
 }  // namespace
 
 const char* PriorityName(int32_t iPriv) {
-  switch (iPriv) {
-    case 0:
-    case kPublicPriv:
-      return "low";
-    case 1:
-    case kPublicPriv + 1:
-      return "normal";
-    case 2:
-    case kPublicPriv + 2:
-      return "high";
-    case 3:
-    case kPublicPriv + 3:
-      return "real";
-    default:
-      return "other";
-  }
+  return kPriorityNames[PriorityOfPrivilege(iPriv)];
 }
 
 const char* KindName(int32_t iMsgType) {

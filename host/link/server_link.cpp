@@ -36,6 +36,8 @@ bool CServerLink::Start(std::string& strError) {
     m_bUpLogDue = false;
     m_uDownReason = 0;
     m_downSince = std::chrono::steady_clock::now();
+    m_counts.stateSince = m_downSince;
+    m_strDownReason.clear();
     m_bAnnounceDue = false;
   }
   if (m_hLog == nullptr) {
@@ -96,6 +98,7 @@ void CServerLink::Stop() {
     const std::lock_guard lock(m_mutex);
     m_phase = Phase::Stopped;
     m_counts.bUp = false;
+    m_counts.stateSince = std::chrono::steady_clock::now();
     m_counts.u64HeldAtStop = std::exchange(m_counts.u64Held, 0);
     mapForgotten.swap(m_mapHeld);
   }
@@ -118,6 +121,16 @@ void CServerLink::AnnounceIfUp() {
 ServerLinkCounts CServerLink::GetCounts() const {
   const std::lock_guard lock(m_mutex);
   return m_counts;
+}
+
+void CServerLink::SetRunStart(uint32_t uStartSecond) {
+  const std::lock_guard lock(m_mutex);
+  m_u64FirstOfRun = static_cast<uint64_t>(uStartSecond) << 32;
+}
+
+std::string CServerLink::GetDownReason() const {
+  const std::lock_guard lock(m_mutex);
+  return m_strDownReason;
 }
 
 uint32_t CServerLink::HandleRequest(uint32_t uCode, std::string_view /*svRequest*/, std::string& strReply) {
@@ -159,6 +172,7 @@ void CServerLink::ReceiveCallback(const GUID& stComponentID, long /*i64MsgType*/
     const std::lock_guard lock(m_mutex);
     ++m_counts.u64Received;
     ++m_counts.u64Rejected;
+    ++m_counts.aRejected[kPriorityOther];
     return;
   }
   const uint32_t uStatus = Reply(kHostOk, kAccepted, pReplyHandle);

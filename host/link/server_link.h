@@ -10,11 +10,13 @@
 #ifndef QMLOGCACHE_HOST_LINK_SERVER_LINK_H_
 #define QMLOGCACHE_HOST_LINK_SERVER_LINK_H_
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 
 #include "host/link/link_driver.h"
+#include "host/protocol/record_priority.h"
 #include "host/router/router.h"
 
 inline constexpr unsigned int kAnsweredPerOutage = 20;
@@ -28,6 +30,10 @@ struct ServerLinkCounts {
   uint64_t u64Held = 0;        // not answered yet, at this moment; 0 once the link has stopped
   uint64_t u64HeldAtStop = 0;  // not answered, and given up, when the link last stopped
   bool bUp = false;
+  std::chrono::steady_clock::time_point stateSince{};  // when bUp last changed, or the link was started
+  PriorityCounts aDelivered{};                         // u64Delivered by priority
+  PriorityCounts aRejected{};                          // u64Rejected by priority
+  PriorityCounts aSettledOfRun{};  // delivered or rejected, of records that came in since SetRunStart
 };
 
 class IServerLink {
@@ -41,6 +47,13 @@ class IServerLink {
   virtual void AnnounceIfUp() = 0;
   virtual void Reopen() = 0;
   virtual ServerLinkCounts GetCounts() const = 0;
+  // Before the first record comes: data ids from this start second on are of this run, earlier ones come from the cache
+  // files of earlier runs. Until then no record is of this run.
+  virtual void SetRunStart(uint32_t uStartSecond) = 0;
+  // Why the link is down, in the driver's words; empty while it is up, or nothing has been said.
+  virtual std::string GetDownReason() const = 0;
+  // The driver's description of where records go.
+  virtual std::string Describe() const = 0;
 };
 
 // The router must outlive the link.

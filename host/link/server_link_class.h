@@ -51,6 +51,9 @@ class CServerLink final : public IServerLink, private IMRReceiveComplete, privat
   void AnnounceIfUp() override;
   void Reopen() override { m_pDriver->Reopen(); }
   ServerLinkCounts GetCounts() const override;
+  void SetRunStart(uint32_t uStartSecond) override;
+  std::string GetDownReason() const override;
+  std::string Describe() const override { return m_pDriver->Describe(); }
 
  private:
   enum class Phase { Stopped, Running, Stopping };
@@ -101,7 +104,9 @@ class CServerLink final : public IServerLink, private IMRReceiveComplete, privat
   bool m_bRecurring = false;          // it has come back at least once, and its end is not logged before a delivery
   bool m_bUpLogDue = false;           // the driver is up, and this has not been logged
   std::chrono::steady_clock::time_point m_downSince{};
-  bool m_bAnnounceDue = false;  // the broadcast waits for the records up to m_u64AnnounceAfter
+  std::string m_strDownReason;            // empty while up
+  uint64_t m_u64FirstOfRun = UINT64_MAX;  // the least data id of this run
+  bool m_bAnnounceDue = false;            // the broadcast waits for the records up to m_u64AnnounceAfter
   uint64_t m_u64AnnounceAfter = 0;
   bool m_bPumping = false;
   bool m_bDelivering = false;

@@ -35,12 +35,19 @@ bool CServerLink::HoldLocked(const TrackedPtr& pRecord) {
 void CServerLink::CountAnswerLocked(TrackedRecord& record, uint32_t uResult) {
   record.state = RecordState::Answered;
   --m_counts.u64Held;
+  const size_t uPriority = PriorityOfPrivilege(record.tags.iPriv);
   if (uResult == kHostOk) {
     ++m_counts.u64Delivered;
+    ++m_counts.aDelivered[uPriority];
   } else if (uResult == kHostSendTimeout || uResult == kCloudBusy || uResult == kCloudUnavailable) {
     ++m_counts.u64Retried;
+    return;
   } else {
     ++m_counts.u64Rejected;
+    ++m_counts.aRejected[uPriority];
+  }
+  if (record.tags.u64DataId >= m_u64FirstOfRun) {
+    ++m_counts.aSettledOfRun[uPriority];
   }
 }
 
@@ -174,6 +181,8 @@ void CServerLink::OnUp() {
   m_counts.bUp = true;
   m_bAnnounceDue = true;
   m_u64AnnounceAfter = m_u64LastSequence;
+  m_counts.stateSince = std::chrono::steady_clock::now();
+  m_strDownReason.clear();
   m_bUpLogDue = true;
   if (!m_bRecurring) {
     LogUp(lock);
@@ -218,6 +227,12 @@ void CServerLink::OnDown(const std::string& strReason) {
         m_u64DeliveredAtDown = m_counts.u64Delivered;
         m_uDownReason = std::hash<std::string>()(strReason);
       }
+      m_counts.stateSince = m_downSince;
+    }
+    try {
+      m_strDownReason = strReason;
+    } catch (...) {
+      m_strDownReason.clear();  // no memory for it: the outage counts, not its words
     }
     bLog = !std::exchange(m_bDownLogged, true);
     SpendAnswersLocked(answers);

@@ -20,6 +20,7 @@ class CRouter : public IRouter {
     return m_pCore->Deliver(sender, uMsgType, pData, uLength, pSink, u64Cookie);
   }
   void StopIntake() override { m_pCore->StopIntake(); }
+  IntakeCounts GetIntakeCounts() const override { return m_pCore->GetIntakeCounts(); }
 
  private:
   const std::shared_ptr<CRouterCore> m_pCore;

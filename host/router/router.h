@@ -17,6 +17,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/router/intake_counters.h"
 #include "plugin/compctx/component_context.h"
 
 // Takes the answer to a producer's message, once, on any thread. Throws nothing.
@@ -61,6 +62,8 @@ class IRouter {
                                        const std::shared_ptr<IReplySink>& pSink, uint64_t u64Cookie) = 0;
   // From now on DeliverFromProducer answers kHostStopping; returns when none runs any more.
   virtual void StopIntake() = 0;
+  // What became of producers' messages so far. Any thread.
+  virtual IntakeCounts GetIntakeCounts() const = 0;
 };
 
 std::unique_ptr<IRouter> CreateRouter(const RouterOptions& options);

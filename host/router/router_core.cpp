@@ -60,7 +60,7 @@ void CRouterCore::Stop() {
   m_Timer.Stop();
   m_Lane.Stop();
   m_Producers.TakeIf([](const auto&, uint64_t, MonotonicMs) { return true; },
-                     [](const ProducerWaiter& waiter) { Answer(waiter, kHostStopping, {}); });
+                     [this](const ProducerWaiter& waiter) { Answer(waiter, kHostStopping, {}); });
 }
 
 uint32_t CRouterCore::BeginSession(ContextState& state, const GUID& guid) {
@@ -81,7 +81,7 @@ uint32_t CRouterCore::EndSession(ContextState& state) {
   // Nobody can answer for the component any more: whoever waits for it learns that now and not at the time-out.
   const uint64_t u64Id = ended.pSession->u64Id;
   m_Producers.TakeIf([u64Id](const auto&, uint64_t u64Answerer, MonotonicMs) { return u64Answerer == u64Id; },
-                     [](const ProducerWaiter& waiter) { Answer(waiter, kHostStopping, {}); });
+                     [this](const ProducerWaiter& waiter) { Answer(waiter, kHostStopping, {}); });
   const auto fnIsOwn = [&ended](const LaneTicket& ticket) {
     return std::get<CompletionItem>(ticket.front()).pSender == ended.pSession;
   };
@@ -133,6 +133,18 @@ void CRouterCore::Hand(Registration& registration, const GUID& sender, std::stri
 
 uint32_t CRouterCore::Deliver(const GUID& sender, uint32_t uMsgType, const uint8_t* pData, uint32_t uLength,
                               const std::shared_ptr<IReplySink>& pSink, uint64_t u64Cookie) {
+  const bool bLacksData = pData == nullptr && uLength != 0;
+  const uint32_t uStatus =
+      bLacksData ? kHostBadArgument
+                 : HandOver(sender, uMsgType, {reinterpret_cast<const char*>(pData), uLength}, pSink, u64Cookie);
+  if (uStatus != kHostOk) {
+    m_Counters.CountRefused(uStatus);
+  }
+  return uStatus;
+}
+
+uint32_t CRouterCore::HandOver(const GUID& sender, uint32_t uMsgType, std::string_view svData,
+                               const std::shared_ptr<IReplySink>& pSink, uint64_t u64Cookie) {
   const CActivityScope intake(m_IntakeGate);
   if (!intake.IsInside()) {
     return kHostStopping;
@@ -140,7 +152,7 @@ uint32_t CRouterCore::Deliver(const GUID& sender, uint32_t uMsgType, const uint8
   if (IsDirectedType(uMsgType) || IsBroadcastType(uMsgType)) {
     return kHostNotAllowed;
   }
-  if (!pSink || (pData == nullptr && uLength != 0)) {
+  if (!pSink) {
     return kHostBadArgument;
   }
   const std::shared_ptr<Registration> pRegistration = m_Registry.FindOnly(uMsgType);
@@ -154,14 +166,16 @@ uint32_t CRouterCore::Deliver(const GUID& sender, uint32_t uMsgType, const uint8
   }
   uint64_t u64Handle = 0;
   try {
-    u64Handle = m_Producers.Add({pSink, u64Cookie}, pRegistration->pSession->u64Id, kNoDeadline);
+    u64Handle = m_Producers.Add(
+        {pSink, u64Cookie, PriorityOfMessage(uMsgType, Bytes(svData), static_cast<uint32_t>(svData.size()))},
+        pRegistration->pSession->u64Id, kNoDeadline);
   } catch (const std::bad_alloc&) {
     return kHostNoMemory;
   }
   if (u64Handle == 0) {
     return kHostNoMemory;
   }
-  Hand(*pRegistration, sender, {reinterpret_cast<const char*>(pData), uLength}, u64Handle);
+  Hand(*pRegistration, sender, svData, u64Handle);
   const MonotonicMs i64Deadline = CDeadlineTimer::Now() + m_Options.uReplyTimeoutMs;
   if (m_Producers.SetDeadline(u64Handle, i64Deadline)) {
     m_Timer.Announce(i64Deadline);
@@ -170,6 +184,7 @@ uint32_t CRouterCore::Deliver(const GUID& sender, uint32_t uMsgType, const uint8
 }
 
 void CRouterCore::Answer(const ProducerWaiter& waiter, uint32_t uStatus, std::string_view svText) {
+  m_Counters.Count(waiter.uPriority, uStatus);
   waiter.pSink->OnReply(waiter.u64Cookie, uStatus, svText);
 }
 
@@ -394,7 +409,7 @@ MonotonicMs CRouterCore::Expire(MonotonicMs i64Now) {
     i64Earliest = std::min(i64Earliest, i64Deadline);
     return false;
   };
-  m_Producers.TakeIf(fnIsDue, [](const ProducerWaiter& waiter) { Answer(waiter, kHostNoReply, {}); });
+  m_Producers.TakeIf(fnIsDue, [this](const ProducerWaiter& waiter) { Answer(waiter, kHostNoReply, {}); });
   m_Sends.TakeIf(fnIsDue, [this](LaneTicket& ticket) { Complete(ticket, static_cast<int32_t>(kHostSendTimeout), {}); });
   return i64Earliest;
 }

@@ -11,6 +11,7 @@
 #include "host/router/activity_gate.h"
 #include "host/router/completion_lane.h"
 #include "host/router/deadline_timer.h"
+#include "host/router/intake_counters.h"
 #include "host/router/registry.h"
 #include "host/router/router.h"
 #include "host/router/wait_table.h"
@@ -19,6 +20,7 @@
 struct ProducerWaiter {
   std::shared_ptr<IReplySink> pSink;
   uint64_t u64Cookie = 0;
+  size_t uPriority = kNotARecord;
 };
 
 class CRouterCore {
@@ -37,6 +39,7 @@ class CRouterCore {
 
   uint32_t Deliver(const GUID& sender, uint32_t uMsgType, const uint8_t* pData, uint32_t uLength,
                    const std::shared_ptr<IReplySink>& pSink, uint64_t u64Cookie);
+  IntakeCounts GetIntakeCounts() const { return m_Counters.Snapshot(); }
   uint32_t Reply(const ContextState& state, int32_t iRet, std::string_view svReply, void* pReplyHandle);
   // pComplete may be null. *pu64Act is written before the message is queued.
   uint32_t Send(const ContextState& state, const GUID& dest, uint32_t uMsgType, std::string_view svData,
@@ -56,8 +59,11 @@ class CRouterCore {
   void RunCompletion(const CompletionItem& item);
   // Gives a message to one receiver on this thread, which is inside the registration's gate.
   void Hand(Registration& registration, const GUID& sender, std::string_view svData, uint64_t u64Handle);
-  // Ends a producer's wait.
-  static void Answer(const ProducerWaiter& waiter, uint32_t uStatus, std::string_view svText);
+  // Deliver without the counting of what was not handed over.
+  uint32_t HandOver(const GUID& sender, uint32_t uMsgType, std::string_view svData,
+                    const std::shared_ptr<IReplySink>& pSink, uint64_t u64Cookie);
+  // Ends a producer's wait. Counted first, so that a producer finds its answer in the counts.
+  void Answer(const ProducerWaiter& waiter, uint32_t uStatus, std::string_view svText);
   static void SetOutcome(LaneTicket& ticket, int32_t iResult, std::string&& strReply);
   // Ends a send's wait: its completion goes to the lane. Cannot fail.
   void Complete(LaneTicket& ticket, int32_t iResult, std::string&& strReply);
@@ -68,6 +74,7 @@ class CRouterCore {
   CRegistry m_Registry;
   CActivityGate m_IntakeGate;
   std::atomic<uint64_t> m_u64LastToken{0};
+  CIntakeCounters m_Counters;
   CWaitTable<ProducerWaiter> m_Producers;
   CWaitTable<LaneTicket> m_Sends;  // each waiter is the completion of the send, ready but for its outcome
   CCompletionLane m_Lane;

@@ -39,6 +39,7 @@ class CKeepingRouter : public IRouter {
  public:
   std::shared_ptr<IHostContext> CreateContext() override { return nullptr; }
   void StopIntake() override {}
+  IntakeCounts GetIntakeCounts() const override { return {}; }
   uint32_t DeliverFromProducer(const GUID& sender, uint32_t uMsgType, const uint8_t* pData, uint32_t uLength,
                                const std::shared_ptr<IReplySink>& pSink, uint64_t u64Cookie) override {
     vecDelivered.push_back({sender, uMsgType, u64Cookie, {reinterpret_cast<const char*>(pData), uLength}});

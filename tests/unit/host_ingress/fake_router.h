@@ -35,6 +35,7 @@ class CFakeRouter : public IRouter {
 
   std::shared_ptr<IHostContext> CreateContext() override { return nullptr; }
   void StopIntake() override {}
+  IntakeCounts GetIntakeCounts() const override { return {}; }
 
   uint32_t DeliverFromProducer(const GUID& sender, uint32_t uMsgType, const uint8_t* pData, uint32_t uLength,
                                const std::shared_ptr<IReplySink>& pSink, uint64_t u64Cookie) override {

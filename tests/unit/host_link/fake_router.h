@@ -133,6 +133,7 @@ class CFakeRouter final : public IRouter {
     return kHostNoReceiver;
   }
   void StopIntake() override {}
+  IntakeCounts GetIntakeCounts() const override { return {}; }
 
   std::shared_ptr<CFakeContext> m_pContext = std::make_shared<CFakeContext>();
 };
