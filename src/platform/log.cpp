@@ -10,9 +10,11 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/api.h"
 #include "platform/log_channel.h"
@@ -26,6 +28,32 @@ std::atomic<uint32_t> g_dwLevels{1U << kLogWarning | 1U << kLogMissing | 1U << k
 
 bool IsLevelOn(int iLevel) {
   return iLevel >= 1 && iLevel <= 31 && (g_dwLevels.load(std::memory_order_relaxed) >> iLevel & 1U) != 0;
+}
+
+struct LogObserver {
+  std::string strChannel;
+  void (*pfnObserver)(const char* pText, unsigned long uLength, void* pUser) = nullptr;
+  void* pUser = nullptr;
+};
+
+// The level that is observed, so that lines of all others cost one look; 0 for none.
+std::atomic<int> g_iObservedLevel{0};
+std::mutex g_mutexObserver;  // guards g_observer; held while the observer is called
+LogObserver g_observer;
+
+void Observe(const CLogChannel& channel, int iLevel, std::string_view svText) {
+  if (g_iObservedLevel.load(std::memory_order_relaxed) != iLevel) {
+    return;
+  }
+  const std::lock_guard lock(g_mutexObserver);
+  if (g_observer.pfnObserver != nullptr && g_observer.strChannel == channel.Name()) {
+    g_observer.pfnObserver(svText.data(), svText.size(), g_observer.pUser);
+  }
+}
+
+void Print(CLogChannel& channel, int iLevel, std::string_view svText) {
+  Observe(channel, iLevel, svText);
+  channel.Print(iLevel, svText);
 }
 
 // A thread that is cancelled inside the library would leave its locks held: cancellation waits until the call is over.
@@ -52,18 +80,18 @@ void PrintFormatted(CLogChannel& channel, int iLevel, const char* pszFormat, va_
   char szText[kStackText + kCutMark.size()];
   const int iLength = std::vsnprintf(szText, kStackText, pszFormat, args);
   if (iLength < 0) {
-    channel.Print(iLevel, pszFormat);  // an argument could not be printed; the format still tells what happened
+    Print(channel, iLevel, pszFormat);  // an argument could not be printed; the format still tells what happened
   } else if (static_cast<size_t>(iLength) < kStackText) {
-    channel.Print(iLevel, std::string_view(szText, static_cast<size_t>(iLength)));
+    Print(channel, iLevel, std::string_view(szText, static_cast<size_t>(iLength)));
   } else {
     const size_t uSize = static_cast<size_t>(iLength) + 1;
     const std::unique_ptr<char[]> pText(new (std::nothrow) char[uSize]);
     if (pText != nullptr) {
       std::vsnprintf(pText.get(), uSize, pszFormat, argsAgain);
-      channel.Print(iLevel, std::string_view(pText.get(), uSize - 1));
+      Print(channel, iLevel, std::string_view(pText.get(), uSize - 1));
     } else {
       std::memcpy(szText + kStackText - 1, kCutMark.data(), kCutMark.size());
-      channel.Print(iLevel, std::string_view(szText, kStackText - 1 + kCutMark.size()));
+      Print(channel, iLevel, std::string_view(szText, kStackText - 1 + kCutMark.size()));
     }
   }
   va_end(argsAgain);
@@ -109,7 +137,7 @@ QM_PLATFORM_API void LogPrintStr(void* hLog, int iLevel, const char* pszText) {
     return;
   }
   const CQuietCall quietCall;
-  static_cast<CLogChannel*>(hLog)->Print(iLevel, pszText);
+  Print(*static_cast<CLogChannel*>(hLog), iLevel, pszText);
 }
 
 QM_PLATFORM_API void LogUninit(void* hLog) {
@@ -132,6 +160,24 @@ QM_PLATFORM_API int QmLogConfigure(const char* pszDirectory, unsigned int dwLeve
     return ENOMEM;
   }
   g_dwLevels.store(dwLevels, std::memory_order_relaxed);
+  return 0;
+}
+
+QM_PLATFORM_API int QmLogObserve(const char* pszChannel, int iLevel,
+                                 void (*pfnObserver)(const char* pText, unsigned long uLength, void* pUser),
+                                 void* pUser) {
+  if (pszChannel == nullptr) {
+    return EINVAL;
+  }
+  const CQuietCall quietCall;
+  try {
+    LogObserver observer{pszChannel, pfnObserver, pUser};
+    const std::lock_guard lock(g_mutexObserver);
+    std::swap(g_observer, observer);
+    g_iObservedLevel.store(pfnObserver != nullptr ? iLevel : 0, std::memory_order_relaxed);
+  } catch (...) {
+    return ENOMEM;
+  }
   return 0;
 }
 

@@ -36,6 +36,14 @@ void LogUninit(void* hLog);
 // directory>/../log/, levels 3, 4 and 6, 10 MiB, 5 files.
 int QmLogConfigure(const char* pszDirectory, unsigned int dwLevels, unsigned long long u64MaxFileSize,
                    unsigned int dwMaxFiles);
+// For a host that reads what a component says only in its log, such as its statistics: pfnObserver is given every line
+// of that channel and level, as the caller formatted it and before it is escaped, on the caller's thread, whether the
+// line is then dropped or not. Lines of a level that is off, or of a channel that is not open, are not given. One
+// observer at a time, which takes the place of the one before; a null pfnObserver takes it away, and no call of it runs
+// any more when this returns. The observer must be quick, throw nothing and neither log nor call this function.
+// 0 for success; non-zero changes nothing (null channel name or memory).
+int QmLogObserve(const char* pszChannel, int iLevel,
+                 void (*pfnObserver)(const char* pText, unsigned long uLength, void* pUser), void* pUser);
 }
 
 #endif  // QMLOGCACHE_PLATFORM_LOG_H_

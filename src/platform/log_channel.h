@@ -28,6 +28,7 @@ class CLogChannel {
   void Open();
   // Undoes one Open; does nothing without one. The last one waits a few seconds at most for queued lines.
   void Close() noexcept;
+  const std::string& Name() const { return m_strName; }
   bool IsOpen() const { return m_bOpen.load(std::memory_order_relaxed); }
 
   // Writes or queues one line; svText is as the caller gave it. Does nothing when the channel is not open.
