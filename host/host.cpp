@@ -3,8 +3,10 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <cinttypes>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <optional>
 #include <utility>
@@ -13,6 +15,7 @@
 #include "host/link_drivers.h"
 #include "host/service/service_manager.h"
 #include "host/service/watchdog.h"
+#include "platform/file_info.h"
 #include "platform/log.h"
 #include "platform/storage_sync.h"
 
@@ -151,8 +154,14 @@ bool CHost::StartParts() {
     return false;
   }
 
-  if (!m_DataDir.AwaitNewSecond()) {
+  const bool bLaterThanLast = m_DataDir.AwaitNewSecond();
+  if (bLaterThanLast) {
+    m_pLink->SetRunStart(static_cast<uint32_t>(time(nullptr)));
+  } else {
     LogPrint(m_hLog, kLogWarning, "*qmhost the clock is behind the last start");
+  }
+  if (!m_Config.status.strAddress.empty() && !StartStatus(bLaterThanLast)) {
+    return false;
   }
   // Every plug-in gets its chance, so that one start tells of all that is wrong.
   m_pPlugins = std::make_unique<CPluginHost>(*m_pRouter);
@@ -182,6 +191,28 @@ bool CHost::StartParts() {
   return true;
 }
 
+bool CHost::StartStatus(bool bRunKnown) {
+  StatusSources sources;
+  sources.strVersion = QMHOST_VERSION;
+  std::array<char, 4096> arrDirectory{};
+  if (QmGetModuleFilePath(arrDirectory.data(), static_cast<unsigned int>(arrDirectory.size())) == 0) {
+    sources.strProgramDirectory = arrDirectory.data();
+  }
+  sources.fnIntake = [this] { return m_pRouter->GetIntakeCounts(); };
+  sources.fnLink = [this] { return m_pLink->GetCounts(); };
+  sources.fnDownReason = [this] { return m_pLink->GetDownReason(); };
+  sources.strLink = m_pLink->Describe();
+  sources.bRunKnown = bRunKnown;
+  std::string strError;
+  m_pStatus = CreateStatusService(m_Config.status, std::move(sources));
+  if (!m_pStatus->Start(strError)) {
+    m_pStatus.reset();
+    Fail(strError);
+    return false;
+  }
+  return true;
+}
+
 void CHost::Stop() {
   if (m_pIngress) {
     m_pIngress->Stop();
@@ -194,6 +225,7 @@ void CHost::Stop() {
     m_pPlugins.reset();
   }
   m_pIngress.reset();
+  m_pStatus.reset();  // served until here: a stop may take its time
   if (m_pLink) {
     m_pLink->Stop();
     const ServerLinkCounts counts = m_pLink->GetCounts();

@@ -13,6 +13,7 @@
 #include "host/plugins/plugin_host.h"
 #include "host/router/router.h"
 #include "host/signal_thread.h"
+#include "host/status/status_service.h"
 
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;     // the start failed: a plug-in, the link, the socket, a directory, the lock
@@ -35,6 +36,7 @@ class CHost {
   // Each false with the reason told.
   bool Prepare();  // directories, lock, log
   bool StartParts();
+  bool StartStatus(bool bRunKnown);
   void Stop();
   void Fail(const std::string& strReason);
   void Fail(const std::vector<std::string>& vecReasons);
@@ -46,6 +48,7 @@ class CHost {
   void* m_hLog = nullptr;
   std::unique_ptr<IRouter> m_pRouter;
   std::unique_ptr<IServerLink> m_pLink;
+  std::unique_ptr<IStatusService> m_pStatus;
   std::unique_ptr<CPluginHost> m_pPlugins;
   std::unique_ptr<IIngressServer> m_pIngress;
 };

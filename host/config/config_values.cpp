@@ -1,5 +1,6 @@
 #include "host/config/config_values.h"
 
+#include <arpa/inet.h>
 #include <pwd.h>
 
 #include <algorithm>
@@ -189,6 +190,36 @@ std::string ReadGuid(std::string_view svValue, std::string& strRead) {
   const bool bSame = std::equal(strRead.begin(), strRead.end(), strValue.begin(), strValue.end(),
                                 [](char c1, char c2) { return c1 == std::toupper(static_cast<unsigned char>(c2)); });
   return bSame ? std::string() : Quoted(svValue) + " is not a GUID";
+}
+
+std::string ReadLoopbackAddress(std::string_view svValue, std::string& strAddress, uint16_t& uPort) {
+  const size_t uColon = svValue.rfind(':');
+  const std::string strForm = Quoted(svValue) + " is not an address and a port, such as 127.0.0.1:9478 or [::1]:9478";
+  if (uColon == std::string_view::npos) {
+    return strForm;
+  }
+  std::string strRead(svValue.substr(0, uColon));
+  const bool bBrackets = strRead.size() > 2 && strRead.front() == '[' && strRead.back() == ']';
+  if (bBrackets) {
+    strRead = strRead.substr(1, strRead.size() - 2);
+  }
+  in_addr fourth{};
+  in6_addr sixth{};
+  const bool bFourth = !bBrackets && inet_pton(AF_INET, strRead.c_str(), &fourth) == 1;
+  const bool bSixth = bBrackets && inet_pton(AF_INET6, strRead.c_str(), &sixth) == 1;
+  if (!bFourth && !bSixth) {
+    return strForm;
+  }
+  if (bFourth ? ntohl(fourth.s_addr) >> 24U != 127 : !IN6_IS_ADDR_LOOPBACK(&sixth)) {
+    return Quoted(svValue) + " can be reached from elsewhere; only 127.0.0.0/8 and [::1] are taken";
+  }
+  uint64_t u64Port = 0;
+  std::string strWrong = ReadNumber(svValue.substr(uColon + 1), 1, UINT16_MAX, u64Port);
+  if (strWrong.empty()) {
+    strAddress = bSixth ? "::1" : strRead;
+    uPort = static_cast<uint16_t>(u64Port);
+  }
+  return strWrong;
 }
 
 std::string NearestWord(std::string_view svWord, const std::vector<std::string>& vecWords) {

@@ -27,6 +27,9 @@
 // A component's GUID in either case, made upper-case.
 [[nodiscard]] std::string ReadGuid(std::string_view svValue, std::string& strRead);
 
+// An address of this machine's own loopback and a port: 127.0.0.1:9478 or [::1]:9478.
+[[nodiscard]] std::string ReadLoopbackAddress(std::string_view svValue, std::string& strAddress, uint16_t& uPort);
+
 // The word of vecWords that svWord was most likely meant to be; empty when none is near.
 std::string NearestWord(std::string_view svWord, const std::vector<std::string>& vecWords);
 

@@ -56,6 +56,12 @@ std::string SetAgentId(std::string_view svValue, Target& target) {
   return bGood ? std::string() : "\"" + std::string(svValue) + "\" is not a UUID";
 }
 
+std::string SetStatus(std::string_view svValue, Target& target) {
+  target.config.status = {};
+  return svValue.empty() ? std::string()
+                         : ReadLoopbackAddress(svValue, target.config.status.strAddress, target.config.status.uPort);
+}
+
 const KeyRule kHostRules[] = {
     {"host", "data_dir", "data",
      [](std::string_view sv, Target& t) { return ReadPath(sv, t.strPrefix, t.config.strDataDir); }},
@@ -90,6 +96,10 @@ const KeyRule kHostRules[] = {
     {"link", "agent_id", "", SetAgentId},
 };
 
+const KeyRule kStatusRules[] = {
+    {"status", "listen", "", SetStatus},
+};
+
 const KeyRule kPluginRules[] = {
     {"plugin", "path", "lib/libqmlogcache.so",
      [](std::string_view sv, Target& t) { return ReadPath(sv, t.strPrefix, t.plugin.strPath); }},
@@ -104,6 +114,7 @@ const std::vector<KeyRule>& AllRules() {
     std::vector<KeyRule> vecRules(std::begin(kHostRules), std::end(kHostRules));
     vecRules.insert(vecRules.end(), HttpKeyRules().begin(), HttpKeyRules().end());
     vecRules.insert(vecRules.end(), NatsKeyRules().begin(), NatsKeyRules().end());
+    vecRules.insert(vecRules.end(), std::begin(kStatusRules), std::end(kStatusRules));
     vecRules.insert(vecRules.end(), std::begin(kPluginRules), std::end(kPluginRules));
     return vecRules;
   }();

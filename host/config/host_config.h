@@ -49,6 +49,8 @@
 // |               | connect_timeout_ms | 10000                | how long a connection may take, 100 to 600000         |
 // |               | retry_max_ms       | 60000                | longest pause between attempts, 100 to 3600000        |
 // |               | pending            | 256                  | records without acknowledgement at a time, 1 to 65536 |
+// | [status]      | listen             |                      | loopback address and port of the status page and the  |
+// |               |                    |                      | metrics; without it there are none                    |
 // | [plugin NAME] | path               | lib/libqmlogcache.so | the plug-in's library                                 |
 // |               | guid               | the log cache's      | the object to make                                    |
 // |               | enabled            | yes                  | no: the section is checked and otherwise ignored      |
@@ -70,6 +72,7 @@
 #include "host/link/server_link.h"
 #include "host/plugins/plugin_spec.h"
 #include "host/router/router.h"
+#include "host/status/status_options.h"
 
 // A row of the table above, with its default as the file would say it.
 struct HostConfigKey {
@@ -95,8 +98,9 @@ struct HostConfig {
   LinkDriver linkDriver = LinkDriver::File;
   std::string strAgentId;  // empty: the one in the data directory
   FileDriverOptions fileDriver;
-  HttpDriverOptions httpDriver;        // without the agent's id
-  NatsDriverOptions natsDriver;        // likewise
+  HttpDriverOptions httpDriver;  // without the agent's id
+  NatsDriverOptions natsDriver;  // likewise
+  StatusOptions status;
   std::vector<PluginSpec> vecPlugins;  // the enabled ones, in the order of the file
 };
 

@@ -1,0 +1,50 @@
+// How many rows cache files hold.
+//
+// The files belong to the component, which is at work on them, so a count must never be in its way: it is a read-only
+// connection that waits for nobody, makes no checkpoint, and gives up after kLongestCountMs. In a write-ahead log a
+// reader holds up no writer; a checkpoint leaves out what a reader still needs and brings it in the next time.
+//
+// A count reads the whole file, so files above kLargestCounted are not counted: their rows stay unknown. A file is
+// counted when it has changed, and at most once in kCountPauseSeconds.
+//
+// Only SQLite may open these files in this process: the first close of a file by anybody else would take away the locks
+// that SQLite has on it.
+//
+// Threads: one at a time.
+#ifndef QMLOGCACHE_HOST_STATUS_CACHE_ROWS_H_
+#define QMLOGCACHE_HOST_STATUS_CACHE_ROWS_H_
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "host/status/cache_directory.h"
+
+inline constexpr uint64_t kLargestCounted = uint64_t{16} << 20;
+inline constexpr int kLongestCountMs = 20;
+inline constexpr int kCountPauseSeconds = 10;
+
+// Nothing when the file cannot be counted: too large, not there, not a database, busy, or not in time.
+std::optional<uint64_t> CountCacheRows(const std::string& strFile);
+
+class CCacheRows {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // Sets optRows of the files, from earlier counts or counts made now. Counts for budget at most, the rest next time.
+  void Fill(const std::string& strDirectory, CacheContents& contents, Clock::time_point now,
+            std::chrono::milliseconds budget);
+
+ private:
+  struct Counted {
+    std::optional<uint64_t> optRows;
+    int64_t i64ChangedNs = -1;
+    Clock::time_point when{};
+  };
+
+  std::map<std::string, Counted> m_mapCounted;  // by sender
+};
+
+#endif  // QMLOGCACHE_HOST_STATUS_CACHE_ROWS_H_

@@ -1,0 +1,10 @@
+# Writes a C++ header with the bytes of files. Called with -D OUTPUT=header -D "FILES=name=path;name=path...".
+set(text "// Made by the build from the files of the status page.\n#pragma once\n")
+foreach(entry ${FILES})
+  string(REGEX MATCH "^([^=]+)=(.+)$" matched "${entry}")
+  set(name ${CMAKE_MATCH_1})
+  file(READ ${CMAKE_MATCH_2} bytes HEX)
+  string(REGEX REPLACE "(..)" "0x\\1," bytes "${bytes}")
+  string(APPEND text "inline constexpr unsigned char ${name}[] = {${bytes}};\n")
+endforeach()
+file(WRITE ${OUTPUT} "${text}")

@@ -1,0 +1,34 @@
+// How many records are held and since when, as far as the host can know it from outside the component.
+//
+// Of this run: what was accepted, less what the destination has settled. Of earlier runs: the rows that the cache files
+// held at the start, if they could be counted, less what was settled of them. A component that drops records by itself
+// (datacoverflag) makes the count too high, which is then said.
+#ifndef QMLOGCACHE_HOST_STATUS_HELD_RECORDS_H_
+#define QMLOGCACHE_HOST_STATUS_HELD_RECORDS_H_
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
+#include "host/link/server_link.h"
+#include "host/status/history.h"
+
+struct HeldRecords {
+  PriorityCounts aOfRun{};
+  uint64_t u64OfRun = 0;               // their sum
+  std::optional<uint64_t> optEarlier;  // of earlier runs; nothing when it is not known
+  bool bAtMost = false;                // some of them may have been dropped
+  // Age of the oldest record of this run: it is no younger. Nothing when none is held, or the history does not tell.
+  std::optional<std::chrono::seconds> optOldest;
+};
+
+struct HeldInput {
+  PriorityCounts aAccepted{};
+  ServerLinkCounts link;
+  std::optional<uint64_t> optRowsAtStart;
+  bool bKeepsAll = true;
+};
+
+HeldRecords CountHeldRecords(const HeldInput& input, const CHistory& history, StatusTime now);
+
+#endif  // QMLOGCACHE_HOST_STATUS_HELD_RECORDS_H_

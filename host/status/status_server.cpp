@@ -1,0 +1,252 @@
+#include "host/status/status_server.h"
+
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/address.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/write.hpp>
+#include <list>
+#include <thread>
+#include <utility>
+
+#include "host/router/thread_setup.h"
+#include "host/status/http_answers.h"
+#include "platform/log.h"
+
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = boost::beast::http;
+using asio::ip::tcp;
+using boost::system::error_code;
+
+constexpr std::chrono::milliseconds kAcceptPause{100};
+// How long a client may take to hang up after its answer, and how much of what it still sends is read until then:
+// closing with bytes unread would take the answer away from it.
+constexpr std::chrono::seconds kFarewell{1};
+constexpr size_t kFarewellBytes = 65536;
+
+class CSession;
+using Sessions = std::list<std::shared_ptr<CSession>>;
+
+// One connection: a request, its answer, the end. All on the server's thread.
+class CSession : public std::enable_shared_from_this<CSession> {
+ public:
+  using Answer = std::function<StatusResponse(const StatusRequest& request)>;
+
+  CSession(tcp::socket socket, const Answer& fnAnswer, std::function<void()> fnClosed)
+      : m_stream(std::move(socket)), m_fnAnswer(fnAnswer), m_fnClosed(std::move(fnClosed)) {
+    m_parser.header_limit(kLongestRequest);
+  }
+
+  void Start() {
+    m_stream.expires_after(kRequestTimeout);
+    // What a client sends as a body is not looked at.
+    http::async_read_header(m_stream, m_buffer, m_parser,
+                            [pSelf = shared_from_this()](const error_code& error, size_t) { pSelf->OnRequest(error); });
+  }
+
+  void Close() {
+    error_code ignored;
+    m_stream.socket().close(ignored);
+    if (m_fnClosed) {
+      std::exchange(m_fnClosed, nullptr)();
+    }
+  }
+
+ private:
+  void OnRequest(const error_code& error) {
+    if (!m_stream.socket().is_open()) {
+      Close();
+      return;
+    }
+    if (!error) {
+      Write(m_fnAnswer(m_parser.get()));
+    } else if (error == http::error::header_limit || error == http::error::buffer_overflow) {
+      Write(AnswerFailure(http::status::request_header_fields_too_large, "The request is too long."));
+    } else if (error.category() == http::make_error_code(http::error::bad_method).category() &&
+               error != http::error::end_of_stream && error != http::error::partial_message) {
+      Write(AnswerFailure(http::status::bad_request, "This is not a request."));
+    } else {
+      Close();
+    }
+  }
+
+  void Write(StatusResponse response) {
+    m_response = std::move(response);
+    m_stream.expires_after(kRequestTimeout);
+    http::async_write(m_stream, m_response, [pSelf = shared_from_this()](const error_code& error, size_t) {
+      if (error) {
+        pSelf->Close();
+        return;
+      }
+      error_code ignored;
+      pSelf->m_stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+      pSelf->m_stream.expires_after(kFarewell);
+      pSelf->AwaitEnd(kFarewellBytes);
+    });
+  }
+
+  void AwaitEnd(size_t uLeft) {
+    m_stream.async_read_some(asio::buffer(m_aFarewell),
+                             [pSelf = shared_from_this(), uLeft](const error_code& error, size_t uRead) {
+                               if (error || uRead >= uLeft) {
+                                 pSelf->Close();
+                               } else {
+                                 pSelf->AwaitEnd(uLeft - uRead);
+                               }
+                             });
+  }
+
+  beast::tcp_stream m_stream;
+  beast::flat_buffer m_buffer{kLongestRequest};
+  http::request_parser<http::empty_body> m_parser;
+  StatusResponse m_response;
+  std::array<char, 1024> m_aFarewell{};
+  const Answer& m_fnAnswer;
+  std::function<void()> m_fnClosed;
+};
+
+class CStatusServer final : public IStatusServer {
+ public:
+  CStatusServer(const StatusOptions& options, StatusHandlers handlers)
+      : m_options(options),
+        m_handlers(std::move(handlers)),
+        m_fnAnswer(
+            [this](const StatusRequest& request) { return AnswerRequest(request, m_options, m_handlers.fnDocument); }),
+        m_acceptor(m_ioContext),
+        m_acceptTimer(m_ioContext),
+        m_tickTimer(m_ioContext) {}
+  ~CStatusServer() override { Stop(); }
+
+  bool Start(std::string& strError) override {
+    m_hLog = LogInit("qmhost");
+    if (!Listen(strError)) {
+      return false;
+    }
+    asio::post(m_ioContext, [this] { Tick(); });
+    AcceptNext();
+    try {
+      m_thread = std::thread([this] {
+        SetUpThread("qmhost-status");
+        Run();
+      });
+    } catch (const std::exception& error) {
+      strError = std::string("cannot start the status thread: ") + error.what();
+      return false;
+    }
+    LogPrint(m_hLog, kLogLifecycle, "status served on %s port %u", m_options.strAddress.c_str(),
+             static_cast<unsigned int>(m_options.uPort));
+    return true;
+  }
+
+  void Stop() override {
+    m_ioContext.stop();
+    if (m_thread.joinable()) {
+      m_thread.join();
+    }
+    LogUninit(std::exchange(m_hLog, nullptr));
+  }
+
+ private:
+  bool Listen(std::string& strError) {
+    error_code error;
+    const asio::ip::address address = asio::ip::make_address(m_options.strAddress, error);
+    const auto fnDo = [&error](const auto& fnStep) {
+      if (!error) {
+        fnStep();
+      }
+    };
+    const tcp::endpoint endpoint(address, m_options.uPort);
+    fnDo([&] { m_acceptor.open(endpoint.protocol(), error); });
+    fnDo([&] { m_acceptor.set_option(tcp::acceptor::reuse_address(true), error); });
+    fnDo([&] { m_acceptor.bind(endpoint, error); });
+    fnDo([&] { m_acceptor.listen(asio::socket_base::max_listen_connections, error); });
+    if (error) {
+      strError = "the status cannot be served on " + m_options.strAddress + " port " + std::to_string(m_options.uPort) +
+                 ": " + error.message();
+    }
+    return !error;
+  }
+
+  // What a handler throws costs the connection or the tick it came from, never the thread.
+  void Run() noexcept {
+    for (;;) {
+      try {
+        m_ioContext.run();
+        return;
+      } catch (const std::exception& error) {
+        LogPrint(m_hLog, kLogWarning, "*qmhost the status page: %s", error.what());
+      } catch (...) {
+        LogPrintStr(m_hLog, kLogWarning, "*qmhost the status page: an unknown error");
+      }
+    }
+  }
+
+  void Tick() {
+    m_tickTimer.expires_after(m_handlers.tick);
+    m_tickTimer.async_wait([this](const error_code& error) {
+      if (!error) {
+        Tick();
+      }
+    });
+    m_handlers.fnTick();
+  }
+
+  void AcceptNext() {
+    m_acceptor.async_accept([this](const error_code& error, tcp::socket socket) {
+      if (error && error != asio::error::connection_aborted) {
+        // Out of descriptors, as a rule: trying again at once would only spin.
+        m_acceptTimer.expires_after(kAcceptPause);
+        m_acceptTimer.async_wait([this](const error_code&) { AcceptNext(); });
+        return;
+      }
+      AcceptNext();
+      if (!error) {
+        Admit(std::move(socket));
+      }
+    });
+  }
+
+  void Admit(tcp::socket socket) {
+    if (m_listSessions.size() >= kMostConnections) {
+      const std::shared_ptr<CSession> pOldest = m_listSessions.front();
+      pOldest->Close();
+    }
+    const auto itPlace = m_listSessions.insert(m_listSessions.end(), nullptr);
+    try {
+      *itPlace =
+          std::make_shared<CSession>(std::move(socket), m_fnAnswer, [this, itPlace] { m_listSessions.erase(itPlace); });
+    } catch (...) {
+      m_listSessions.erase(itPlace);
+      throw;
+    }
+    (*itPlace)->Start();
+  }
+
+  const StatusOptions m_options;
+  const StatusHandlers m_handlers;
+  const CSession::Answer m_fnAnswer;
+  void* m_hLog = nullptr;
+  // Before the I/O context: what it still holds when it goes refers to nothing of the list.
+  Sessions m_listSessions;
+  asio::io_context m_ioContext{1};
+  tcp::acceptor m_acceptor;
+  asio::steady_timer m_acceptTimer;
+  asio::steady_timer m_tickTimer;
+  std::thread m_thread;
+};
+
+}  // namespace
+
+std::unique_ptr<IStatusServer> CreateStatusServer(const StatusOptions& options, StatusHandlers handlers) {
+  return std::make_unique<CStatusServer>(options, std::move(handlers));
+}
