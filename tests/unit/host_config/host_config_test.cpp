@@ -229,4 +229,34 @@ TEST_F(HostConfigTest, AFileThatCannotBeReadIsOneProblem) {
   ExpectProblem(std::string(2U << 20, '#'), "F: is longer than 1 MiB");
 }
 
+TEST_F(HostConfigTest, TheStatusIsOffUnlessAnAddressIsGiven) {
+  ASSERT_EQ(Load("[plugin a]\n"), std::vector<std::string>{});
+  EXPECT_EQ(m_Config.status.strAddress, "");
+  ASSERT_EQ(Load("[plugin a]\n[status]\nlisten = 127.0.0.1:9478\n"), std::vector<std::string>{});
+  EXPECT_EQ(m_Config.status.strAddress, "127.0.0.1");
+  EXPECT_EQ(m_Config.status.uPort, 9478);
+  ASSERT_EQ(Load("[plugin a]\n[status]\nlisten = [::1]:80\n"), std::vector<std::string>{});
+  EXPECT_EQ(m_Config.status.strAddress, "::1");
+  EXPECT_EQ(m_Config.status.uPort, 80);
+}
+
+TEST_F(HostConfigTest, TheStatusIsForThisMachineAlone) {
+  for (const char* pszElsewhere :
+       {"0.0.0.0:9478", "192.168.1.1:9478", "[::]:9478", "[fe80::1]:9478", "[::ffff:127.0.0.1]:1"}) {
+    ExpectProblem(std::string("[plugin a]\n[status]\nlisten = ") + pszElsewhere + "\n",
+                  std::string("F:3: listen: \"") + pszElsewhere +
+                      "\" can be reached from elsewhere; only 127.0.0.0/8 and [::1] are taken");
+  }
+  for (const char* pszNone :
+       {"9478", "localhost:9478", "::1:9478", "[127.0.0.1]:9478", ":9478", "[::1]", "127.1:9478"}) {
+    ExpectProblem(std::string("[plugin a]\n[status]\nlisten = ") + pszNone + "\n",
+                  std::string("F:3: listen: \"") + pszNone +
+                      "\" is not an address and a port, such as 127.0.0.1:9478 or [::1]:9478");
+  }
+  ExpectProblem("[plugin a]\n[status]\nlisten = 127.0.0.1:0\n", "F:3: listen: \"0\" is not between 1 and 65535");
+  ExpectProblem("[plugin a]\n[status]\nlisten = 127.0.0.1:65536\n",
+                "F:3: listen: \"65536\" is not between 1 and 65535");
+  ExpectProblem("[plugin a]\n[status]\nlisten = 127.0.0.1:\n", "F:3: listen: \"\" is not a number");
+}
+
 }  // namespace

@@ -632,4 +632,48 @@ TEST_F(ServerLinkTest, AnswersEveryRecordOnceUnderLoad) {
   EXPECT_EQ(counts.u64Held, 0U);
 }
 
+TEST_F(ServerLinkTest, CountsOutcomesByPriorityAndThoseOfThisRunApart) {
+  StartUp();
+  m_pLink->SetRunStart(0x100);
+  Context().Arrive(MakeText(0xff00000001, "of an earlier run", "", "", 2));
+  Context().Arrive(MakeText(0x10000000001, "high", "", "", 2));
+  Context().Arrive(MakeText(0x10000000002, "public, low", "", "", 10));
+  Context().Arrive(MakeText(0x10000000003, "rejected", "", "", 3));
+  Context().Arrive(MakeText(0x10000000004, "again", "", "", 1));
+  const auto vecTaken = m_pDriver->TakeAll();
+  ASSERT_EQ(vecTaken.size(), 5U);
+  const std::array<uint32_t, 5> aResults = {0, 0, 0, kHostRecordRefused, kHostSendTimeout};
+  for (size_t i = 0; i < aResults.size(); ++i) {
+    Events().OnOutcome(vecTaken[i], aResults[i]);
+  }
+  const ServerLinkCounts counts = m_pLink->GetCounts();
+  EXPECT_EQ(counts.aDelivered, (PriorityCounts{1, 0, 2, 0, 0}));
+  EXPECT_EQ(counts.aRejected, (PriorityCounts{0, 0, 0, 1, 0}));
+  EXPECT_EQ(counts.aSettledOfRun, (PriorityCounts{1, 0, 1, 1, 0}));
+}
+
+TEST_F(ServerLinkTest, NoRecordIsOfThisRunBeforeItsStartIsTold) {
+  StartUp();
+  Arrive(0x10000000001);
+  Events().OnOutcome(m_pDriver->TakeAll().at(0), 0);
+  EXPECT_EQ(m_pLink->GetCounts().aDelivered, (PriorityCounts{0, 1, 0, 0, 0}));
+  EXPECT_EQ(m_pLink->GetCounts().aSettledOfRun, PriorityCounts{});
+}
+
+TEST_F(ServerLinkTest, TellsWhyAndSinceWhenItIsDown) {
+  StartUp();
+  EXPECT_EQ(m_pLink->GetDownReason(), "");
+  const auto upSince = m_pLink->GetCounts().stateSince;
+  Events().OnDown("the cable");
+  EXPECT_EQ(m_pLink->GetDownReason(), "the cable");
+  const auto downSince = m_pLink->GetCounts().stateSince;
+  EXPECT_GT(downSince, upSince);
+  Events().OnDown("still the cable");
+  EXPECT_EQ(m_pLink->GetDownReason(), "still the cable");
+  EXPECT_EQ(m_pLink->GetCounts().stateSince, downSince);
+  Events().OnUp();
+  EXPECT_EQ(m_pLink->GetDownReason(), "");
+  EXPECT_GT(m_pLink->GetCounts().stateSince, downSince);
+}
+
 }  // namespace

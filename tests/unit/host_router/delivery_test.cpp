@@ -3,7 +3,9 @@
 
 #include <atomic>
 #include <stdexcept>
+#include <thread>
 
+#include "host/protocol/combo_payload.h"
 #include "host/protocol/host_status.h"
 #include "tests/unit/host_router/router_fakes.h"
 
@@ -281,6 +283,82 @@ TEST_F(DeliveryTest, ReservedOperationsAreRefused) {
   EXPECT_EQ(m_pContext->Reserved4(), kHostBadArgument);
   EXPECT_EQ(m_pContext->Reserved7(), kHostBadArgument);
   EXPECT_EQ(m_pContext->Reserved8(), kHostBadArgument);
+}
+
+TEST_F(DeliveryTest, CountsAcceptedRecordsByPriorityAndRefusalsByStatus) {
+  for (const uint32_t uType : {10100U, 10102U, 10113U, 10300U, 77U}) {
+    ASSERT_EQ(m_pContext->Receive(uType, &m_Receiver, nullptr), kHostOk);
+  }
+  int32_t iAnswer = 0;
+  m_Receiver.fnThen = [&](const SeenMessage& message) { EXPECT_EQ(Reply(message.pReplyHandle, iAnswer), kHostOk); };
+  std::string strCombo(kComboHeaderSize, '\0');
+  strCombo[4] = 11;
+  ASSERT_EQ(Deliver(*m_pRouter, 10100, "data", m_pSink), kHostOk);
+  ASSERT_EQ(Deliver(*m_pRouter, 10102, "data", m_pSink), kHostOk);
+  ASSERT_EQ(Deliver(*m_pRouter, 10113, "data", m_pSink), kHostOk);
+  ASSERT_EQ(Deliver(*m_pRouter, 10300, strCombo, m_pSink), kHostOk);
+  ASSERT_EQ(Deliver(*m_pRouter, 77, "no record", m_pSink), kHostOk);
+  iAnswer = 9;
+  ASSERT_EQ(Deliver(*m_pRouter, 10102, "data", m_pSink), kHostOk);
+  ASSERT_EQ(Deliver(*m_pRouter, 10102, "data", m_pSink), kHostOk);
+  ASSERT_EQ(Deliver(*m_pRouter, 10103, "data", m_pSink), kHostNoReceiver);
+  const IntakeCounts counts = m_pRouter->GetIntakeCounts();
+  EXPECT_EQ(counts.aAccepted, (PriorityCounts{1, 1, 1, 1, 0}));
+  EXPECT_EQ(counts.vecRefused, (std::vector<std::pair<uint32_t, uint64_t>>{{9, 2}, {kHostNoReceiver, 1}}));
+  EXPECT_EQ(counts.u64RefusedOtherwise, 0U);
+}
+
+TEST_F(DeliveryTest, TheCountIsThereWhenTheAnswerIs) {
+  ASSERT_EQ(m_pContext->Receive(kType, &m_Receiver, nullptr), kHostOk);
+  class CLookingSink final : public IReplySink {
+   public:
+    explicit CLookingSink(const IRouter& router) : m_router(router) {}
+    void OnReply(uint64_t, uint32_t, std::string_view) override { u64Seen = m_router.GetIntakeCounts().aAccepted[2]; }
+    uint64_t u64Seen = 0;
+
+   private:
+    const IRouter& m_router;
+  };
+  const auto pSink = std::make_shared<CLookingSink>(*m_pRouter);
+  m_Receiver.fnThen = [this](const SeenMessage& message) { EXPECT_EQ(Reply(message.pReplyHandle), kHostOk); };
+  ASSERT_EQ(Deliver(*m_pRouter, kType, "data", pSink), kHostOk);
+  EXPECT_EQ(pSink->u64Seen, 1U);
+}
+
+TEST(IntakeCountersTest, StatusesBeyondThePlacesAreCountedTogether) {
+  CIntakeCounters counters;
+  for (uint32_t uStatus = 1; uStatus <= 40; ++uStatus) {
+    counters.CountRefused(uStatus);
+  }
+  counters.CountRefused(1);
+  const IntakeCounts counts = counters.Snapshot();
+  ASSERT_EQ(counts.vecRefused.size(), 32U);
+  EXPECT_EQ(counts.vecRefused.front(), (std::pair<uint32_t, uint64_t>{1, 2}));
+  EXPECT_EQ(counts.u64RefusedOtherwise, 8U);
+}
+
+TEST(IntakeCountersTest, NoAdditionOfManyThreadsIsLost) {
+  CIntakeCounters counters;
+  std::vector<std::thread> vecThreads;
+  for (uint32_t uThread = 0; uThread < 4; ++uThread) {
+    vecThreads.emplace_back([&counters, uThread] {
+      for (uint32_t i = 0; i < 2000; ++i) {
+        counters.Count(uThread, 0);
+        counters.CountRefused(1 + i % 3);
+      }
+    });
+  }
+  for (std::thread& thread : vecThreads) {
+    thread.join();
+  }
+  const IntakeCounts counts = counters.Snapshot();
+  EXPECT_EQ(counts.aAccepted, (PriorityCounts{2000, 2000, 2000, 2000, 0}));
+  uint64_t u64Refused = 0;
+  for (const auto& refusal : counts.vecRefused) {
+    u64Refused += refusal.second;
+  }
+  EXPECT_EQ(counts.vecRefused.size(), 3U);
+  EXPECT_EQ(u64Refused, 8000U);
 }
 
 }  // namespace

@@ -729,4 +729,63 @@ TEST(LogDefaultsDeathTest, LevelsThreeFourAndSixBesideTheProgramsDirectory) {
   EXPECT_EXIT(_exit(WritesWhereAndWhatIsUsual()), testing::ExitedWithCode(0), "");
 }
 
+// What an observer was given.
+struct Observed {
+  std::mutex mutex;
+  Texts vecTexts;
+  static void Take(const char* pText, unsigned long uLength, void* pUser) {
+    auto& self = *static_cast<Observed*>(pUser);
+    const std::lock_guard lock(self.mutex);
+    self.vecTexts.emplace_back(pText, uLength);
+  }
+};
+
+TEST_F(LogTest, AnObserverIsGivenTheLinesOfItsChannelAndLevel) {
+  void* const hLog = Open("watched");
+  void* const hOther = Open("other");
+  Observed observed;
+  ASSERT_EQ(QmLogObserve("watched", kLogLifecycle, Observed::Take, &observed), 0);
+  LogPrint(hLog, kLogLifecycle, "count[%d]\n", 7);
+  LogPrintStr(hLog, kLogLifecycle, "fixed");
+  LogPrint(hLog, kLogLifecycle, "%s", std::string(5000, 'x').c_str());
+  LogPrint(hLog, kLogWarning, "another level");
+  LogPrint(hLog, kLogNormal, "a level that is off");
+  LogPrint(hOther, kLogLifecycle, "another channel");
+  ASSERT_EQ(QmLogObserve("watched", 0, nullptr, nullptr), 0);
+  LogPrintStr(hLog, kLogLifecycle, "after its end");
+  EXPECT_EQ(observed.vecTexts, (Texts{"count[7]\n", "fixed", std::string(5000, 'x')}));
+}
+
+TEST_F(LogTest, AnObserverOfALevelThatIsOffIsGivenNothing) {
+  Configure(1U << 3, kNoRotation, 5);
+  void* const hLog = Open("watched");
+  Observed observed;
+  ASSERT_EQ(QmLogObserve("watched", kLogLifecycle, Observed::Take, &observed), 0);
+  LogPrintStr(hLog, kLogLifecycle, "text");
+  ASSERT_EQ(QmLogObserve("watched", 0, nullptr, nullptr), 0);
+  EXPECT_EQ(observed.vecTexts, Texts{});
+}
+
+TEST_F(LogTest, AnObserverIsNotCalledAnyMoreOnceItWasTakenAway) {
+  void* const hLog = Open("watched");
+  std::atomic<bool> bStop{false};
+  std::thread writer([&] {
+    while (!bStop.load()) {
+      LogPrintStr(hLog, kLogLifecycle, "text");
+    }
+  });
+  for (int i = 0; i < 200; ++i) {
+    // Gone before the next turn: a call that came late would be found by the sanitizers.
+    const auto pObserved = std::make_unique<Observed>();
+    ASSERT_EQ(QmLogObserve("watched", kLogLifecycle, Observed::Take, pObserved.get()), 0);
+    ASSERT_EQ(QmLogObserve("watched", 0, nullptr, nullptr), 0);
+  }
+  bStop.store(true);
+  writer.join();
+}
+
+TEST_F(LogTest, RefusesAnObserverOfNoChannel) {
+  EXPECT_NE(QmLogObserve(nullptr, kLogLifecycle, Observed::Take, nullptr), 0);
+}
+
 }  // namespace
