@@ -103,12 +103,16 @@ std::string Text(const json& value) {
   return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-// The files of the newest sample, in its order: those that are drawn.
+// The largest files of the newest sample, in the order of their names, so that each keeps its place while sizes change.
 json FileColumns(const std::deque<HistorySample>& dequeSamples) {
   json columns = json::array();
-  const auto& vecNewest = dequeSamples.back().vecFiles;
-  for (size_t i = 0; i < std::min(vecNewest.size(), kDrawnFiles); ++i) {
-    const std::string& strSender = vecNewest[i].first;
+  std::vector<std::string> vecSenders;
+  for (const auto& [strSender, u64Bytes] : dequeSamples.back().vecFiles) {
+    vecSenders.push_back(strSender);
+  }
+  vecSenders.resize(std::min(vecSenders.size(), kDrawnFiles));
+  std::sort(vecSenders.begin(), vecSenders.end());
+  for (const std::string& strSender : vecSenders) {
     json column = json::array();
     for (const HistorySample& sample : dequeSamples) {
       const auto it = std::find_if(sample.vecFiles.begin(), sample.vecFiles.end(),

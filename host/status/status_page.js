@@ -13,7 +13,7 @@ const byId = (id) => document.getElementById(id);
 const counts = new Intl.NumberFormat('en');
 
 let status = null;             // the newest answer
-let history = null;
+let past = null;
 let historySpan = '';
 let historyAsked = 0;
 let lastAnswer = performance.now();
@@ -169,9 +169,9 @@ function drawChart(figure, chart) {
   const width = Math.max(plot.clientWidth, 200);
   const height = Math.max(plot.clientHeight, 120);
   const margin = {left: 4, right: 4, top: 14, bottom: 20};
-  const span = history.span_seconds;
+  const span = past.span_seconds;
   const x = (age) => margin.left + (1 - age / span) * (width - margin.left - margin.right);
-  const ages = history.age_seconds;
+  const ages = past.age_seconds;
 
   // Stacked: what each series stands on.
   const tops = [];
@@ -196,6 +196,7 @@ function drawChart(figure, chart) {
     svg.append(draw('line', {class: 'grid', x1: margin.left, x2: width - margin.right, y1: at, y2: at}));
   }
   for (const series of tops) {
+    if (series.filled) svg.append(draw('path', {class: `area pale s-${series.key}`, d: areaPath(series, ages, x, y)}));
     if (chart.stacked) svg.append(draw('path', {class: `area s-${series.key}`, d: areaPath(series, ages, x, y)}));
     else svg.append(draw('path', {class: `line s-${series.key}`, d: linePath(series.top, ages, x, y)}));
   }
@@ -251,11 +252,11 @@ function areaPath(series, ages, x, y) {
 // Stretches in which the link was down, as ages.
 function outages() {
   const found = [];
-  history.link_up.forEach((up, i) => {
+  past.link_up.forEach((up, i) => {
     if (up) return;
-    const age = history.age_seconds[i];
-    const next = i + 1 < history.age_seconds.length ? history.age_seconds[i + 1] : 0;
-    if (found.length && !history.link_up[i - 1]) found.at(-1)[1] = next;
+    const age = past.age_seconds[i];
+    const next = i + 1 < past.age_seconds.length ? past.age_seconds[i + 1] : 0;
+    if (found.length && !past.link_up[i - 1]) found.at(-1)[1] = next;
     else found.push([age, next]);
   });
   return found;
@@ -268,15 +269,15 @@ function chartWords(figure, chart) {
     return known.length === 0 ? `${series.name} unknown`
       : `${series.name} now ${chart.text(known.at(-1))}, at most ${chart.text(Math.max(...known))}`;
   });
-  return `${figure.querySelector('h3').textContent} over the last ${spanText(history.span_seconds)}: ${parts.join('; ')}.`;
+  return `${figure.querySelector('h3').textContent} over the last ${spanText(past.span_seconds)}: ${parts.join('; ')}.`;
 }
 
 function fillTable(table, chart) {
-  const last = history.age_seconds.length - 1;
+  const last = past.age_seconds.length - 1;
   const step = Math.max(1, Math.ceil((last + 1) / TABLE_ROWS));
   const rows = [];
   for (let i = last; i >= 0; i -= step) {
-    rows.push(row(i === last ? 'now' : `${spanText(history.age_seconds[i])} ago`, chart.series.map((series) =>
+    rows.push(row(i === last ? 'now' : `${spanText(past.age_seconds[i])} ago`, chart.series.map((series) =>
       series.values[i] === null ? 'unknown' : chart.text(series.values[i]))));
   }
   table.replaceChildren(
@@ -289,29 +290,30 @@ function rates(counter) {
   const width = historySpan === '' ? SMOOTHING : 1;
   return counter.map((value, i) => {
     const from = Math.max(0, i - width);
-    const seconds = history.age_seconds[from] - history.age_seconds[i];
+    const seconds = past.age_seconds[from] - past.age_seconds[i];
     return seconds > 0 ? (value - counter[from]) / seconds : null;
   });
 }
 
 function showHistory() {
   drawChart(byId('chart-rates'), {
-    series: [{key: 'accepted', name: 'Coming in', values: rates(history.accepted)},
-      {key: 'delivered', name: 'Delivered', values: rates(history.delivered)}],
+    series: [{key: 'accepted', name: 'Coming in', values: rates(past.accepted), filled: true},
+      {key: 'delivered', name: 'Delivered', values: rates(past.delivered)}],
     text: rateText, least: 1});
   const heldKeys = ['low', 'normal', 'high', 'real', 'other'].filter((key) =>
-    key !== 'other' || history.held.other.some((value) => value > 0));
+    key !== 'other' || past.held.other.some((value) => value > 0));
   drawChart(byId('chart-held'), {
-    series: heldKeys.map((key) => ({key, name: PRIORITY_NAMES[key], values: history.held[key]})),
+    series: heldKeys.map((key) => ({key, name: PRIORITY_NAMES[key], values: past.held[key]})),
     stacked: true, text: (value) => counts.format(Math.round(value)), least: 10});
+  byId('shaded').classList.toggle('away', past.link_up.every((up) => up));
   drawChart(byId('chart-sizes'), {series: sizeSeries(), stacked: true, isBytes: true, text: byteText, least: 4096});
 }
 
 // The largest files one by one, the others together.
 function sizeSeries() {
-  const files = history.cache_files.map((file, i) =>
+  const files = past.cache_files.map((file, i) =>
     ({key: `file-${i}`, name: file.sender.slice(0, 8) + '…', values: file.bytes.map((value) => value ?? 0)}));
-  const rest = history.cache_bytes.map((value, i) =>
+  const rest = past.cache_bytes.map((value, i) =>
     value === null ? null : Math.max(0, value - files.reduce((all, file) => all + file.values[i], 0)));
   return [...files, {key: 'file-rest', name: files.length ? 'Everything else' : 'All files', values: rest}];
 }
@@ -334,7 +336,7 @@ async function refresh() {
       const asked = historySpan;
       const answer = await ask(`/api/history${asked}`);
       if (asked === historySpan) {
-        history = answer;
+        past = answer;
         historyAsked = performance.now();
         showHistory();
       }
@@ -375,9 +377,9 @@ for (const input of document.querySelectorAll('input[name="span"]')) {
   });
 }
 for (const details of document.querySelectorAll('.chart details')) {
-  details.addEventListener('toggle', () => { if (history) showHistory(); });
+  details.addEventListener('toggle', () => { if (past) showHistory(); });
 }
 document.addEventListener('visibilitychange', () => { if (!document.hidden) refresh(); });
-window.addEventListener('resize', () => { if (history) showHistory(); });
+window.addEventListener('resize', () => { if (past) showHistory(); });
 setInterval(tellSilence, 1000);
 keepAsking();

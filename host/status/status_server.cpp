@@ -69,7 +69,7 @@ class CSession : public std::enable_shared_from_this<CSession> {
       return;
     }
     if (!error) {
-      Write(m_fnAnswer(m_parser.get()));
+      AnswerIt();
     } else if (error == http::error::header_limit || error == http::error::buffer_overflow) {
       Write(AnswerFailure(http::status::request_header_fields_too_large, "The request is too long."));
     } else if (error.category() == http::make_error_code(http::error::bad_method).category() &&
@@ -77,6 +77,15 @@ class CSession : public std::enable_shared_from_this<CSession> {
       Write(AnswerFailure(http::status::bad_request, "This is not a request."));
     } else {
       Close();
+    }
+  }
+
+  void AnswerIt() {
+    try {
+      Write(m_fnAnswer(m_parser.get()));
+    } catch (...) {
+      Close();
+      throw;
     }
   }
 
@@ -236,12 +245,11 @@ class CStatusServer final : public IStatusServer {
   const StatusHandlers m_handlers;
   const CSession::Answer m_fnAnswer;
   void* m_hLog = nullptr;
-  // Before the I/O context: what it still holds when it goes refers to nothing of the list.
-  Sessions m_listSessions;
   asio::io_context m_ioContext{1};
   tcp::acceptor m_acceptor;
   asio::steady_timer m_acceptTimer;
   asio::steady_timer m_tickTimer;
+  Sessions m_listSessions;  // after the I/O context, which their sockets need to the end
   std::thread m_thread;
 };
 

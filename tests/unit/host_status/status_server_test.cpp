@@ -1,0 +1,188 @@
+#include "host/status/status_server.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <future>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+// How long a test waits for what must come, before it fails instead of hanging.
+constexpr int kHangGuardMs = 60000;
+
+class CSocket {
+ public:
+  CSocket() : m_iSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+  ~CSocket() { close(m_iSocket); }
+  CSocket(CSocket&& other) noexcept : m_iSocket(std::exchange(other.m_iSocket, -1)) {}
+  CSocket& operator=(CSocket&&) = delete;
+
+  int Get() const { return m_iSocket; }
+  void Send(const std::string& strText) const { send(m_iSocket, strText.data(), strText.size(), MSG_NOSIGNAL); }
+  // All that comes until the end; "hangs" when that does not come.
+  std::string ReadAll() const {
+    std::string strAll;
+    char acBytes[4096];
+    for (;;) {
+      pollfd descriptor{m_iSocket, POLLIN, 0};
+      if (poll(&descriptor, 1, kHangGuardMs) != 1) {
+        return "hangs";
+      }
+      const ssize_t iRead = recv(m_iSocket, acBytes, sizeof(acBytes), 0);
+      if (iRead <= 0) {
+        return strAll;
+      }
+      strAll.append(acBytes, static_cast<size_t>(iRead));
+    }
+  }
+
+ private:
+  int m_iSocket;
+};
+
+sockaddr_in Loopback(uint16_t uPort) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(uPort);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+uint16_t FreePort() {
+  const CSocket probe;
+  sockaddr_in address = Loopback(0);
+  socklen_t uSize = sizeof(address);
+  EXPECT_EQ(bind(probe.Get(), reinterpret_cast<const sockaddr*>(&address), uSize), 0);
+  EXPECT_EQ(getsockname(probe.Get(), reinterpret_cast<sockaddr*>(&address), &uSize), 0);
+  return ntohs(address.sin_port);
+}
+
+class StatusServerTest : public ::testing::Test {
+ protected:
+  void Start() {
+    std::string strError;
+    ASSERT_TRUE(m_pServer->Start(strError)) << strError;
+  }
+  CSocket Connect() const {
+    CSocket client;
+    const sockaddr_in address = Loopback(m_options.uPort);
+    EXPECT_EQ(connect(client.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    return client;
+  }
+  std::string Ask(const std::string& strRequest) const {
+    const CSocket client = Connect();
+    client.Send(strRequest);
+    return client.ReadAll();
+  }
+  std::string Get(const std::string& strTarget) const {
+    return Ask("GET " + strTarget + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  }
+  static std::string StatusLine(const std::string& strAnswer) { return strAnswer.substr(0, strAnswer.find('\r')); }
+
+  const StatusOptions m_options{"127.0.0.1", FreePort()};
+  std::atomic<unsigned int> m_uTicks{0};
+  std::promise<void> m_ticked;
+  std::unique_ptr<IStatusServer> m_pServer = CreateStatusServer(
+      m_options, {[](std::string_view svTarget) {
+                    if (svTarget == "/throw") {
+                      throw std::runtime_error("a handler that throws");
+                    }
+                    return svTarget == "/large" ? std::optional(StatusDocument{"text/plain", std::string(1 << 20, 'x')})
+                                                : std::optional(StatusDocument{"text/plain", "hello"});
+                  },
+                  [this] {
+                    if (m_uTicks.fetch_add(1) == 2) {
+                      m_ticked.set_value();
+                    }
+                  },
+                  std::chrono::milliseconds(1)});
+};
+
+TEST_F(StatusServerTest, AnswersAndEndsTheConnection) {
+  Start();
+  const std::string strAnswer = Get("/");
+  EXPECT_EQ(StatusLine(strAnswer), "HTTP/1.1 200 OK");
+  EXPECT_EQ(strAnswer.substr(strAnswer.size() - 9), "\r\n\r\nhello");
+  const std::string strLarge = Get("/large");
+  EXPECT_GT(strLarge.size(), size_t{1} << 20);
+}
+
+TEST_F(StatusServerTest, AnswersAClientThatSendsByteByByte) {
+  Start();
+  const CSocket client = Connect();
+  for (const char cByte : std::string("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n")) {
+    client.Send(std::string(1, cByte));
+  }
+  EXPECT_EQ(StatusLine(client.ReadAll()), "HTTP/1.1 200 OK");
+}
+
+TEST_F(StatusServerTest, TicksAtItsPace) {
+  Start();
+  EXPECT_EQ(m_ticked.get_future().wait_for(std::chrono::milliseconds(kHangGuardMs)), std::future_status::ready);
+}
+
+TEST_F(StatusServerTest, AnswersGarbageWithARefusal) {
+  Start();
+  EXPECT_EQ(StatusLine(Ask("\x16\x03\x01 not a request\r\n\r\n")), "HTTP/1.1 400 Bad Request");
+  EXPECT_EQ(StatusLine(Ask("GET / HTTP/9.9\r\n\r\n")), "HTTP/1.1 400 Bad Request");
+  EXPECT_EQ(StatusLine(Get("/" + std::string(10000, 'a'))), "HTTP/1.1 431 Request Header Fields Too Large");
+  EXPECT_EQ(StatusLine(Ask("GET / HTTP/1.1\r\nHost: localhost\r\nX: " + std::string(20000, 'a'))),
+            "HTTP/1.1 431 Request Header Fields Too Large");
+  EXPECT_EQ(StatusLine(Ask("POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 1000000\r\n\r\nbody")),
+            "HTTP/1.1 405 Method Not Allowed");
+  EXPECT_EQ(StatusLine(Get("/")), "HTTP/1.1 200 OK");
+}
+
+TEST_F(StatusServerTest, ClientsThatHoldConnectionsKeepNobodyOut) {
+  Start();
+  std::vector<CSocket> vecHolders;
+  for (size_t i = 0; i < 4 * kMostConnections; ++i) {
+    vecHolders.push_back(Connect());
+    vecHolders.back().Send("GET / HT");
+  }
+  EXPECT_EQ(StatusLine(Get("/")), "HTTP/1.1 200 OK");
+  EXPECT_EQ(vecHolders.front().ReadAll(), "");  // the first to come was the first to go
+}
+
+TEST_F(StatusServerTest, AnUnfinishedRequestIsNotWaitedForForever) {
+  Start();
+  const CSocket client = Connect();
+  client.Send("GET / HTTP/1.1\r\n");
+  EXPECT_EQ(client.ReadAll(), "");
+}
+
+TEST_F(StatusServerTest, AHandlerThatThrowsCostsItsConnectionOnly) {
+  Start();
+  EXPECT_EQ(Get("/throw"), "");
+  EXPECT_EQ(StatusLine(Get("/")), "HTTP/1.1 200 OK");
+}
+
+TEST_F(StatusServerTest, StopsWithConnectionsOpen) {
+  Start();
+  const CSocket silent = Connect();
+  const CSocket unread = Connect();
+  unread.Send("GET /large HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  EXPECT_EQ(StatusLine(Get("/")), "HTTP/1.1 200 OK");
+  m_pServer.reset();
+  EXPECT_EQ(silent.ReadAll(), "");
+}
+
+TEST_F(StatusServerTest, AnAddressThatIsTakenIsAnErrorAtTheStart) {
+  Start();
+  const std::unique_ptr<IStatusServer> pSecond =
+      CreateStatusServer(m_options, {[](std::string_view) { return std::nullopt; }, [] {}, std::chrono::seconds(1)});
+  std::string strError;
+  EXPECT_FALSE(pSecond->Start(strError));
+  EXPECT_EQ(strError, "the status cannot be served on 127.0.0.1 port " + std::to_string(m_options.uPort) +
+                          ": Address already in use");
+}
+
+}  // namespace
