@@ -151,16 +151,11 @@ function draw(name, attributes, text) {
   return element;
 }
 
-// The next 1, 2 or 5 times a power of ten; of bytes, times a power of 1024.
+// Where an axis ends: a round number, of bytes a power of two.
 function niceCeiling(value, isBytes) {
-  let unit = 1;
-  while (isBytes && value / unit >= 1024) unit *= 1024;
-  const scaled = Math.max(value / unit, isBytes ? 1 : 0.001);
-  const power = 10 ** Math.floor(Math.log10(scaled));
-  for (const step of [1, 2, 5, 10]) {
-    if (scaled <= step * power * 1.0001) return step * power * unit;
-  }
-  return scaled * unit;
+  if (isBytes) return 2 ** Math.ceil(Math.log2(value));
+  const power = 10 ** Math.floor(Math.log10(value));
+  return [1, 2, 3, 4, 6, 8, 10].find((step) => value <= step * power * 1.0001) * power;
 }
 
 // chart: {series: [{key, name, values}], stacked, text, isBytes, least}. A value may be null: unknown.

@@ -10,6 +10,11 @@ import tempfile
 import urllib.request
 
 PATIENCE = 120
+SHOWN_TEXT = """
+const element = document.querySelector(arguments[0]);
+const isShown = element !== null && element.checkVisibility({visibilityProperty: true});
+return isShown ? (element.innerText ?? element.textContent).trim() : '';
+"""
 
 
 class Browser:
@@ -64,8 +69,8 @@ class Browser:
         return self._call("POST", f"{self._session}/execute/sync", {"script": script, "args": list(arguments)})
 
     def text(self, selector):
-        """The text of an element as it is shown; None when there is none."""
-        return self.run("const e = document.querySelector(arguments[0]); return e && e.innerText.trim()", selector)
+        """The text of an element as it is shown; empty when nothing is."""
+        return self.run(SHOWN_TEXT, selector)
 
     def press(self, *keys):
         """Presses keys one after the other."""
