@@ -339,31 +339,35 @@ TEST_F(HttpDriverTest, ManyRecordsAtFaultAreRejectedAndNoOther) {
 
 // What the server accepted before, and empty batches that it accepts still, say nothing about a record.
 TEST_F(HttpDriverTest, AServerThatRefusesEveryRecordIsDownAndRejectsNone) {
-  std::atomic<bool> bWell{true};
-  Serve([&](const ServedRequest& request) { return StatusAnswer(bWell || request.vecIds.empty() ? 200 : 413); });
-  StartUp();
-  Deliver(1, 10);
-  ASSERT_TRUE(m_journal.WaitForCount("outcome", 10));
-  bWell = false;
-  Deliver(11, 138);
-  ASSERT_TRUE(m_journal.WaitForCount("back", 128));
-  EXPECT_EQ(m_journal.Count("down the server refuses records and has accepted none since: HTTP status 413"), 1U);
-  ASSERT_TRUE(m_journal.WaitForCount("up", 2));
-  // From now on it asks with a few records, and one at a time.
-  Deliver(201, 328);
-  ASSERT_TRUE(m_journal.WaitForCount("back", 256));
-  auto vecRequests = m_pServer->Requests();
-  std::erase_if(vecRequests,
-                [](const ServedRequest& request) { return request.vecIds.empty() || request.vecIds.back() < 201; });
-  EXPECT_LE(vecRequests.size(), 4U);
-  for (const ServedRequest& request : vecRequests) {
-    EXPECT_EQ(request.vecIds.size(), 1U);
-  }
-  ASSERT_TRUE(m_journal.WaitForCount("up", 3));
-  bWell = true;
-  Deliver(11, 138);
+  std::atomic<bool> bWell{false};
+  Serve([&](const ServedRequest& request) {
+    return StatusAnswer(bWell || request.vecIds.empty() || request.vecIds.back() <= 10 ? 200 : 413);
+  });
+  m_options.uRequests = 1;
+  // On the driver's thread: all are there before it sends the first.
+  m_journal.fnOnUp = [this, &bWell, uTimes = 0]() mutable {
+    ++uTimes;
+    bWell = uTimes == 3;
+    Deliver(uTimes == 1 ? 1 : 11, 138);
+  };
+  Start();
   ASSERT_TRUE(m_journal.WaitForCount("outcome", 138));
   EXPECT_EQ(m_journal.CountDelivered(), 138U);
+  EXPECT_EQ(m_journal.Count("back"), 256U);
+  EXPECT_EQ(m_journal.Count("down the server refuses records and has accepted none since: HTTP status 413"), 2U);
+  // The second time it has asked with a few records, and one at a time.
+  const std::vector<ServedRequest> vecRequests = m_pServer->Requests();
+  size_t uEmpty = 0;
+  size_t uSecond = 0;
+  for (const ServedRequest& request : vecRequests) {
+    uEmpty += request.vecIds.empty() ? 1 : 0;
+    if (uEmpty == 2 && !request.vecIds.empty()) {
+      ++uSecond;
+      EXPECT_EQ(request.vecIds.size(), 1U);
+    }
+  }
+  EXPECT_EQ(uEmpty, 3U);
+  EXPECT_EQ(uSecond, 4U);
 }
 
 // A sender that waits for the outcome of each record would wait for ever.
