@@ -45,6 +45,10 @@ class NatsLinkTestCase(HostTestCase):
         self.assertEqual(sorted(json.loads(data)["message"] for _, _, data in found), sorted(lines))
         return found
 
+    def assert_refused_by(self, whose, most):
+        self.assertRegex(self.log_text("qmhost"), f"nats link: {whose} refused record [0-9a-f]+ for good: "
+                         f"[0-9]+ bytes, and the bound is {most}\n")
+
     def assert_nothing_rejected(self):
         self.assertEqual(self.log_text("qmlogcacheerror"), "")
         self.assertEqual(self.count_log(REJECTED), 0)

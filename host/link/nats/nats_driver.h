@@ -2,7 +2,8 @@
 // delivery. What the stream must be like is told in docs/links.md.
 //
 // Files of this folder: nats_driver (life), nats_worker (the thread and its states), nats_session (libnats: one
-// connection), nats_stream (what the stream must be like), nats_answer (what an answer means), nats_names (subjects), nats_servers, socket_watch.
+// connection), nats_stream (what the stream must be like), nats_answer (what an answer means), nats_names (subjects),
+// nats_servers, socket_watch.
 #ifndef QMLOGCACHE_HOST_LINK_NATS_NATS_DRIVER_H_
 #define QMLOGCACHE_HOST_LINK_NATS_NATS_DRIVER_H_
 

@@ -19,8 +19,8 @@
 
 class CSocketWatch {
  public:
-  // To be made before the attempt and to go after it. strHost: a name or an address, as in a URL. isCancelled: asked now and then, on another thread; the attempt
-  // is to end before its limit. Must not throw. Throws std::exception.
+  // To be made before the attempt and to go after it. strHost: a name or an address, as in a URL. isCancelled: asked now
+  // and then, on another thread; the attempt is to end before its limit. Must not throw. Throws std::exception.
   CSocketWatch(const std::string& strHost, uint16_t uPort, std::chrono::milliseconds limit,
                std::function<bool()> isCancelled);
   ~CSocketWatch();
