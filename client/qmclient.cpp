@@ -95,12 +95,11 @@ int qm_client_close(qm_client* client, int timeout_ms) {
     if (iEntered != QM_CLIENT_OK) {
       return iEntered;
     }
-    iResult = QM_CLIENT_E_MEMORY;
     try {
       iResult = client->Flush(timeout_ms);
       client->GiveUp();
     } catch (const std::exception&) {
-      // What could not be reported is as lost as what could.
+      iResult = QM_CLIENT_E_MEMORY;
     }
   }
   delete client;

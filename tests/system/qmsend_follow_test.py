@@ -169,6 +169,17 @@ class AppendedLinesTest(FollowTestCase):
         self.assertEqual(self.said().count("longer than the host takes"), 1)
 
 
+    def test_of_many_lines_that_cannot_be_sent_a_hundred_are_named_and_the_others_counted(self):
+        self.start_host()
+        self.append(*[b"zero \0 byte"] * 250, b"good")
+        self.follow()
+        self.wait_arrived([b"good"])
+        self.assertEqual(self.end_follower(), 0)
+        self.assertEqual(self.said().count("it holds a zero byte"), 100)
+        self.assertIn("150 more lines that cannot be sent were passed over", self.said())
+        self.assertIn("accepted 1, passed over 250", self.said())
+
+
 class RotationTest(FollowTestCase):
     def test_a_renamed_log_is_read_to_its_end_and_then_the_new_one(self):
         self.start_host()

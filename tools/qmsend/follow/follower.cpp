@@ -19,6 +19,9 @@ constexpr milliseconds kIdleWait{1000};
 // How long an interrupted program waits for outstanding answers.
 constexpr milliseconds kInterruptGrace{5000};
 constexpr std::chrono::minutes kRefusalsInterval{1};
+// Of lines that are passed over only so many are named in that time; the others are counted.
+constexpr std::chrono::minutes kNamingInterval{1};
+constexpr unsigned int kNamedAnInterval = 100;
 
 }  // namespace
 
@@ -166,8 +169,25 @@ void CFollower::SendLine(const Record& line, LogPlace end) {
 void CFollower::PassOver(CFailureReport::Cause cause, uint32_t uStatus, uint64_t u64End, std::string_view svHead,
                          bool bMore) {
   ++m_u64PassedOver;
+  const Clock::time_point now = Clock::now();
+  if (now >= m_nextNaming) {
+    TellUnnamed();
+    m_nextNaming = now + kNamingInterval;
+    m_uNamed = 0;
+  }
+  if (++m_uNamed > kNamedAnInterval) {
+    ++m_u64Unnamed;
+    return;
+  }
   m_terminal.Line(m_options.strFollow + ", line up to byte " + std::to_string(u64End) + ": " +
                   CauseText(cause, uStatus) + ": " + Excerpt(svHead, bMore));
+}
+
+void CFollower::TellUnnamed() {
+  if (m_u64Unnamed > 0) {
+    m_terminal.Line(m_options.strFollow + ": " + std::to_string(std::exchange(m_u64Unnamed, 0)) +
+                    " more lines that cannot be sent were passed over");
+  }
 }
 
 bool CFollower::Note() {
@@ -227,6 +247,7 @@ void CFollower::Wait(Clock::time_point now) {
 
 int CFollower::Finish() {
   const bool bNoted = Note();
+  TellUnnamed();
   if (!m_options.bQuiet) {
     m_terminal.Line("followed " + m_options.strFollow + ": accepted " + std::to_string(m_u64Accepted) +
                     ", passed over " + std::to_string(m_u64PassedOver) + ", sent and not settled " +

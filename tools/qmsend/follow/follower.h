@@ -43,6 +43,7 @@ class CFollower : private ISendEvents {
   void SendLines(Clock::time_point now);
   void SendLine(const Record& line, LogPlace end);
   void PassOver(CFailureReport::Cause cause, uint32_t uStatus, uint64_t u64End, std::string_view svHead, bool bMore);
+  void TellUnnamed();
   bool MaySend() const;
   bool Note();
   void NoteIfDue(Clock::time_point now);
@@ -71,7 +72,10 @@ class CFollower : private ISendEvents {
   size_t m_uWindow = 0;
   uint64_t m_u64Accepted = 0;
   uint64_t m_u64PassedOver = 0;
-  Clock::time_point m_nextRead{};  // while there is nothing more in the log
+  unsigned int m_uNamed = 0;         // of these, in the present minute
+  uint64_t m_u64Unnamed = 0;         // since that was last told
+  Clock::time_point m_nextNaming{};  // the minute's end
+  Clock::time_point m_nextRead{};    // while there is nothing more in the log
   Clock::time_point m_nextNote{};
   Clock::time_point m_nextRefusal{};  // when refusals are told of again
   Clock::time_point m_stopBy{};       // once interrupted
