@@ -19,16 +19,50 @@ std::shared_ptr<CLogFile> OpenListed(const RotatedFile& file) {
   return pFile && pFile->IsAt(file.info) ? pFile : nullptr;
 }
 
-// The first of the files that come after, and what of them cannot be read.
-Successor FirstOf(const std::string& strLog, const std::vector<RotatedFile>& vecFiles,
-                  const std::function<bool(const RotatedFile&)>& fnComesAfter, const CLogFile* pCurrent) {
+bool AreSame(const std::vector<RotatedFile>& vecLeft, const std::vector<RotatedFile>& vecRight) {
+  return std::equal(vecLeft.begin(), vecLeft.end(), vecRight.begin(), vecRight.end(),
+                    [](const RotatedFile& left, const RotatedFile& right) {
+                      return left.strPath == right.strPath && left.info.st_dev == right.info.st_dev &&
+                             left.info.st_ino == right.info.st_ino;
+                    });
+}
+
+// Has fnLook look at the files, again as long as a rotation went on meanwhile: a directory that is read while names move
+// may show a file twice or not at all.
+template <typename Function>
+auto WhileNothingMoves(const std::string& strLog, Function fnLook) {
+  constexpr int kTries = 1000;
+  std::vector<RotatedFile> vecBefore = ListRotatedFiles(strLog);
+  for (int i = 0;; ++i) {
+    auto result = fnLook(vecBefore);
+    std::vector<RotatedFile> vecAfter = ListRotatedFiles(strLog);
+    if (AreSame(vecBefore, vecAfter)) {
+      return result;
+    }
+    if (i == kTries) {
+      return decltype(result){};
+    }
+    vecBefore = std::move(vecAfter);
+  }
+}
+
+using ComesAfter = std::function<bool(const RotatedFile&)>;
+
+// The first of the files that come after, or else the log, and what of them cannot be read.
+Successor FirstOf(const std::string& strLog, const std::vector<RotatedFile>& vecFiles, const ComesAfter& fnComesAfter,
+                  const CLogFile* pCurrent) {
   Successor successor;
   for (const RotatedFile& file : vecFiles) {
     if (!fnComesAfter(file)) {
       continue;
     }
     if (file.bCompressed) {
-      successor.vecUnreadable.push_back(file.strPath);
+      // While a file is being compressed it stands beside the compressed one.
+      if (std::none_of(vecFiles.begin(), vecFiles.end(), [&](const RotatedFile& other) {
+            return !other.bCompressed && file.strPath.starts_with(other.strPath + ".");
+          })) {
+        successor.vecUnreadable.push_back(file.strPath);
+      }
       continue;
     }
     successor.pFile = OpenListed(file);
@@ -41,6 +75,23 @@ Successor FirstOf(const std::string& strLog, const std::vector<RotatedFile>& vec
     successor.pFile = std::move(pLog);
   }
   return successor;
+}
+
+Successor FirstAfter(const std::string& strLog, const std::vector<RotatedFile>& vecFiles, const timespec& time,
+                     const CLogFile* pCurrent) {
+  return FirstOf(
+      strLog, vecFiles, [&](const RotatedFile& file) { return IsEarlier(time, file.info.st_mtim); }, pCurrent);
+}
+
+std::shared_ptr<CLogFile> FindCopyAmong(const std::vector<RotatedFile>& vecFiles, const FollowPosition& position) {
+  // The newest first: a copy is made at the rotation.
+  for (auto file = vecFiles.rbegin(); file != vecFiles.rend() && !position.strHead.empty(); ++file) {
+    auto pFile = file->bCompressed ? nullptr : OpenListed(*file);
+    if (pFile && pFile->Holds(position)) {
+      return pFile;
+    }
+  }
+  return nullptr;
 }
 
 }  // namespace
@@ -113,55 +164,47 @@ std::vector<RotatedFile> ListRotatedFiles(const std::string& strLog) {
 }
 
 std::shared_ptr<CLogFile> FindPosition(const std::string& strLog, const FollowPosition& position) {
-  std::string strIgnored;
   const auto fnIsIt = [&](const std::shared_ptr<CLogFile>& pFile) {
     return pFile && pFile->Device() == position.u64Device && pFile->Inode() == position.u64Inode &&
            pFile->Holds(position);
   };
-  auto pLog = CLogFile::Open(strLog, strIgnored);
-  if (fnIsIt(pLog)) {
-    return pLog;
-  }
-  for (const RotatedFile& file : ListRotatedFiles(strLog)) {
-    auto pFile = file.bCompressed || file.info.st_ino != position.u64Inode ? nullptr : OpenListed(file);
-    if (fnIsIt(pFile)) {
-      return pFile;
+  return WhileNothingMoves(strLog, [&](const std::vector<RotatedFile>& vecFiles) {
+    std::string strIgnored;
+    auto pLog = CLogFile::Open(strLog, strIgnored);
+    if (fnIsIt(pLog)) {
+      return pLog;
     }
-  }
-  auto pCopy = FindCopy(strLog, position);
-  return !pCopy && pLog && !position.strHead.empty() && pLog->Holds(position) ? pLog : pCopy;
+    for (const RotatedFile& file : vecFiles) {
+      auto pFile = file.bCompressed || file.info.st_ino != position.u64Inode ? nullptr : OpenListed(file);
+      if (fnIsIt(pFile)) {
+        return pFile;
+      }
+    }
+    auto pCopy = FindCopyAmong(vecFiles, position);
+    return !pCopy && pLog && !position.strHead.empty() && pLog->Holds(position) ? pLog : pCopy;
+  });
 }
 
 std::shared_ptr<CLogFile> FindCopy(const std::string& strLog, const FollowPosition& position) {
-  if (position.strHead.empty()) {
-    return nullptr;
-  }
-  const std::vector<RotatedFile> vecFiles = ListRotatedFiles(strLog);
-  // The newest first: a copy is made at the rotation.
-  for (auto file = vecFiles.rbegin(); file != vecFiles.rend(); ++file) {
-    auto pFile = file->bCompressed ? nullptr : OpenListed(*file);
-    if (pFile && pFile->Holds(position)) {
-      return pFile;
-    }
-  }
-  return nullptr;
+  return WhileNothingMoves(strLog,
+                           [&](const std::vector<RotatedFile>& vecFiles) { return FindCopyAmong(vecFiles, position); });
 }
 
 Successor FindSuccessor(const std::string& strLog, const CLogFile& current) {
-  const std::vector<RotatedFile> vecFiles = ListRotatedFiles(strLog);
-  const auto self =
-      std::find_if(vecFiles.begin(), vecFiles.end(), [&](const RotatedFile& file) { return current.IsAt(file.info); });
-  if (self == vecFiles.end()) {
-    return FindSuccessor(strLog, current.Modified());
-  }
-  return FirstOf(
-      strLog, vecFiles,
-      [&](const RotatedFile& file) { return &file > &*self && file.number.has_value() == self->number.has_value(); },
-      &current);
+  return WhileNothingMoves(strLog, [&](const std::vector<RotatedFile>& vecFiles) {
+    const auto self = std::find_if(vecFiles.begin(), vecFiles.end(),
+                                   [&](const RotatedFile& file) { return current.IsAt(file.info); });
+    if (self == vecFiles.end()) {
+      return FirstAfter(strLog, vecFiles, current.Modified(), &current);
+    }
+    return FirstOf(
+        strLog, vecFiles,
+        [&](const RotatedFile& file) { return &file > &*self && file.number.has_value() == self->number.has_value(); },
+        &current);
+  });
 }
 
 Successor FindSuccessor(const std::string& strLog, const timespec& time) {
-  return FirstOf(
-      strLog, ListRotatedFiles(strLog), [&](const RotatedFile& file) { return IsEarlier(time, file.info.st_mtim); },
-      nullptr);
+  return WhileNothingMoves(
+      strLog, [&](const std::vector<RotatedFile>& vecFiles) { return FirstAfter(strLog, vecFiles, time, nullptr); });
 }
