@@ -263,6 +263,18 @@ class BackupTest(SalvageTestCase):
         self.assertEqual(len(rows), COUNT)
         self.assertEqual([row["combo"] for row in rows], [b"changed"] * (COUNT - 1) + [b"c"])
 
+    def test_a_file_that_is_damaged_itself_is_not_written_to(self):
+        self.break_file()
+        done = self.tool("salvage", "--into-cache", self.sound)
+        self.assertEqual(done.returncode, FAILED)
+        self.assertIn(b"move it away first", done.stderr)
+        self.assertEqual(self.sound.read_bytes(), self.damaged.read_bytes())
+        self.sound.unlink()
+        for side in ("-wal", "-shm"):
+            self.sound.with_name(self.sound.name + side).unlink(missing_ok=True)
+        self.output("salvage", "--into-cache", self.damaged, status=DAMAGE)
+        self.output("verify")
+
     def test_half_a_backup_gives_its_records(self):
         packed = gzip.compress(self.sound.read_bytes())
         backup = self.work / f"{SENDER}2.db.zip"

@@ -74,6 +74,9 @@ void CCacheWriter::Finish() {
 void CCacheWriter::WriteFile(const std::string& strSender, const std::vector<const StoredRow*>& vecRows) {
   const std::string strFile = m_strDirectory + "/" + strSender + ".db";
   CLogCacheDb db;
+  if (m_setSound.insert(strFile).second && db.ExamineDbFile(CPString(strFile.c_str())) == DbCheck::Damaged) {
+    throw std::runtime_error(strFile + " is damaged itself; move it away first, with its -wal and -shm");
+  }
   const std::unique_ptr<sqlite3, Close> pDb(db.GetDbFileHandle(CPString(strFile.c_str())));
   sqlite3_stmt* pRaw = nullptr;
   int iResult =

@@ -4,6 +4,7 @@
 #define QMLOGCACHE_TOOLS_QMCACHE_CACHE_WRITER_H_
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,8 @@ class CCacheWriter {
   CCacheWriter(const CCacheWriter&) = delete;
   CCacheWriter& operator=(const CCacheWriter&) = delete;
 
-  // Takes a record for strSender's file. Throws std::runtime_error when a file cannot be written.
+  // Takes a record for strSender's file. Throws std::runtime_error when a file cannot be written or is damaged itself:
+  // what is written to such a file would be lost with it.
   void Add(const StoredRow& row, const std::string& strSender);
   // Writes what is left.
   void Finish();
@@ -34,6 +36,7 @@ class CCacheWriter {
 
   const std::string m_strDirectory;
   std::vector<Waiting> m_vecWaiting;
+  std::set<std::string> m_setSound;  // files that were looked at
   size_t m_uBytes = 0;
   uint64_t m_u64Written = 0;
   uint64_t m_u64AlreadyThere = 0;
