@@ -42,7 +42,8 @@ CacheDirectory ListCacheDirectory(const std::string& strDirectory) {
   CacheDirectory found;
   while (const dirent* pEntry = readdir(pDirectory.get())) {
     const std::string strName = pEntry->d_name;
-    const std::string strPath = strDirectory + "/" + strName;
+    std::string strPath = strDirectory;
+    strPath.append("/").append(strName);
     struct stat info {};
     if (lstat(strPath.c_str(), &info) != 0 || S_ISDIR(info.st_mode)) {
       continue;
