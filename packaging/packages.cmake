@@ -9,7 +9,11 @@ set(CPACK_PACKAGE_CONTACT "qmlogcache maintainers <maintainers@qmlogcache.invali
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL library host development)
+set(components library host development)
+if(TARGET qmclient)
+  list(APPEND components client)
+endif()
+set(CPACK_COMPONENTS_ALL ${components})
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 
 set(full_version ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
@@ -47,10 +51,21 @@ What a program needs to load the log cache component: the interfaces between
 a plug-in and its host, the platform library's headers, and a small host as
 an example.")
 
+if(TARGET qmclient)
+  set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME libqmclient0)
+  set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION libs)
+  set(CPACK_DEBIAN_CLIENT_PACKAGE_GENERATE_SHLIBS ON)
+  set(CPACK_DEBIAN_CLIENT_DESCRIPTION "hands records to the log cache from a program
+A small C library that does for programs what qmsend does for shells: it takes
+records, hands them to the log cache's host, and tells what became of each.")
+  string(APPEND CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ", libqmclient0 (= ${full_version})")
+endif()
+
 set(names_library libqmlogcache1)
 set(names_host qmlogcache)
 set(names_development libqmlogcache-dev)
-foreach(component library host development)
+set(names_client libqmclient0)
+foreach(component IN LISTS components)
   set(doc share/doc/${names_${component}})
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz ${CMAKE_CURRENT_SOURCE_DIR}/debian/copyright
     DESTINATION ${doc} COMPONENT ${component})

@@ -12,7 +12,7 @@ endforeach()
 # The functions of guid.h.
 add_library(qmcompctx STATIC ${PROJECT_SOURCE_DIR}/src/plugin/compctx/guid.cpp)
 target_include_directories(qmcompctx PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>)
-install(TARGETS qmcompctx EXPORT qmlogcache ARCHIVE DESTINATION ${QMLOGCACHE_TREE}lib COMPONENT development
+install(TARGETS qmcompctx EXPORT qmlogcache ARCHIVE DESTINATION lib/qmlogcache/lib COMPONENT development
   INCLUDES DESTINATION include/qmlogcache)
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qmlogcache)
