@@ -13,7 +13,7 @@ struct CacheSettings {
   std::string strDirectory;    // ends in a slash
   uint64_t u64TotalLimit = 0;  // bytes, of all files of the directory
   uint64_t u64FileLimit = 0;   // bytes, of one file
-  // Records are written as they come, and none is dropped for a newer one: what came in and was not settled is held.
+  // No record is dropped for a newer one (datacoverflag is off).
   bool bKeepsAll = true;
 };
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <cinttypes>
 #include <cstdio>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <numeric>
 
@@ -71,7 +72,7 @@ json Cache(const StatusSnapshot& snapshot) {
   for (const CacheFile& file : snapshot.cache.vecFiles) {
     files.push_back({{"sender", file.strSender}, {"bytes", file.u64Bytes}, {"rows", OrNull(file.optRows)}});
   }
-  return {{"directory", snapshot.cacheSettings.strDirectory},
+  return {{"directory", std::filesystem::path(snapshot.cacheSettings.strDirectory).lexically_normal().string()},
           {"bytes", snapshot.cache.u64Bytes},
           {"limit_bytes", snapshot.cacheSettings.u64TotalLimit},
           {"file_limit_bytes", snapshot.cacheSettings.u64FileLimit},

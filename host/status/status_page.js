@@ -39,9 +39,9 @@ function byteText(value) {
 }
 
 function spanText(seconds) {
-  if (seconds < 60) return `${Math.round(seconds)} s`;
-  if (seconds < 5400) return `${Math.round(seconds / 60)} min`;
-  return `${Math.round(seconds / 3600)} h`;
+  if (seconds < 60) return `${Math.floor(seconds)} s`;
+  if (seconds < 5400) return `${Math.floor(seconds / 60)} min`;
+  return `${Math.floor(seconds / 3600)} h`;
 }
 
 function clockText(epoch) {

@@ -22,6 +22,8 @@ constexpr milliseconds kCountBudget{50};
 constexpr milliseconds kFirstCountBudget{500};
 constexpr seconds kRateSpan{60};
 constexpr size_t kRememberedFiles = 8;
+// Of this many times its length a look at the directory takes one.
+constexpr int kScanShare = 20;
 
 // The rows of all files; nothing when some could not be counted.
 std::optional<uint64_t> AllRows(const CacheContents& contents) {
@@ -56,7 +58,12 @@ class CStatusService final : public IStatusService {
   static StatusTime Now() { return std::chrono::steady_clock::now(); }
 
   void Look() {
-    m_cache = ScanCacheDirectory(m_cacheSettings.strDirectory);
+    const StatusTime begin = Now();
+    if (begin >= m_nextScan) {
+      m_cache = ScanCacheDirectory(m_cacheSettings.strDirectory);
+      // A directory of very many files is looked at more rarely.
+      m_nextScan = begin + kScanShare * (Now() - begin);
+    }
     m_rows.Fill(m_cacheSettings.strDirectory, m_cache, Now(), kCountBudget);
     const StatusSnapshot snapshot = Snapshot();
     HistorySample sample;
@@ -129,6 +136,7 @@ class CStatusService final : public IStatusService {
   CComponentStatistics m_component;
   CacheSettings m_cacheSettings;
   CacheContents m_cache;
+  StatusTime m_nextScan{};
   CCacheRows m_rows;
   std::optional<uint64_t> m_optRowsAtStart;
   CHistory m_history;

@@ -47,11 +47,10 @@ std::string HeldClause(const StatusSnapshot& snapshot) {
 
 std::string RateSentence(const StatusSnapshot& snapshot) {
   const RecordRates& rates = *snapshot.optRates;
-  if (rates.dAccepted < kLeastRate && rates.dDelivered < kLeastRate) {
-    return "In the last minute no records came in and none were delivered.";
-  }
-  return "In the last minute " + RateWords(rates.dAccepted) + " records a second came in and " +
-         RateWords(rates.dDelivered) + " a second were delivered.";
+  const std::string strAccepted = rates.dAccepted < kLeastRate ? "no" : RateWords(rates.dAccepted);
+  const std::string strDelivered = rates.dDelivered < kLeastRate ? "none" : RateWords(rates.dDelivered) + " a second";
+  return "In the last minute " + strAccepted + (rates.dAccepted < kLeastRate ? " records" : " records a second") +
+         " came in and " + strDelivered + " were delivered.";
 }
 
 std::string ForecastSentence(const StatusSnapshot& snapshot) {
