@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -165,7 +166,7 @@ std::string HistoryJson(const std::deque<HistorySample>& dequeSamples, StatusTim
     held[pszPriority] = json::array();
   }
   for (const HistorySample& sample : dequeSamples) {
-    age.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(now - sample.when).count() / 1000.0);
+    age.push_back(std::round(std::chrono::duration<double>(now - sample.when).count() * 1000) / 1000);
     accepted.push_back(std::accumulate(sample.aAccepted.begin(), sample.aAccepted.end(), uint64_t{0}));
     delivered.push_back(sample.u64Delivered);
     linkUp.push_back(sample.bLinkUp);
