@@ -169,6 +169,11 @@ bool ParseOptions(int iCount, const char* const* ppszArguments, SendOptions& opt
     }
     return false;
   }
+  if (options.bJsonRecords && app.count("--follow") > 0) {
+    std::cerr << "qmsend: --follow excludes --records: what is followed is sent line by line\n";
+    iExitCode = kExitUsageOrConnection;
+    return false;
+  }
   for (const char* pszOption : {"--priority", "--public", "--kind", "--product", "--combo", "--sender"}) {
     if (options.bJsonRecords && app.count(pszOption) > 0) {
       std::cerr << "qmsend: " << pszOption << " excludes --records, whose records have their own\n";
