@@ -1,6 +1,7 @@
 """What the tests of the http link share: a host whose records go to a server of the test's own."""
 
 import signal
+import time
 
 from host_fixture import HostTestCase, LINK_DOWN, wait_until
 from http_destination import Destination
@@ -39,6 +40,19 @@ class HttpLinkTestCase(HostTestCase):
     def wait_for_messages(self, lines):
         wait_until(lambda: len(self.destination.messages()) >= len(lines), f"{len(lines)} records")
         self.assertEqual(sorted(self.destination.messages().values()), sorted(lines))
+
+    def send_until_rejected(self, count):
+        """Good records, one after the other, until the server has told so many refused ones from them; returns them."""
+        lines = []
+        while self.count_log(REJECTED) < count:
+            self.assertLess(len(lines), 100)
+            before = len(self.destination.messages())
+            lines.append(f"later {len(lines)}")
+            self.send_lines(lines[-1:])
+            wait_until(lambda: len(self.destination.messages()) > before, lines[-1])
+            time.sleep(0.1)
+        self.assertEqual(self.count_log(REJECTED), count)
+        return lines
 
     def assert_nothing_rejected(self):
         self.assertEqual(self.log_text("qmlogcacheerror"), "")
