@@ -148,8 +148,12 @@ void CHttpDriver::Reject(HttpBatch& batch, long i64Status) {
 }
 
 void CHttpDriver::Answer(HttpBatch& batch, uint32_t uResult) {
-  for (const auto& pRecord : batch.vecRecords) {
-    m_pEvents->OnOutcome(pRecord, uResult);
+  if (uResult == kHostOk) {
+    m_pEvents->OnDelivered(batch.vecRecords, batch.vecRecords.size());
+  } else {
+    for (const auto& pRecord : batch.vecRecords) {
+      m_pEvents->OnOutcome(pRecord, uResult);
+    }
   }
   batch = HttpBatch();
 }

@@ -35,7 +35,7 @@ CNatsWorker::CNatsWorker(const NatsDriverOptions& options, NatsServers servers, 
       m_backOff(options.u64Seed != 0 ? options.u64Seed : MakeSeed(),
                 std::chrono::milliseconds(options.uLongestBackOffMs)),
       m_random(options.u64Seed != 0 ? options.u64Seed : MakeSeed()),
-      m_nextAttempt(Clock::now()) {}
+      m_nextAttempt(Clock::now() + m_backOff.Spread()) {}
 
 CNatsWorker::~CNatsWorker() {
   LogUninit(m_hLog);
@@ -131,7 +131,7 @@ bool CNatsWorker::Step() {
   if (IsDone()) {
     return false;
   }
-  if (m_bRenew && !m_stopUntil && (!m_bUp || m_pSession->IsIdle())) {
+  if (IsRenewalDue() && !m_stopUntil && (!m_bUp || m_pSession->IsIdle())) {
     Renew();
   }
   std::string strReason;
@@ -143,7 +143,7 @@ bool CNatsWorker::Step() {
     }
     return true;
   }
-  if (m_bUp && !m_bRenew) {
+  if (m_bUp && !IsRenewalDue()) {
     PublishNext();
   }
   if (m_uNeeded != 0 && m_pSession->IsIdle()) {
@@ -162,8 +162,8 @@ void CNatsWorker::TakeOrders() {
   m_deqQueue.insert(m_deqQueue.end(), m_vecDelivered.begin(), m_vecDelivered.end());
   m_vecDelivered.clear();
   if (std::exchange(m_bReopen, false)) {
-    m_bRenew = true;
-    m_nextAttempt = Clock::now();
+    m_renewAt = m_renewAt.value_or(Clock::now() + m_backOff.Spread());
+    m_nextAttempt = *m_renewAt;
   }
   if (m_bStop && !m_stopUntil) {
     m_stopUntil = Clock::now() + kStopGrace;
@@ -183,6 +183,8 @@ void CNatsWorker::Wait() {
   }
   if (m_stopUntil) {
     until = std::min(until, *m_stopUntil);
+  } else if (m_renewAt && *m_renewAt > Clock::now()) {
+    until = std::min(until, *m_renewAt);
   }
   std::unique_lock lock(m_mutex);
   m_bWaiting = true;

@@ -67,6 +67,7 @@ class CNatsWorker : public std::enable_shared_from_this<CNatsWorker> {
   void NoteServer(const std::string& strUrl, const CNatsSession& session);
   void MoveForFirst();
   bool ReadSecrets(NatsSecrets& secrets, std::string& strReason);
+  bool IsRenewalDue() const { return m_renewAt && Clock::now() >= *m_renewAt; }
   void Renew();
   void PublishNext();
   // False with a reason when the link is in trouble; the record is in the queue then, and also when the server does not
@@ -121,7 +122,8 @@ class CNatsWorker : public std::enable_shared_from_this<CNatsWorker> {
   std::list<NatsPublished> m_lstBack;      // what is to be given back
   bool m_bUp = false;
   bool m_bToldDown = false;
-  bool m_bRenew = false;  // a new connection as soon as nothing waits for an answer
+  // A new connection, as soon after that as nothing waits for an answer.
+  std::optional<Clock::time_point> m_renewAt;
   std::optional<Clock::time_point> m_stopUntil;
   Clock::time_point m_upSince{};
   Clock::time_point m_nextAttempt{};

@@ -169,7 +169,7 @@ bool CNatsWorker::ReadSecrets(NatsSecrets& secrets, std::string& strReason) {
 
 // While the link stays up, if a server is found at once.
 void CNatsWorker::Renew() {
-  m_bRenew = false;
+  m_renewAt.reset();
   m_token.Forget();
   m_password.Forget();
   if (!m_bUp) {
