@@ -1,4 +1,4 @@
-# What CPack makes of the three components.
+# What CPack makes of the four components.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qmlogcache)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
@@ -9,10 +9,7 @@ set(CPACK_PACKAGE_CONTACT "qmlogcache maintainers <maintainers@qmlogcache.invali
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(components library host development)
-if(TARGET qmclient)
-  list(APPEND components client)
-endif()
+set(components library client host development)
 set(CPACK_COMPONENTS_ALL ${components})
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 
@@ -45,21 +42,19 @@ set(CPACK_DEBIAN_HOST_PACKAGE_CONTROL_EXTRA
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libqmlogcache-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libqmlogcache1 (= ${full_version})")
-set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "headers for hosts of the log cache component
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libqmlogcache1 (= ${full_version}), libqmclient0 (= ${full_version})")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "headers for hosts and producers of the log cache component
 What a program needs to load the log cache component: the interfaces between
 a plug-in and its host, the platform library's headers, and a small host as
-an example.")
+an example. What a producer in C needs to hand records to a host stands beside
+it.")
 
-if(TARGET qmclient)
-  set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME libqmclient0)
-  set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION libs)
-  set(CPACK_DEBIAN_CLIENT_PACKAGE_GENERATE_SHLIBS ON)
-  set(CPACK_DEBIAN_CLIENT_DESCRIPTION "hands records to the log cache from a program
+set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME libqmclient0)
+set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_CLIENT_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_CLIENT_DESCRIPTION "hands records to the log cache from a program
 A small C library that does for programs what qmsend does for shells: it takes
 records, hands them to the log cache's host, and tells what became of each.")
-  string(APPEND CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ", libqmclient0 (= ${full_version})")
-endif()
 
 set(names_library libqmlogcache1)
 set(names_host qmlogcache)
