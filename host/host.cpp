@@ -88,8 +88,9 @@ void CHost::Serve() {
       LogPrint(m_hLog, kLogWarning, "*qmhost does not feed the watchdog, these loops stand still: %s",
                strLoops.c_str());
     };
-    // A round that goes wrong leaves another one before the service manager gives up.
-    watchdog.emplace(watchdogTime / 2, fnFeed, fnStuck);
+    // After a round that goes wrong the next one feeds in time, and the log has room to name the loop.
+    constexpr int kRounds = 4;
+    watchdog.emplace(watchdogTime / kRounds, fnFeed, fnStuck);
   }
   while (m_Signals.Wait() == HostEvent::Reload) {
     service_manager::TellReloading();

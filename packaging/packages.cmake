@@ -32,8 +32,8 @@ set(CPACK_DEBIAN_HOST_PACKAGE_DEPENDS "libqmlogcache1 (= ${full_version}), addus
 set(CPACK_DEBIAN_HOST_DESCRIPTION "store-and-forward service for log records
 A service that takes records from local producers, keeps them on disk through
 outages, crashes and restarts, and delivers them to a file, an HTTP server or
-a NATS cluster. With it comes qmsend, which sends records from shells and
-services.")
+a NATS cluster. With it come qmsend, which sends records from shells and
+services, and qmcache, which looks into what is held.")
 set(CPACK_DEBIAN_HOST_PACKAGE_CONTROL_EXTRA
   ${CMAKE_CURRENT_SOURCE_DIR}/debian/conffiles
   ${CMAKE_CURRENT_SOURCE_DIR}/debian/postinst
@@ -52,6 +52,7 @@ it.")
 set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME libqmclient0)
 set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_CLIENT_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_CLIENT_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers)
 set(CPACK_DEBIAN_CLIENT_DESCRIPTION "hands records to the log cache from a program
 A small C library that does for programs what qmsend does for shells: it takes
 records, hands them to the log cache's host, and tells what became of each.")

@@ -84,7 +84,7 @@ class WatchdogTest(ServiceTestCase):
         ):
             with self.subTest(link=link):
                 self.write_config(**link)
-                self.launch(watchdog=0.4)
+                self.launch(watchdog=2)
                 self.manager.heard.clear()
                 self.feeds(4)
                 self.assertIn("READY", self.manager.heard[0])
@@ -93,7 +93,7 @@ class WatchdogTest(ServiceTestCase):
         self.assertNotIn("stand still", self.log_text("qmhost"))
 
     def test_it_is_fed_while_the_file_link_is_down_and_says_so(self):
-        self.launch(watchdog=0.4)
+        self.launch(watchdog=2)
         self.manager.read_until("READY")
         wait_until(self.records_file.exists, "the link to be up")
         self.take_link_down()
@@ -105,14 +105,14 @@ class WatchdogTest(ServiceTestCase):
 
     def test_it_is_fed_under_load(self):
         self.write_config(storage={"sync": "normal"})
-        self.launch(watchdog=0.4)
+        self.launch(watchdog=2)
         self.manager.read_until("READY")
         self.assertEqual(self.send(data=b"x\n" * 5000).returncode, 0)
         self.wait_for_records(5000)
         self.feeds(2)
 
     def test_a_watchdog_of_another_process_is_not_fed(self):
-        environment = {**os.environ, **self.manager.environment(0.4), "WATCHDOG_PID": str(os.getpid())}
+        environment = {**os.environ, **self.manager.environment(2), "WATCHDOG_PID": str(os.getpid())}
         self.host = subprocess.Popen(self.host_command(), stdout=subprocess.DEVNULL, env=environment)
         self.manager.read_until("READY")
         self.assertEqual(self.send(data=b"x\n").returncode, 0)
