@@ -15,10 +15,6 @@ namespace {
 constexpr std::string_view kConnectPayload = R"({"onlineflag":"1"})";
 constexpr uint32_t kResultTimeoutMs = 60000;
 
-// Result codes that make the sender queue the record again.
-constexpr uint32_t kCloudBusy = 0xB0010025;
-constexpr uint32_t kCloudUnavailable = 0xB0010026;
-
 }  // namespace
 
 // False when there is no memory to hold it.
@@ -39,7 +35,7 @@ void CServerLink::CountAnswerLocked(TrackedRecord& record, uint32_t uResult) {
   if (uResult == kHostOk) {
     ++m_counts.u64Delivered;
     ++m_counts.aDelivered[uPriority];
-  } else if (uResult == kHostSendTimeout || uResult == kCloudBusy || uResult == kCloudUnavailable) {
+  } else if (uResult == kHostSendTimeout || uResult == kHostCloudBusy || uResult == kHostCloudUnavailable) {
     ++m_counts.u64Retried;
     return;
   } else {

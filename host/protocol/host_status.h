@@ -17,5 +17,8 @@ inline constexpr uint32_t kHostBadText = 0xA0020001;        // the server link c
 inline constexpr uint32_t kHostRecordRefused = 0xA0020002;  // the destination refused this very record for good
 // A send whose outcome did not come in time; the component retries it.
 inline constexpr uint32_t kHostSendTimeout = 0xE0010019;
+// Results of other links than the host's own that make the component retry, too.
+inline constexpr uint32_t kHostCloudBusy = 0xB0010025;
+inline constexpr uint32_t kHostCloudUnavailable = 0xB0010026;
 
 #endif  // QMLOGCACHE_HOST_PROTOCOL_HOST_STATUS_H_

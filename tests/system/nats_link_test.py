@@ -4,6 +4,7 @@ import json
 import pathlib
 import signal
 import threading
+import time
 import uuid
 
 from host_fixture import LINK_DOWN, wait_until
@@ -70,6 +71,7 @@ class DeliveryTest(OneServerTestCase):
             wait_until(lambda: self.server.unread() > 0, "records on their way")
             self.host.send_signal(signal.SIGHUP)
             wait_until(self.has_taken_signals, "the host to take the signal")
+            time.sleep(0.3)  # longer than the renewal is put off here
             self.server.thaw()
             wait_until(lambda made=made: self.connections_made() > made, "the new connection")
         sender.join()

@@ -286,7 +286,8 @@ std::chrono::milliseconds CHttpDriver::TimeToWait() {
   if (m_queue.CountAside() > 0) {
     until = std::min(until, m_doubtSince + LongestDoubt());
   }
-  if (m_renewAt && *m_renewAt > now) {
+  // One that has fallen due since the step began is for the next step.
+  if (m_renewAt && (*m_renewAt > now || CountBusy() == 0)) {
     until = std::min(until, *m_renewAt);
   }
   if (m_stopUntil) {

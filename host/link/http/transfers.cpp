@@ -14,7 +14,7 @@ constexpr size_t kLongestHeader = 64U << 10;
 // What a transfer gets on top of the time-out, so that a slow line does not cut a large batch again and again.
 constexpr uint64_t kSlowestBytesPerSecond = 16U << 10;
 // A connection is used for so long, so that a fleet spreads over servers that have come back, and certificates that
-// were renewed come into use. Drawn for each: connections that were made together do not end together.
+// were renewed come into use. Drawn: connections that were made together do not end together.
 constexpr long kShortestLife = 450;
 constexpr long kLongestLife = 750;
 

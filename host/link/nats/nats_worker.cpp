@@ -143,7 +143,7 @@ bool CNatsWorker::Step() {
     }
     return true;
   }
-  if (m_bUp && !IsRenewalDue()) {
+  if (m_bUp && (m_stopUntil || !IsRenewalDue())) {
     PublishNext();
   }
   if (m_uNeeded != 0 && m_pSession->IsIdle()) {
@@ -183,7 +183,8 @@ void CNatsWorker::Wait() {
   }
   if (m_stopUntil) {
     until = std::min(until, *m_stopUntil);
-  } else if (m_renewAt && *m_renewAt > Clock::now()) {
+  } else if (m_renewAt && (*m_renewAt > Clock::now() || !m_bUp || m_pSession->IsIdle())) {
+    // One that has fallen due since the step began is for the next step.
     until = std::min(until, *m_renewAt);
   }
   std::unique_lock lock(m_mutex);

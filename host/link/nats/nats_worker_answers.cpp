@@ -69,6 +69,7 @@ std::optional<uint32_t> CNatsWorker::JudgeFirst(std::string& strReason) {
 // A record is rejected, and so deleted for good, only when the stream itself names a bound that it exceeds.
 std::optional<uint32_t> CNatsWorker::JudgeTooLarge(const NatsPublished& published, std::string& strReason) {
   size_t uMost = 0;
+  const CForeignCode foreign;  // libnats waits as long as it is allowed to
   if (!m_pSession->AskMaxOfStream(uMost, strReason)) {
     return std::nullopt;
   }
