@@ -55,7 +55,7 @@ class CRecordLine::CShortText {
 
  private:
   std::string& m_strLine;
-  std::array<char, 384> m_acGathered;
+  std::array<char, 384> m_acGathered{};
   size_t m_uSize = 0;
 };
 
