@@ -3,6 +3,8 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <memory>
 #include <utility>
 
@@ -26,10 +28,27 @@ int IsLate(void* pDeadline) {
   return Clock::now() > *static_cast<const Clock::time_point*>(pDeadline) ? 1 : 0;
 }
 
+// SQLite opens a side file that is there, and would wait for ever for somebody at the other end of a pipe.
+bool IsFileOrMissing(const std::string& strFile) {
+  struct stat info {};
+  return lstat(strFile.c_str(), &info) == 0 ? S_ISREG(info.st_mode) : errno == ENOENT;
+}
+
 bool IsCountable(const std::string& strFile) {
   struct stat info {};
   return lstat(strFile.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 1 &&
-         static_cast<uint64_t>(info.st_size) <= kLargestCounted;
+         static_cast<uint64_t>(info.st_size) <= kLargestCounted && IsFileOrMissing(strFile + "-journal") &&
+         IsFileOrMissing(strFile + "-wal") && IsFileOrMissing(strFile + "-shm");
+}
+
+struct MemoryReleaser {
+  void operator()(char* pszText) const { std::free(pszText); }
+};
+
+// Without links and with a slash at its end. As it was given when it cannot be resolved: then nothing is counted there.
+std::string Resolved(const std::string& strDirectory) {
+  const std::unique_ptr<char, MemoryReleaser> pszReal(realpath(strDirectory.c_str(), nullptr));
+  return pszReal ? std::string(pszReal.get()) + "/" : strDirectory;
 }
 
 }  // namespace
@@ -68,6 +87,8 @@ std::optional<uint64_t> CountCacheRows(const std::string& strFile) {
 void CCacheRows::Fill(const std::string& strDirectory, CacheContents& contents, Clock::time_point now,
                       std::chrono::milliseconds budget) {
   const Clock::time_point end = Clock::now() + budget;
+  // A cache file that is a link is not counted, and SQLite tells it from a directory that is one by no other way.
+  const std::string strReal = Resolved(strDirectory);
   std::map<std::string, Counted> mapLeft;
   for (CacheFile& file : contents.vecFiles) {
     Counted counted;
@@ -78,7 +99,7 @@ void CCacheRows::Fill(const std::string& strDirectory, CacheContents& contents, 
     const bool bDue = counted.i64ChangedNs != file.i64ChangedNs &&
                       (bNew || now - counted.when >= std::chrono::seconds(kCountPauseSeconds));
     if (bDue && Clock::now() < end) {
-      const std::optional<uint64_t> optRows = CountCacheRows(strDirectory + file.strSender + ".db");
+      const std::optional<uint64_t> optRows = CountCacheRows(strReal + file.strSender + ".db");
       counted = {optRows, optRows ? file.i64ChangedNs : kNotCounted, now};
     }
     file.optRows = counted.optRows;

@@ -26,13 +26,15 @@ inline constexpr uint64_t kLargestCounted = uint64_t{16} << 20;
 inline constexpr int kLongestCountMs = 20;
 inline constexpr int kCountPauseSeconds = 10;
 
-// Nothing when the file cannot be counted: too large, not there, not a database, busy, or not in time.
+// Nothing when the file cannot be counted: too large, not there, not a database, busy, or not in time; or
+// when a part of the path, or a file beside it that belongs to it, is a link or no file.
 std::optional<uint64_t> CountCacheRows(const std::string& strFile);
 
 class CCacheRows {
  public:
   using Clock = std::chrono::steady_clock;
 
+  // strDirectory: may lead through links; it ends in a slash.
   // Sets optRows of the files, from earlier counts or counts made now. Counts for budget at most, the rest next time.
   void Fill(const std::string& strDirectory, CacheContents& contents, Clock::time_point now,
             std::chrono::milliseconds budget);

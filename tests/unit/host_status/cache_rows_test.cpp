@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include "status_test_support.h"
 
@@ -90,6 +91,30 @@ TEST_F(CacheRowsTest, WhatIsNoCacheFileHasNoRows) {
   std::filesystem::remove(m_strFile);
   std::filesystem::create_symlink(other.Path("T.db"), m_strFile);
   EXPECT_EQ(CountCacheRows(m_strFile), std::nullopt);
+}
+
+TEST_F(CacheRowsTest, CountsInADirectoryThatIsReachedByALink) {
+  Open(m_strFile);
+  Insert(4);
+  const CStatusDirectory other;
+  std::filesystem::create_directory_symlink(m_directory.Path(), other.Path("link"));
+  CacheContents contents = ScanCacheDirectory(other.Path("link/"));
+  CCacheRows rows;
+  rows.Fill(other.Path("link/"), contents, At(seconds(0)), seconds(60));
+  EXPECT_EQ(contents.vecFiles.at(0).optRows, 4U);
+}
+
+TEST_F(CacheRowsTest, APipeBesideACacheFileIsNotWaitedFor) {
+  Open(m_strFile);
+  Insert(1);
+  Run("PRAGMA journal_mode=DELETE");
+  for (const char* pszSide : {"-journal", "-wal", "-shm"}) {
+    EXPECT_EQ(CountCacheRows(m_strFile), 1U);
+    const std::string strPipe = m_strFile + pszSide;
+    ASSERT_EQ(mkfifo(strPipe.c_str(), 0600), 0);
+    EXPECT_EQ(CountCacheRows(m_strFile), std::nullopt) << pszSide;
+    std::filesystem::remove(strPipe);
+  }
 }
 
 TEST_F(CacheRowsTest, AHostileViewIsNotRun) {
