@@ -138,11 +138,8 @@ class CStatusServer final : public IStatusServer {
 
   bool Start(std::string& strError) override {
     m_hLog = LogInit("qmhost");
-    if (!Listen(strError)) {
-      return false;
-    }
+    ListenIfNot();
     asio::post(m_ioContext, [this] { Tick(); });
-    AcceptNext();
     try {
       m_thread = std::thread([this] {
         SetUpThread("qmhost-status");
@@ -152,8 +149,6 @@ class CStatusServer final : public IStatusServer {
       strError = std::string("cannot start the status thread: ") + error.what();
       return false;
     }
-    LogPrint(m_hLog, kLogLifecycle, "status served on %s port %u", m_options.strAddress.c_str(),
-             static_cast<unsigned int>(m_options.uPort));
     return true;
   }
 
@@ -166,7 +161,24 @@ class CStatusServer final : public IStatusServer {
   }
 
  private:
-  bool Listen(std::string& strError) {
+  // The address may be another program's for now. Of a row of failures one is told.
+  void ListenIfNot() {
+    if (m_bListening) {
+      return;
+    }
+    const error_code error = Listen();
+    if (!error) {
+      m_bListening = true;
+      LogPrint(m_hLog, kLogLifecycle, "status served on %s port %u", m_options.strAddress.c_str(),
+               static_cast<unsigned int>(m_options.uPort));
+      AcceptNext();
+    } else if (std::exchange(m_lastFailure, error) != error) {
+      LogPrint(m_hLog, kLogWarning, "*qmhost the status cannot be served on %s port %u for now: %s",
+               m_options.strAddress.c_str(), static_cast<unsigned int>(m_options.uPort), error.message().c_str());
+    }
+  }
+
+  error_code Listen() {
     error_code error;
     const asio::ip::address address = asio::ip::make_address(m_options.strAddress, error);
     const auto fnDo = [&error](const auto& fnStep) {
@@ -180,10 +192,10 @@ class CStatusServer final : public IStatusServer {
     fnDo([&] { m_acceptor.bind(endpoint, error); });
     fnDo([&] { m_acceptor.listen(asio::socket_base::max_listen_connections, error); });
     if (error) {
-      strError = "the status cannot be served on " + m_options.strAddress + " port " + std::to_string(m_options.uPort) +
-                 ": " + error.message();
+      error_code ignored;
+      m_acceptor.close(ignored);
     }
-    return !error;
+    return error;
   }
 
   // What a handler throws costs the connection or the tick it came from, never the thread.
@@ -207,6 +219,7 @@ class CStatusServer final : public IStatusServer {
         Tick();
       }
     });
+    ListenIfNot();
     m_handlers.fnTick();
   }
 
@@ -247,6 +260,8 @@ class CStatusServer final : public IStatusServer {
   void* m_hLog = nullptr;
   asio::io_context m_ioContext{1};
   tcp::acceptor m_acceptor;
+  bool m_bListening = false;
+  error_code m_lastFailure;
   asio::steady_timer m_acceptTimer;
   asio::steady_timer m_tickTimer;
   Sessions m_listSessions;  // after the I/O context, which their sockets need to the end

@@ -32,7 +32,8 @@ struct StatusDocument {
 class IStatusServer {
  public:
   virtual ~IStatusServer() = default;  // stops
-  // Takes the address and serves. False with a reason.
+  // Takes the address and serves. An address that cannot be taken is told in the log and tried again at each tick. False
+  // with a reason when there is no thread to be had.
   virtual bool Start(std::string& strError) = 0;
   // Returns when no handler runs any more.
   virtual void Stop() = 0;

@@ -26,8 +26,8 @@ struct StatusSources {
 class IStatusService {
  public:
   virtual ~IStatusService() = default;  // stops
-  // To be called before the component is started: what the cache files hold by then is of earlier runs. False with a
-  // reason.
+  // To be called before the component is started: what the cache files hold by then is of earlier runs. A port
+  // that is taken is waited for (status_server.h). False with a reason.
   virtual bool Start(std::string& strError) = 0;
 };
 

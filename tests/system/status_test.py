@@ -7,6 +7,7 @@ import subprocess
 import time
 import uuid
 
+from host_fixture import wait_until
 from http_destination import Destination
 from ingress_client import EDR, Connection
 from status_test_case import SENDER, StatusTestCase
@@ -64,8 +65,18 @@ class StatusTest(StatusTestCase):
         with socket.socket() as taken:
             taken.bind(("127.0.0.1", self.port))
             taken.listen()
-            self.assertEqual(self.run_to_its_end(), 1)
-        self.assertIn(f"the status cannot be served on 127.0.0.1 port {self.port}: Address already in use", self.host_said())
+            self.start_host()
+            told = f"the status cannot be served on 127.0.0.1 port {self.port} for now: Address already in use"
+            wait_until(lambda: told in self.log_text("qmhost"), "the log to tell it")
+            self.send_records("low", 3)
+            self.wait_for_records(3)
+        wait_until(self.is_served, "the page, now that the port is free")
+        self.assertEqual(self.status()["records"]["accepted"]["low"], 3)
+        self.assertEqual(self.log_text("qmhost").count(told), 1)
+
+    def is_served(self):
+        with socket.socket() as probe:
+            return probe.connect_ex(("127.0.0.1", self.port)) == 0
 
     def test_an_address_of_the_network_is_refused(self):
         self.write_config(status={"listen": f"0.0.0.0:{self.port}"})
