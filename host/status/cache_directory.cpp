@@ -6,10 +6,14 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
 #include <string_view>
+#include <utility>
 
 #include "platform/ini_reader.h"
 
@@ -54,6 +58,12 @@ std::string_view SenderOf(std::string_view svName) {
   return bCacheFile ? svName.substr(0, svName.size() - kSuffix.size()) : std::string_view();
 }
 
+// The text with its bad bytes replaced.
+std::string AsUtf8(const std::string& strText) {
+  using nlohmann::json;
+  return json::parse(json(strText).dump(-1, ' ', false, json::error_handler_t::replace)).get<std::string>();
+}
+
 struct DirectoryCloser {
   void operator()(DIR* pDir) const { closedir(pDir); }
 };
@@ -95,6 +105,15 @@ class CScan {
     if (contents.vecFiles.size() > kMostCacheFiles) {
       contents.vecFiles.resize(kMostCacheFiles);
     }
+    std::set<std::string> setSenders;
+    std::vector<CacheFile> vecTold;
+    for (CacheFile& file : contents.vecFiles) {
+      file.strSender = AsUtf8(file.strSender);
+      if (setSenders.insert(file.strSender).second) {
+        vecTold.push_back(std::move(file));
+      }
+    }
+    contents.vecFiles = std::move(vecTold);
     return contents;
   }
 
@@ -108,6 +127,7 @@ class CScan {
     }
     CacheFile& file = m_mapFiles[std::string(svSender)];
     file.strSender = svSender;
+    file.strFile = file.strSender + std::string(kSuffix);
     file.u64Bytes += u64Bytes;
     const bool bIndex = svName.substr(svName.size() - 3) == "shm";  // changes with every reader
     if (!bIndex) {
@@ -133,5 +153,10 @@ CacheSettings ReadCacheSettings(const std::string& strProgramDirectory) {
 
 CacheContents ScanCacheDirectory(const std::string& strDirectory) {
   CScan scan;
-  return scan.Walk(AT_FDCWD, strDirectory.c_str(), 0) ? scan.Take() : CacheContents{};
+  if (scan.Walk(AT_FDCWD, strDirectory.c_str(), 0)) {
+    return scan.Take();
+  }
+  CacheContents none;
+  none.bMissing = errno == ENOENT;
+  return none;
 }

@@ -21,17 +21,19 @@ struct CacheSettings {
 CacheSettings ReadCacheSettings(const std::string& strProgramDirectory);
 
 struct CacheFile {
-  std::string strSender;     // the file's name without ".db"
+  std::string strSender;     // the file's name without ".db", for people: bytes that are not UTF-8 are replaced
   uint64_t u64Bytes = 0;     // with its write-ahead log and the log's index
   int64_t i64ChangedNs = 0;  // when the file or its log last changed, by the file system
   std::optional<uint64_t> optRows;
+  std::string strFile;  // the file's name as it is, in the directory
 };
 
 struct CacheContents {
   bool bReadable = false;           // false: there is no such directory, or it cannot be read
+  bool bMissing = false;            // not readable since there is no such directory
   uint64_t u64Bytes = 0;            // of everything under the directory, backups too
   size_t uFiles = 0;                // cache files, also those that vecFiles has no place for
-  std::vector<CacheFile> vecFiles;  // the largest first
+  std::vector<CacheFile> vecFiles;  // the largest first, no two of one sender
 };
 
 // Looks at names and sizes only: opens no file. The rows are left out.

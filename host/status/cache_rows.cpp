@@ -92,18 +92,18 @@ void CCacheRows::Fill(const std::string& strDirectory, CacheContents& contents, 
   std::map<std::string, Counted> mapLeft;
   for (CacheFile& file : contents.vecFiles) {
     Counted counted;
-    if (const auto it = m_mapCounted.find(file.strSender); it != m_mapCounted.end()) {
+    if (const auto it = m_mapCounted.find(file.strFile); it != m_mapCounted.end()) {
       counted = it->second;
     }
     const bool bNew = counted.i64ChangedNs == -1;
     const bool bDue = counted.i64ChangedNs != file.i64ChangedNs &&
                       (bNew || now - counted.when >= std::chrono::seconds(kCountPauseSeconds));
     if (bDue && Clock::now() < end) {
-      const std::optional<uint64_t> optRows = CountCacheRows(strReal + file.strSender + ".db");
+      const std::optional<uint64_t> optRows = CountCacheRows(strReal + file.strFile);
       counted = {optRows, optRows ? file.i64ChangedNs : kNotCounted, now};
     }
     file.optRows = counted.optRows;
-    mapLeft.emplace(file.strSender, counted);
+    mapLeft.emplace(file.strFile, counted);
   }
   m_mapCounted.swap(mapLeft);
 }

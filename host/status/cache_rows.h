@@ -46,7 +46,7 @@ class CCacheRows {
     Clock::time_point when{};
   };
 
-  std::map<std::string, Counted> m_mapCounted;  // by sender
+  std::map<std::string, Counted> m_mapCounted;  // by the file's name
 };
 
 #endif  // QMLOGCACHE_HOST_STATUS_CACHE_ROWS_H_

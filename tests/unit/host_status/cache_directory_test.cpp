@@ -62,8 +62,28 @@ TEST_F(CacheDirectoryTest, OfVeryManyFilesTheLargestAreTold) {
   EXPECT_EQ(contents.vecFiles.front().u64Bytes, kMostCacheFiles + 5);
 }
 
+TEST_F(CacheDirectoryTest, SendersAreReadableTextAndNoTwoAreTheSame) {
+  m_directory.Write("a\xff.db", 30);
+  m_directory.Write("a\xfe.db", 20);
+  m_directory.Write("\xC3\xA4.db", 10);
+  const CacheContents contents = Scan();
+  EXPECT_EQ(contents.uFiles, 3U);
+  EXPECT_EQ(contents.u64Bytes, 60U);
+  ASSERT_EQ(contents.vecFiles.size(), 2U);
+  EXPECT_EQ(contents.vecFiles[0].strSender, "a\xEF\xBF\xBD");
+  EXPECT_EQ(contents.vecFiles[0].strFile, "a\xff.db");
+  EXPECT_EQ(contents.vecFiles[0].u64Bytes, 30U);
+  EXPECT_EQ(contents.vecFiles[1].strSender, "\xC3\xA4");
+}
+
 TEST_F(CacheDirectoryTest, NoDirectoryIsNotReadable) {
-  EXPECT_FALSE(ScanCacheDirectory(m_directory.Path("none/")).bReadable);
+  const CacheContents none = ScanCacheDirectory(m_directory.Path("none/"));
+  EXPECT_FALSE(none.bReadable);
+  EXPECT_TRUE(none.bMissing);
+  m_directory.Write("file", 1);
+  const CacheContents file = ScanCacheDirectory(m_directory.Path("file"));
+  EXPECT_FALSE(file.bReadable);
+  EXPECT_FALSE(file.bMissing);
 }
 
 TEST(CacheSettingsTest, WithoutAFileTheDefaultsHold) {

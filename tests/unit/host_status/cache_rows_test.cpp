@@ -117,6 +117,13 @@ TEST_F(CacheRowsTest, APipeBesideACacheFileIsNotWaitedFor) {
   }
 }
 
+TEST_F(CacheRowsTest, CountsAFileWhoseNameIsNotText) {
+  Open(m_directory.Path("a\xff.db"));
+  Insert(6);
+  CCacheRows rows;
+  EXPECT_EQ(Filled(rows, At(seconds(0))).vecFiles.at(0).optRows, 6U);
+}
+
 TEST_F(CacheRowsTest, AHostileViewIsNotRun) {
   Open(m_strFile);
   Run("DROP TABLE logcache");

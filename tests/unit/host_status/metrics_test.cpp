@@ -83,7 +83,7 @@ TEST(MetricsTest, NamesFollowTheConventions) {
 
 TEST(MetricsTest, ASendersNameCannotForgeAMetric) {
   StatusSnapshot snapshot = OutageSnapshot();
-  snapshot.cache.vecFiles = {{"a\"} 1\nforged 2\\", 5, 1, std::nullopt}};
+  snapshot.cache.vecFiles = {{"a\"} 1\nforged 2\\", 5, 1, std::nullopt, "F.db"}};
   const std::string strText = MetricsText(snapshot);
   EXPECT_TRUE(Has(strText, "qmhost_cache_file_bytes{sender=\"a\\\"} 1\\nforged 2\\\\\"} 5")) << strText;
   EXPECT_FALSE(Has(strText, "forged 2\\\"} 5"));

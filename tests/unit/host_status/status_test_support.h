@@ -47,7 +47,7 @@ inline StatusSnapshot OutageSnapshot() {
   snapshot.cache.bReadable = true;
   snapshot.cache.u64Bytes = uint64_t{38} << 20;
   snapshot.cache.uFiles = 2;
-  snapshot.cache.vecFiles = {{"AAAA", 30000000, 1, std::nullopt}, {"BBBB", 4096, 1, 12}};
+  snapshot.cache.vecFiles = {{"AAAA", 30000000, 1, std::nullopt, "AAAA.db"}, {"BBBB", 4096, 1, 12, "BBBB.db"}};
   return snapshot;
 }
 
