@@ -4,7 +4,8 @@
 
 HeldRecords CountHeldRecords(const HeldInput& input, const CHistory& history, StatusTime now) {
   HeldRecords held;
-  held.bAtMost = !input.bKeepsAll;
+  held.bAtMost = !input.bKeepsAll || input.bHasDropped;
+  held.bAbout = input.bHasNotAnswered;
   uint64_t u64SettledOfRun = 0;
   for (size_t i = 0; i < held.aOfRun.size(); ++i) {
     const uint64_t u64Settled = input.link.aSettledOfRun[i];

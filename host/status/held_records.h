@@ -2,7 +2,7 @@
 //
 // Of this run: what was accepted, less what the destination has settled. Of earlier runs: the rows that the cache files
 // held at the start, if they could be counted, less what was settled of them. A component that drops records by itself
-// (datacoverflag) makes the count too high, which is then said.
+// makes the count too high, one that takes a record without answering in time makes it too low; both are then said.
 #ifndef QMLOGCACHE_HOST_STATUS_HELD_RECORDS_H_
 #define QMLOGCACHE_HOST_STATUS_HELD_RECORDS_H_
 
@@ -18,6 +18,7 @@ struct HeldRecords {
   uint64_t u64OfRun = 0;               // their sum
   std::optional<uint64_t> optEarlier;  // of earlier runs; nothing when it is not known
   bool bAtMost = false;                // some of them may have been dropped
+  bool bAbout = false;                 // some that were refused may be held as well
   // Age of the oldest record of this run: it is no younger. Nothing when none is held, or the history does not tell.
   std::optional<std::chrono::seconds> optOldest;
 };
@@ -26,7 +27,9 @@ struct HeldInput {
   PriorityCounts aAccepted{};
   ServerLinkCounts link;
   std::optional<uint64_t> optRowsAtStart;
-  bool bKeepsAll = true;
+  bool bKeepsAll = true;         // datacoverflag is off
+  bool bHasDropped = false;      // the component tells of records that the router refused to carry
+  bool bHasNotAnswered = false;  // records were answered kHostNoReply, and may have been stored all the same
 };
 
 HeldRecords CountHeldRecords(const HeldInput& input, const CHistory& history, StatusTime now);

@@ -62,6 +62,7 @@ json Held(const std::optional<HeldRecords>& optHeld) {
           {"of_earlier_runs", OrNull(optHeld->optEarlier)},
           {"by_priority", ByPriority(optHeld->aOfRun)},
           {"at_most", optHeld->bAtMost},
+          {"about", optHeld->bAbout},
           {"oldest_seconds", optHeld->optOldest ? json(optHeld->optOldest->count()) : json(nullptr)}};
 }
 
@@ -81,6 +82,10 @@ json Cache(const StatusSnapshot& snapshot) {
           {"files", std::move(files)}};
 }
 
+json ByAttempt(const std::array<uint64_t, 2>& aCounts) {
+  return {{"first", aCounts[0]}, {"repeat", aCounts[1]}};
+}
+
 json Component(const std::optional<ComponentStatistics>& optComponent) {
   if (!optComponent) {
     return nullptr;
@@ -91,7 +96,9 @@ json Component(const std::optional<ComponentStatistics>& optComponent) {
           {"single_send", optComponent->bSingleSend},
           {"failures_in_row", optComponent->u64FailuresInRow},
           {"store_failures", optComponent->u64StoreFailures},
-          {"send_failures", optComponent->u64SendFailures}};
+          {"send_failures", optComponent->u64SendFailures},
+          {"timed_out", ByAttempt(optComponent->aTimedOut)},
+          {"turned_back", ByAttempt(optComponent->aTurnedBack)}};
 }
 
 json Rates(const std::optional<RecordRates>& optRates) {

@@ -104,12 +104,17 @@ function speak() {
   }
 }
 
+// What the count of held records is worth.
+function boundText(held) {
+  return held.about ? ', about' : held.at_most ? ', at most' : '';
+}
+
 function showFigures() {
   const held = status.held;
   setText('figure-held', held ? countText(held.total ?? held.of_this_run) : 'unknown');
   setText('note-held', !held ? 'the clock was set back'
-    : held.total === null ? 'of this run'
-    : held.oldest_seconds === null ? 'records' : `records, oldest ${spanText(held.oldest_seconds)}`);
+    : held.total === null ? `of this run${boundText(held)}`
+    : `records${boundText(held)}${held.oldest_seconds === null ? '' : `, oldest ${spanText(held.oldest_seconds)}`}`);
   setText('figure-accepted', status.rates ? rateText(status.rates.accepted_per_second) : '–');
   setText('figure-delivered', status.rates ? rateText(status.rates.delivered_per_second) : '–');
   setText('figure-cache', status.cache ? byteText(status.cache.bytes) : 'unknown');

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/protocol/host_status.h"
 #include "host/status/cache_directory.h"
 #include "host/status/cache_rows.h"
 #include "host/status/component_statistics.h"
@@ -25,8 +26,11 @@ constexpr size_t kRememberedFiles = 8;
 // Of this many times its length a look at the directory takes one.
 constexpr int kScanShare = 20;
 
-// The rows of all files; nothing when some could not be counted.
+// The rows of all files; nothing when some could not be counted. A directory that is yet to be made has none.
 std::optional<uint64_t> AllRows(const CacheContents& contents) {
+  if (!contents.bReadable && !contents.bMissing) {
+    return std::nullopt;
+  }
   uint64_t u64Rows = 0;
   for (const CacheFile& file : contents.vecFiles) {
     if (!file.optRows) {
@@ -106,7 +110,11 @@ class CStatusService final : public IStatusService {
     snapshot.optComponent = m_component.Latest();
     snapshot.optRates = m_history.Rates(kRateSpan);
     if (m_sources.bRunKnown) {
-      const HeldInput input{snapshot.intake.aAccepted, snapshot.link, m_optRowsAtStart, m_cacheSettings.bKeepsAll};
+      HeldInput input{snapshot.intake.aAccepted, snapshot.link, m_optRowsAtStart, m_cacheSettings.bKeepsAll};
+      input.bHasDropped = snapshot.optComponent && snapshot.optComponent->u64SendFailures != 0;
+      const auto& vecRefused = snapshot.intake.vecRefused;
+      input.bHasNotAnswered = std::any_of(vecRefused.begin(), vecRefused.end(),
+                                          [](const auto& refusal) { return refusal.first == kHostNoReply; });
       snapshot.optHeld = CountHeldRecords(input, m_history, now);
     }
     return snapshot;

@@ -34,7 +34,7 @@ bool NothingYet(const StatusSnapshot& snapshot) {
 
 std::string HeldClause(const StatusSnapshot& snapshot) {
   const HeldRecords& held = *snapshot.optHeld;
-  const std::string strMost = held.bAtMost ? "at most " : "";
+  const std::string strMost = held.bAbout ? "about " : held.bAtMost ? "at most " : "";
   if (!held.optEarlier) {
     return strMost + RecordWords(held.u64OfRun) + " of this run held, beside what earlier runs left";
   }
@@ -162,7 +162,9 @@ std::vector<std::string> StatusDetails(const StatusSnapshot& snapshot) {
   }
   if (snapshot.cache.bReadable && static_cast<double>(snapshot.cache.u64Bytes) >=
                                       kNearlyFull * static_cast<double>(snapshot.cacheSettings.u64TotalLimit)) {
-    fnAdd("The cache directory is nearly full. At its limit new records are no longer written to disk.");
+    fnAdd(std::string("The cache directory is nearly full. At its limit ") +
+          (snapshot.cacheSettings.bKeepsAll ? "new records are no longer written to disk."
+                                            : "new records are written over the oldest ones."));
   }
   if (snapshot.optComponent) {
     const auto age = std::chrono::duration_cast<seconds>(snapshot.time - snapshot.optComponent->time);

@@ -98,6 +98,15 @@ TEST_F(HeldRecordsTest, WhatEarlierRunsLeftIsCountedDown) {
 TEST_F(HeldRecordsTest, AComponentThatDropsRecordsMakesItABound) {
   m_input.bKeepsAll = false;
   EXPECT_TRUE(Count().bAtMost);
+  m_input.bKeepsAll = true;
+  m_input.bHasDropped = true;
+  EXPECT_TRUE(Count().bAtMost);
+}
+
+TEST_F(HeldRecordsTest, ARecordThatWasNotAnsweredInTimeMakesItAnEstimate) {
+  EXPECT_FALSE(Count().bAbout);
+  m_input.bHasNotAnswered = true;
+  EXPECT_TRUE(Count().bAbout);
 }
 
 TEST_F(HeldRecordsTest, TheOldestIsAsOldAsTheFirstAcceptanceBeyondWhatIsSettled) {

@@ -53,6 +53,31 @@ TEST(StatusJsonTest, WhatIsNotKnownIsNull) {
   EXPECT_TRUE(json::parse(StatusJson(snapshot))["held"].is_null());
 }
 
+TEST(StatusJsonTest, HoldsWhatTheComponentTells) {
+  StatusSnapshot snapshot = OutageSnapshot();
+  ComponentStatistics component;
+  component.time = snapshot.time;
+  component.u64MemoryRecords = 9;
+  component.aQueued = {1, 2, 3, 4};
+  component.bSingleSend = true;
+  component.u64FailuresInRow = 5;
+  component.u64StoreFailures = 6;
+  component.u64SendFailures = 7;
+  component.aTimedOut = {10, 11};
+  component.aTurnedBack = {12, 13};
+  snapshot.optComponent = component;
+  EXPECT_EQ(json::parse(StatusJson(snapshot))["component"],
+            json({{"time", 1800000000.0},
+                  {"memory_records", 9},
+                  {"queued", {{"low", 1}, {"normal", 2}, {"high", 3}, {"real", 4}}},
+                  {"single_send", true},
+                  {"failures_in_row", 5},
+                  {"store_failures", 6},
+                  {"send_failures", 7},
+                  {"timed_out", {{"first", 10}, {"repeat", 11}}},
+                  {"turned_back", {{"first", 12}, {"repeat", 13}}}}));
+}
+
 TEST(StatusJsonTest, BadBytesOfAReasonDoNoHarm) {
   StatusSnapshot snapshot = OutageSnapshot();
   snapshot.strDownReason = "bad \xff\xc3 \"</script>\" \x01";

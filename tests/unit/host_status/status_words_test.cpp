@@ -35,6 +35,8 @@ TEST(StatusWordsTest, CountsWhatEarlierRunsLeft) {
   snapshot.optHeld->optEarlier = 96;
   snapshot.optHeld->bAtMost = true;
   EXPECT_EQ(StatusSummary(snapshot), "Link down for 3 min, at most 1,300 records held, oldest 3 min, 38 MiB of 2 GiB.");
+  snapshot.optHeld->bAbout = true;
+  EXPECT_EQ(StatusSummary(snapshot), "Link down for 3 min, about 1,300 records held, oldest 3 min, 38 MiB of 2 GiB.");
 }
 
 TEST(StatusWordsTest, AFreshHostHasNoRecordsYet) {
@@ -85,6 +87,10 @@ TEST(StatusWordsTest, TellsWhatNeedsLookingAt) {
   EXPECT_FALSE(Says(snapshot, strFull));
   snapshot.cache.u64Bytes = snapshot.cacheSettings.u64TotalLimit / 100 * 95;
   EXPECT_TRUE(Says(snapshot, strFull));
+  snapshot.cacheSettings.bKeepsAll = false;
+  EXPECT_FALSE(Says(snapshot, strFull));
+  EXPECT_TRUE(
+      Says(snapshot, "The cache directory is nearly full. At its limit new records are written over the oldest ones."));
   snapshot.optComponent = ComponentStatistics{};
   snapshot.optComponent->time = snapshot.time - 4 * kMinute;
   snapshot.optComponent->u64MemoryRecords = 1190;
