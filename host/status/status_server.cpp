@@ -1,6 +1,7 @@
 #include "host/status/status_server.h"
 
 #include <array>
+#include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -17,6 +18,7 @@
 #include <utility>
 
 #include "host/router/thread_setup.h"
+#include "host/service/loop.h"
 #include "host/status/http_answers.h"
 #include "platform/log.h"
 
@@ -200,6 +202,7 @@ class CStatusServer final : public IStatusServer {
 
   // What a handler throws costs the connection or the tick it came from, never the thread.
   void Run() noexcept {
+    const CLoopThread loopThread(m_loop);
     for (;;) {
       try {
         m_ioContext.run();
@@ -209,6 +212,21 @@ class CStatusServer final : public IStatusServer {
       } catch (...) {
         LogPrintStr(m_hLog, kLogWarning, "*qmhost the status page: an unknown error");
       }
+    }
+  }
+
+  // The turn goes the way of a request.
+  void PostTurn() noexcept {
+    if (m_bTurnPosted.exchange(true)) {
+      return;
+    }
+    try {
+      asio::post(m_ioContext, [this] {
+        m_bTurnPosted = false;
+        m_loop.Turn();
+      });
+    } catch (const std::exception&) {
+      m_bTurnPosted = false;  // no memory now; the next look asks again
     }
   }
 
@@ -265,6 +283,8 @@ class CStatusServer final : public IStatusServer {
   asio::steady_timer m_acceptTimer;
   asio::steady_timer m_tickTimer;
   Sessions m_listSessions;  // after the I/O context, which their sockets need to the end
+  std::atomic<bool> m_bTurnPosted = false;
+  CLoop m_loop{"qmhost-status", [this] { PostTurn(); }};
   std::thread m_thread;
 };
 

@@ -17,6 +17,7 @@
 #include "host/router/deadline_timer.h"
 #include "host/service/loop.h"
 #include "host/signal_thread.h"
+#include "host/status/status_server.h"
 #include "tests/unit/host_ingress/fake_router.h"
 #include "tests/unit/host_ingress/test_producer.h"
 #include "tests/unit/host_link/link_test_support.h"
@@ -176,6 +177,8 @@ TEST(WatchdogTest, FeedsWhileEveryLoopWaitsForWork) {
   for (ILinkDriver* pDriver : {pFile.get(), pHttp.get(), pNats.get()}) {
     ASSERT_TRUE(pDriver->Start(&events, strError)) << strError;
   }
+  const auto pStatus = CreateStatusServer({"127.0.0.1", 0}, {[](std::string_view) { return std::nullopt; }, [] {}});
+  ASSERT_TRUE(pStatus->Start(strError)) << strError;
   ASSERT_TRUE(open.AwaitArrival(3));  // the http and nats drivers pause now, the file driver waits for records
   CWatched watched;
   EXPECT_TRUE(watched.AwaitFeeds(5));
@@ -183,6 +186,7 @@ TEST(WatchdogTest, FeedsWhileEveryLoopWaitsForWork) {
     pDriver->Stop();
   }
   pIngress->Stop();
+  pStatus->Stop();
   EXPECT_TRUE(watched.AwaitFeeds(2));  // what has been stopped is not waited for
 }
 
@@ -269,6 +273,15 @@ TEST(WatchdogTest, NamesDriversThatStandStill) {
   ExpectDriverStandstill(CreateFileDriver({directory.Path("records"), false}), "qmhost-file");
   ExpectDriverStandstill(CreateHttpDriver(UnreachableHttp()), "qmhost-http");
   ExpectDriverStandstill(CreateNatsDriver(UnreachableNats()), "qmhost-nats");
+}
+
+TEST(WatchdogTest, NamesAStatusThatStandsStill) {
+  CBarrier barrier;
+  const auto pStatus =
+      CreateStatusServer({"127.0.0.1", 0}, {[](std::string_view) { return std::nullopt; }, [&] { barrier.Pass(); }});
+  std::string strError;
+  ASSERT_TRUE(pStatus->Start(strError)) << strError;
+  ExpectStandstill(barrier, "qmhost-status");
 }
 
 // The ingress with every thread held up in the router.
