@@ -94,6 +94,10 @@ bool CHostConnection::Flush(std::string& strError) {
   if (Unsent() == 0 || m_bWriteBroken) {
     m_strOutput.clear();
     m_uSent = 0;
+  } else if (m_uSent >= Unsent()) {
+    // Not more often, so that a byte is moved once at most for each that was sent.
+    m_strOutput.erase(0, m_uSent);
+    m_uSent = 0;
   }
   return true;
 }

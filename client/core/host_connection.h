@@ -27,7 +27,7 @@ class CHostConnection {
   // Of the last connection that became ready.
   const IngressWelcome& Welcome() const { return m_welcome; }
 
-  // Frames to be sent are appended here.
+  // Frames to be sent are appended here. After Flush it is shorter than twice what is unsent.
   std::string& Output() { return m_strOutput; }
   size_t Unsent() const { return m_strOutput.size() - m_uSent; }
 

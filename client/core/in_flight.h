@@ -31,8 +31,24 @@ struct PendingRecord {
   std::optional<TimePoint> giveUp;  // set by the first failure
   TimePoint due{};                  // ToSend: not before
   uint32_t uLastStatus = 0;         // of the last refusal, 0 when there was none
+  PendingRecord* pNext = nullptr;   // behind this one in its queue
 };
 
+// Records in a row, linked through themselves, so that nothing here needs memory.
+class CRecordQueue {
+ public:
+  bool Empty() const noexcept { return m_pFirst == nullptr; }
+  PendingRecord* First() const noexcept { return m_pFirst; }
+  void Append(PendingRecord& record) noexcept;
+  void RemoveFirst() noexcept { m_pFirst = m_pFirst->pNext; }
+  void Clear() noexcept { m_pFirst = nullptr; }
+
+ private:
+  PendingRecord* m_pFirst = nullptr;
+  PendingRecord* m_pLast = nullptr;  // of any meaning only while there is a first
+};
+
+// Take alone may throw std::bad_alloc, and has changed nothing then.
 class CInFlight {
  public:
   // uMaxRecords: how many records at most; uMaxBytes: of all payloads together, but one record is always taken.
@@ -49,33 +65,38 @@ class CInFlight {
   PendingRecord& Take();
   void Charge(const PendingRecord& record) { m_uBytes += record.strPayload.size(); }
   // Gives the record a new request id.
-  uint64_t MarkSent(PendingRecord& record);
-  void MarkToSend(PendingRecord& record, PendingRecord::TimePoint due);
+  uint64_t MarkSent(PendingRecord& record) noexcept;
+  // Queues the record: to be sent as soon as may be, or again and not before that time. Such times come in their order.
+  void MarkToSend(PendingRecord& record) noexcept;
+  void MarkToSendAgain(PendingRecord& record, PendingRecord::TimePoint due) noexcept;
   // The record that waits for the answer to that request; null for any other id.
   PendingRecord* Find(uint64_t u64RequestId);
   // Not one that is queued to be sent, unless the queue is forgotten.
-  void Release(PendingRecord& record);
-  void ForgetQueue() { m_queToSend.clear(); }
+  void Release(PendingRecord& record) noexcept;
+  void ForgetQueue() noexcept;
 
-  // The records to be sent, oldest first as they were marked; null when there is none that is due.
-  PendingRecord* NextToSend(PendingRecord::TimePoint now);
-  std::optional<PendingRecord::TimePoint> NextDue() const;
+  // Those without a time go first, each as they were marked; null when there is none that is due. The record stays
+  // queued until RemoveNext, which is told it.
+  PendingRecord* NextToSend(PendingRecord::TimePoint now) const noexcept;
+  void RemoveNext(const PendingRecord* pRecord) noexcept;
+  std::optional<PendingRecord::TimePoint> NextDue() const noexcept;
+  // No record waits that may be sent at once.
+  bool NothingWaits() const noexcept { return m_queToSend.Empty(); }
 
-  template <typename Function>
-  void ForEachUsed(Function fnVisit) {
-    for (PendingRecord& record : m_queSlots) {
-      if (record.state != PendingRecord::State::Free) {
-        fnVisit(record);
-      }
-    }
-  }
+  // The records, or those on the wire, in the order in which they were handed in. Valid until the next call of this or
+  // of Take.
+  const std::vector<PendingRecord*>& InOrder(bool bOnlyOnWire) noexcept;
 
  private:
+  void TakeOffWire(PendingRecord& record) noexcept;
+
   size_t m_uMaxRecords;
   const size_t m_uMaxBytes;
   std::deque<PendingRecord> m_queSlots;  // as many as were ever needed at once
   std::vector<uint32_t> m_vecFree;
-  std::deque<uint32_t> m_queToSend;  // in the order of marking
+  std::vector<PendingRecord*> m_vecInOrder;  // has room for every slot
+  CRecordQueue m_queToSend;
+  CRecordQueue m_queToSendAgain;  // each with its time
   size_t m_uBytes = 0;
   size_t m_uOnWire = 0;
 };

@@ -25,7 +25,6 @@ CSendEngine::CSendEngine(SendSettings settings, ISendEvents& events)
     : m_settings(std::move(settings)),
       m_events(events),
       m_inFlight(m_settings.uMaxRecords, m_settings.uMaxBytes),
-      m_lostAt(Clock::now()),
       m_connectDelay(kConnectDelay) {}
 
 bool CSendEngine::CanSend() const {
@@ -36,14 +35,13 @@ bool CSendEngine::CanSend() const {
 void CSendEngine::Submit(PendingRecord& record) {
   m_inFlight.Charge(record);
   record.u64Order = ++m_u64Order;
-  // What waits without a due time has not been sent on this connection, and goes first.
-  const auto nextDue = m_inFlight.NextDue();
+  // What waits has been handed in before, and goes first.
+  if (!CanSend() || !m_inFlight.NothingWaits()) {
+    m_inFlight.MarkToSend(record);
+    return;
+  }
   try {
-    if (CanSend() && (!nextDue || *nextDue > Clock::time_point{})) {
-      Send(record);
-    } else {
-      m_inFlight.MarkToSend(record, {});
-    }
+    Send(record);
   } catch (const std::bad_alloc&) {
     m_inFlight.Release(record);
     throw;
@@ -77,14 +75,17 @@ void CSendEngine::Close() {
 }
 
 void CSendEngine::ConnectionFailed(const std::string& strWhy, Clock::time_point now) {
-  const bool bGreeting = m_connection.IsOpen();
+  // First: without the memory for it nothing has changed.
+  const std::string strText =
+      m_connection.IsOpen() ? "no connection with '" + m_settings.strSocket + "': " + strWhy : strWhy;
   Close();
   m_nextConnect = now + m_connectDelay;
   if (!m_settings.retry) {
     m_connectDelay = std::min(m_connectDelay * 2, kLongestConnectDelay);
   }
-  m_events.CannotConnect(bGreeting ? "no connection with '" + m_settings.strSocket + "': " + strWhy : strWhy);
-  if (!m_bRetrying || (m_settings.retry && now >= m_lostAt + *m_settings.retry)) {
+  m_events.CannotConnect(strText);
+  m_awaySince = m_awaySince.value_or(now);
+  if (!m_bRetrying || (m_settings.retry && now >= *m_awaySince + *m_settings.retry)) {
     GiveUp();
   }
 }
@@ -95,7 +96,9 @@ void CSendEngine::SendAgain(Clock::time_point now) {
     if (pRecord == nullptr) {
       return;
     }
+    // Without the memory for it the record stays where it is.
     Send(*pRecord);
+    m_inFlight.RemoveNext(pRecord);
   }
 }
 
@@ -125,6 +128,7 @@ void CSendEngine::Exchange() {
   if (bReady && !bWasReady) {
     m_connectDelay = kConnectDelay;
     m_bGivenUp = false;
+    m_awaySince.reset();
     m_events.Connected();
   }
   HandleAnswers(now);
@@ -159,7 +163,7 @@ void CSendEngine::HandleRefusal(PendingRecord& record, uint32_t uStatus, Clock::
     return;
   }
   record.uLastStatus = uStatus;
-  m_inFlight.MarkToSend(record, now + delay);
+  m_inFlight.MarkToSendAgain(record, now + delay);
   m_events.Refused(uStatus);
 }
 
@@ -180,10 +184,8 @@ void CSendEngine::Drop(const std::string& strWhy) {
 }
 
 void CSendEngine::Lost(const std::string& strWhy, Clock::time_point now) {
-  // First: without the memory for it nothing has changed.
-  const std::vector<PendingRecord*> vecOnWire = InOrder(true);
   Close();
-  m_lostAt = now;
+  m_awaySince = now;
   // A host that stops still listens for a moment.
   m_nextConnect = now + m_connectDelay;
   m_events.Disconnected(strWhy);
@@ -191,10 +193,11 @@ void CSendEngine::Lost(const std::string& strWhy, Clock::time_point now) {
     GiveUp();
     return;
   }
-  for (PendingRecord* pRecord : vecOnWire) {
+  // None of this needs memory, for the lack of which a record would wait for an answer that cannot come.
+  for (PendingRecord* pRecord : m_inFlight.InOrder(true)) {
     if (TriesAgain(*pRecord, now, milliseconds{0})) {
       pRecord->uLastStatus = 0;
-      m_inFlight.MarkToSend(*pRecord, {});
+      m_inFlight.MarkToSend(*pRecord);
     } else {
       Fail(*pRecord, SendFailure::NoAnswer, 0);
     }
@@ -202,9 +205,8 @@ void CSendEngine::Lost(const std::string& strWhy, Clock::time_point now) {
 }
 
 void CSendEngine::GiveUp() {
-  const std::vector<PendingRecord*> vecAll = InOrder(false);
   m_bGivenUp = true;
-  for (PendingRecord* pRecord : vecAll) {
+  for (PendingRecord* pRecord : m_inFlight.InOrder(false)) {
     if (pRecord->state == PendingRecord::State::ToSend && pRecord->uLastStatus != 0) {
       Fail(*pRecord, SendFailure::Refused, pRecord->uLastStatus);
     } else {
@@ -217,18 +219,6 @@ void CSendEngine::GiveUp() {
 void CSendEngine::Fail(PendingRecord& record, SendFailure failure, uint32_t uStatus) {
   m_events.Failed(record, failure, uStatus);
   m_inFlight.Release(record);
-}
-
-std::vector<PendingRecord*> CSendEngine::InOrder(bool bOnlyOnWire) {
-  std::vector<PendingRecord*> vecRecords;
-  m_inFlight.ForEachUsed([&](PendingRecord& record) {
-    if (!bOnlyOnWire || record.state == PendingRecord::State::OnWire) {
-      vecRecords.push_back(&record);
-    }
-  });
-  std::sort(vecRecords.begin(), vecRecords.end(),
-            [](const PendingRecord* pLeft, const PendingRecord* pRight) { return pLeft->u64Order < pRight->u64Order; });
-  return vecRecords;
 }
 
 std::optional<CSendEngine::Clock::time_point> CSendEngine::NextTurn() const {

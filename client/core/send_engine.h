@@ -2,7 +2,9 @@
 // the connection is lost, and sends again what had no answer: a record may arrive twice, and none is lost silently.
 //
 // Never blocks and has no threads: the owner waits, on the descriptor and until NextTurn, and calls Prepare and Exchange.
-// One thread at a time. Memory is bounded by the limits on records and bytes, and a mebibyte or one record of output.
+// One thread at a time. Memory is bounded by the limits on records and bytes; of output there are two mebibytes and two
+// records at most. A function that throws std::bad_alloc has forgotten no record; but answers may be lost with it, so the
+// owner calls Drop then, and everything is sent again.
 #ifndef QMLOGCACHE_CLIENT_CORE_SEND_ENGINE_H_
 #define QMLOGCACHE_CLIENT_CORE_SEND_ENGINE_H_
 
@@ -106,7 +108,6 @@ class CSendEngine {
   void HandleRefusal(PendingRecord& record, uint32_t uStatus, Clock::time_point now);
   bool TriesAgain(PendingRecord& record, Clock::time_point now, std::chrono::milliseconds delay);
   void Fail(PendingRecord& record, SendFailure failure, uint32_t uStatus);
-  std::vector<PendingRecord*> InOrder(bool bOnlyOnWire);
 
   const SendSettings m_settings;
   ISendEvents& m_events;
@@ -114,7 +115,7 @@ class CSendEngine {
   CInFlight m_inFlight;
   std::vector<IngressAnswer> m_vecAnswers;
   uint64_t m_u64Order = 0;
-  Clock::time_point m_lostAt;  // while there is no ready connection
+  std::optional<Clock::time_point> m_awaySince;  // when the host was found away; none while it is not known to be
   Clock::time_point m_nextConnect{};
   Clock::time_point m_welcomeBy{};  // while the host owes its welcome
   std::chrono::milliseconds m_connectDelay;

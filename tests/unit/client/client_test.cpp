@@ -89,6 +89,41 @@ TEST_F(ClientTest, ARefusalThatMayPassIsTriedAgain) {
   EXPECT_EQ(DeliveryCount(), 2U);
 }
 
+TEST_F(ClientTest, WhatWasNeverSentKeepsItsOrderBehindOneThatWaitsForItsNextTry) {
+  std::atomic<bool> bAnswer{false};
+  m_options.uWindow = 1;
+  Serve([&](const Delivery& delivery) {
+    if (bAnswer) {
+      delivery.Reply();
+    }
+    return 0U;
+  });
+  Open();
+  EXPECT_EQ(Send("a", 1), QM_CLIENT_OK);
+  ProcessUntil([&] { return DeliveryCount() == 1; });
+  m_pRouter->Deliveries()[0].Reply(static_cast<uint32_t>(kStatusCountLimit));
+  EXPECT_EQ(Send("b", 2), QM_CLIENT_OK);
+  ProcessUntil([&] { return DeliveryCount() == 2; });
+  EXPECT_EQ(Send("c", 3), QM_CLIENT_OK);
+  bAnswer = true;
+  m_pRouter->Deliveries()[1].Reply();
+  ProcessUntil([&] { return m_vecResults.size() == 1; });
+  EXPECT_EQ(Send("d", 4), QM_CLIENT_OK);
+  EXPECT_EQ(qm_client_flush(m_pClient, kPatienceMs), QM_CLIENT_OK);
+  EXPECT_EQ(Payloads(), (std::vector<std::string>{"a", "b", "c", "d", "a"}));
+}
+
+TEST_F(ClientTest, TheRetryTimeOfAHostBeginsWhenItIsFoundAway) {
+  m_clientOptions.retry_ms = 20;
+  Open();
+  std::this_thread::sleep_for(std::chrono::milliseconds(40));
+  EXPECT_EQ(Send("late", 1), QM_CLIENT_OK);
+  EXPECT_TRUE(Said("cannot connect"));
+  EXPECT_EQ(qm_client_pending(m_pClient), 1U);
+  EXPECT_EQ(qm_client_flush(m_pClient, kPatienceMs), QM_CLIENT_OK);
+  EXPECT_EQ(m_vecResults, (Results{{1, QM_CLIENT_NOT_SENT, 0}}));
+}
+
 TEST_F(ClientTest, WithoutARetryTimeEveryRefusalIsFinal) {
   Serve([](const Delivery& delivery) {
     delivery.Reply(static_cast<uint32_t>(kStatusCountLimit));
@@ -320,9 +355,10 @@ TEST_F(ClientTest, AChildProcessCannotDisturbTheParentsClient) {
   ASSERT_EQ(qm_client_flush(m_pClient, kPatienceMs), QM_CLIENT_OK);
   const pid_t iChild = ::fork();
   if (iChild == 0) {
-    const bool bForked =
-        Send("child") == QM_CLIENT_E_FORKED && qm_client_process(m_pClient, -1) == QM_CLIENT_E_FORKED &&
-        qm_client_flush(m_pClient, -1) == QM_CLIENT_E_FORKED && qm_client_close(m_pClient, -1) == QM_CLIENT_E_FORKED;
+    const bool bForked = Send("child") == QM_CLIENT_E_FORKED &&
+                         qm_client_process(m_pClient, -1) == QM_CLIENT_E_FORKED &&
+                         qm_client_flush(m_pClient, -1) == QM_CLIENT_E_FORKED && qm_client_fd(m_pClient) == -1 &&
+                         qm_client_pending(m_pClient) == 0 && qm_client_close(m_pClient, -1) == QM_CLIENT_E_FORKED;
     ::_exit(bForked ? 0 : 1);
   }
   int iStatus = -1;
