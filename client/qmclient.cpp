@@ -78,11 +78,11 @@ int qm_client_flush(qm_client* client, int timeout_ms) {
 }
 
 int qm_client_fd(const qm_client* client) {
-  return client == nullptr ? -1 : client->Descriptor();
+  return client == nullptr || client->IsForked() ? -1 : client->Descriptor();
 }
 
 size_t qm_client_pending(const qm_client* client) {
-  return client == nullptr ? 0 : client->Pending();
+  return client == nullptr || client->IsForked() ? 0 : client->Pending();
 }
 
 int qm_client_close(qm_client* client, int timeout_ms) {

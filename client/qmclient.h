@@ -10,7 +10,7 @@
  *   struct qm_client_options options = QM_CLIENT_OPTIONS_INIT;
  *   struct qm_client_record record = QM_CLIENT_RECORD_INIT;
  *   qm_client *client;
- *   options.socket = "/usr/lib/qmlogcache/data/qmhost.sock";
+ *   options.socket = "/run/qmlogcache/qmhost.sock";
  *   options.sender = "my daemon";
  *   qm_client_open(&options, &client);
  *   record.data = "hello";
@@ -25,9 +25,10 @@
  *
  * Threads: a client is used by one thread at a time; different clients are independent. A call that comes while another
  * call on the same client is under way, from another thread or from the callback, returns QM_CLIENT_E_BUSY.
- * fork: in the child every function returns QM_CLIENT_E_FORKED, and qm_client_close frees the child's copy without
- * touching the parent's connection. Descriptors are closed by exec. Signals: SIGPIPE is never raised, no handler or
- * mask is touched, and a wait goes on after an interrupted system call.
+ * fork: in the child qm_client_fd returns -1, qm_client_pending 0 and every other function that takes the client
+ * QM_CLIENT_E_FORKED; qm_client_close frees the child's copy without touching the parent's connection. Descriptors are
+ * closed by exec. Signals: SIGPIPE is never raised, no handler or mask is touched, and a wait goes on after an
+ * interrupted system call.
  * Time-outs: milliseconds; 0 does not wait, a negative one waits without end. No host, dead or hostile, holds a call for
  * longer.
  */
@@ -100,7 +101,8 @@ struct qm_client_options {
   const char* sender; /* under which the records are kept: a GUID, or a name that becomes one; required */
   size_t max_records; /* that the client holds at once, 1 to 65536 */
   size_t max_bytes;   /* of their bytes together; one record is always taken */
-  int32_t retry_ms;   /* how long records are sent again and a host that is away is waited for; negative: for ever */
+  int32_t retry_ms; /* how long a record is sent again, and a host waited for from when it is found away; negative: for
+                         ever */
   qm_client_result_fn on_result;         /* may be null */
   qm_client_connection_fn on_connection; /* may be null */
   void* user;                            /* for the callbacks */
@@ -143,11 +145,11 @@ QM_CLIENT_API int qm_client_flush(qm_client* client, int timeout_ms);
 
 /*
  * A descriptor that is readable when qm_client_process has something to do; the same for the life of the client. It may
- * be polled and nothing else. -1 for a null client.
+ * be polled and nothing else. -1 for a null client, and in a child process.
  */
 QM_CLIENT_API int qm_client_fd(const qm_client* client);
 
-/* Records that have no outcome yet; 0 for a null client. May be called from the callbacks. */
+/* Records that have no outcome yet; 0 for a null client, and in a child process. May be called from the callbacks. */
 QM_CLIENT_API size_t qm_client_pending(const qm_client* client);
 
 /*
