@@ -214,6 +214,81 @@ TEST_F(LogTailTest, AFileThatIsStillWrittenToIsNotLeft) {
   EXPECT_EQ(All(tail), (Lines{"new"}));
 }
 
+// While it lives, a file without permissions may not be read, even if root runs the tests.
+class CNobody {
+ public:
+  CNobody() : m_bRoot(::geteuid() == 0) {
+    if (m_bRoot) {
+      EXPECT_EQ(::seteuid(65534), 0);
+    }
+  }
+  ~CNobody() {
+    if (m_bRoot) {
+      EXPECT_EQ(::seteuid(0), 0);
+    }
+  }
+  CNobody(const CNobody&) = delete;
+  CNobody& operator=(const CNobody&) = delete;
+
+ private:
+  const bool m_bRoot;
+};
+
+TEST_F(LogTailTest, ANewLogThatMayNotBeReadIsToldOnceAndWaitedFor) {
+  ASSERT_EQ(::chmod(m_strDirectory.c_str(), 0755), 0);
+  Append(m_strLog, "old\n");
+  CLogTail tail(m_strLog, RecordMode::Lines, 1000, m_fnTell);
+  tail.StartAtBeginning();
+  EXPECT_EQ(All(tail), (Lines{"old"}));
+  std::filesystem::rename(m_strLog, m_strLog + ".1");
+  Age(m_strLog + ".1", 100);
+  Append(m_strLog, "new\n");
+  ASSERT_EQ(::chmod(m_strLog.c_str(), 0), 0);
+  {
+    const CNobody nobody;
+    EXPECT_EQ(All(tail), Lines{});
+    EXPECT_EQ(All(tail), Lines{});
+  }
+  EXPECT_EQ(m_strTold, "cannot read " + m_strLog + ": Permission denied; it is waited for\n");
+  ASSERT_EQ(::chmod(m_strLog.c_str(), 0644), 0);
+  EXPECT_EQ(All(tail), (Lines{"new"}));
+}
+
+TEST_F(LogTailTest, ARotatedFileThatMayNotBeReadIsToldAndNotPassedOver) {
+  ASSERT_EQ(::chmod(m_strDirectory.c_str(), 0755), 0);
+  Append(m_strLog, "old\n");
+  CLogTail tail(m_strLog, RecordMode::Lines, 1000, m_fnTell);
+  tail.StartAtBeginning();
+  EXPECT_EQ(All(tail), (Lines{"old"}));
+  std::filesystem::rename(m_strLog, m_strLog + ".2");
+  Age(m_strLog + ".2", 100);
+  Append(m_strLog + ".1", "between\n");
+  Age(m_strLog + ".1", 50);
+  ASSERT_EQ(::chmod((m_strLog + ".1").c_str(), 0), 0);
+  Append(m_strLog, "new\n");
+  {
+    const CNobody nobody;
+    EXPECT_EQ(All(tail), Lines{});
+    EXPECT_EQ(All(tail), Lines{});
+  }
+  EXPECT_EQ(m_strTold, "cannot read " + m_strLog + ".1: Permission denied; it is waited for\n");
+  ASSERT_EQ(::chmod((m_strLog + ".1").c_str(), 0644), 0);
+  EXPECT_EQ(All(tail), (Lines{"between", "new"}));
+}
+
+TEST_F(LogTailTest, ANewLogThatIsNoFileIsToldOnceAndWaitedFor) {
+  Append(m_strLog, "old\n");
+  CLogTail tail(m_strLog, RecordMode::Lines, 1000, m_fnTell);
+  tail.StartAtBeginning();
+  EXPECT_EQ(All(tail), (Lines{"old"}));
+  std::filesystem::rename(m_strLog, m_strLog + ".1");
+  Age(m_strLog + ".1", 100);
+  std::filesystem::create_directory(m_strLog);
+  EXPECT_EQ(All(tail), Lines{});
+  EXPECT_EQ(All(tail), Lines{});
+  EXPECT_EQ(m_strTold, "cannot follow " + m_strLog + ": it is not a regular file; it is waited for\n");
+}
+
 TEST_F(LogTailTest, LinesWithZeroBytesAsDelimitersAreFollowedToo) {
   Append(m_strLog, std::string("a\nb\0c\0", 6));
   CLogTail tail(m_strLog, RecordMode::Zeros, 1000, m_fnTell);

@@ -50,7 +50,11 @@ void CLogTail::StartAt(const FollowPosition& position, const timespec& noted) {
   m_fnTell("warning: what was read last of " + m_strLog + ", up to " + Byte(position.u64Offset) +
            ", is not there any more: truncated, removed or compressed, and compressed files are not read. What stood "
            "behind it is not sent");
-  TakeSuccessor(FindSuccessor(m_strLog, noted));
+  const Successor successor = FindSuccessor(m_strLog, noted);
+  if (!successor.strError.empty()) {
+    m_fnTell("warning: " + successor.strError);
+  }
+  TakeSuccessor(successor);
   if (!m_pFile) {
     StartAtBeginning();
   }
@@ -70,7 +74,7 @@ bool CLogTail::OpenLog() {
   std::string strError;
   auto pFile = CLogFile::Open(m_strLog, strError);
   if (!pFile) {
-    TellOnce(strError + "; it is waited for");
+    TellWaitsFor(strError);
     return false;
   }
   m_strTold.clear();
@@ -141,10 +145,15 @@ bool CLogTail::ReadFile() {
 // At the end of the file: whether the log has gone on elsewhere.
 bool CLogTail::LeaveWhenOver() {
   struct stat info {};
-  if (::stat(m_strLog.c_str(), &info) != 0 || m_pFile->IsAt(info) || !IsQuiet(*m_pFile)) {
+  const bool bThere = ::stat(m_strLog.c_str(), &info) == 0;
+  if ((bThere ? m_pFile->IsAt(info) : errno == ENOENT) || !IsQuiet(*m_pFile)) {
     return false;
   }
   const Successor successor = FindSuccessor(m_strLog, *m_pFile);
+  if (!successor.strError.empty()) {
+    TellWaitsFor(successor.strError);
+    return false;
+  }
   struct stat next {};
   // A log that is still empty gives nobody away who may go on writing here.
   if (!successor.pFile || ::fstat(successor.pFile->Descriptor(), &next) != 0 || next.st_size == 0) {
@@ -156,7 +165,11 @@ bool CLogTail::LeaveWhenOver() {
 }
 
 void CLogTail::GoToSuccessor() {
-  TakeSuccessor(FindSuccessor(m_strLog, *m_pFile));
+  const Successor successor = FindSuccessor(m_strLog, *m_pFile);
+  if (!successor.strError.empty()) {
+    TellWaitsFor(successor.strError);
+  }
+  TakeSuccessor(successor);
 }
 
 void CLogTail::TakeSuccessor(const Successor& successor) {
@@ -188,6 +201,11 @@ void CLogTail::AfterTruncation() {
   } else {
     m_pFile = nullptr;
   }
+}
+
+// The error says that a file cannot be read.
+void CLogTail::TellWaitsFor(const std::string& strError) {
+  TellOnce(strError + "; it is waited for");
 }
 
 void CLogTail::TellOnce(const std::string& strText) {

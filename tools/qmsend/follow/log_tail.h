@@ -44,6 +44,7 @@ class CLogTail {
   void GoToSuccessor();
   void TakeSuccessor(const Successor& successor);
   void AfterTruncation();
+  void TellWaitsFor(const std::string& strError);
   void TellOnce(const std::string& strText);
 
   const std::string m_strLog;

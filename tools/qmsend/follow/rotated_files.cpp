@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <filesystem>
 #include <functional>
@@ -12,11 +13,24 @@ namespace {
 
 constexpr std::string_view kCompressed[] = {".gz", ".xz", ".bz2", ".zst", ".lz4", ".lzma", ".Z", ".zip"};
 
+// As CLogFile::Open, but a file that is not there is no error.
+std::shared_ptr<CLogFile> OpenIfThere(const std::string& strPath, std::string& strError) {
+  auto pFile = CLogFile::Open(strPath, strError);
+  if (pFile || errno == ENOENT) {
+    strError.clear();
+  }
+  return pFile;
+}
+
 // Opens a listed file unless the name belongs to another by now.
+std::shared_ptr<CLogFile> OpenListed(const RotatedFile& file, std::string& strError) {
+  auto pFile = OpenIfThere(file.strPath, strError);
+  return pFile && pFile->IsAt(file.info) ? pFile : nullptr;
+}
+
 std::shared_ptr<CLogFile> OpenListed(const RotatedFile& file) {
   std::string strIgnored;
-  auto pFile = CLogFile::Open(file.strPath, strIgnored);
-  return pFile && pFile->IsAt(file.info) ? pFile : nullptr;
+  return OpenListed(file, strIgnored);
 }
 
 bool AreSame(const std::vector<RotatedFile>& vecLeft, const std::vector<RotatedFile>& vecRight) {
@@ -65,11 +79,10 @@ Successor FirstOf(const std::string& strLog, const std::vector<RotatedFile>& vec
       }
       continue;
     }
-    successor.pFile = OpenListed(file);
+    successor.pFile = OpenListed(file, successor.strError);
     return successor;
   }
-  std::string strIgnored;
-  auto pLog = CLogFile::Open(strLog, strIgnored);
+  auto pLog = OpenIfThere(strLog, successor.strError);
   struct stat info {};
   if (pLog && !(pCurrent != nullptr && ::fstat(pLog->Descriptor(), &info) == 0 && pCurrent->IsAt(info))) {
     successor.pFile = std::move(pLog);

@@ -43,7 +43,8 @@ std::shared_ptr<CLogFile> FindCopy(const std::string& strLog, const FollowPositi
 
 // What goes on where a file of the log ended.
 struct Successor {
-  std::shared_ptr<CLogFile> pFile;         // null: nothing yet
+  std::shared_ptr<CLogFile> pFile;         // null: nothing yet, or
+  std::string strError;                    // why it cannot be read
   std::vector<std::string> vecUnreadable;  // compressed files that were passed over
 };
 Successor FindSuccessor(const std::string& strLog, const CLogFile& current);
