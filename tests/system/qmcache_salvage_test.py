@@ -182,6 +182,40 @@ class DamageTest(SalvageTestCase):
         self.assertEqual({record["dataid"] for record in found}, left)
         self.assertTrue(summary["whole"])
 
+    def test_a_list_of_free_pages_that_names_pages_in_use_costs_nothing(self):
+        leaves = self.pages(0x0D)
+        number = lambda page: (page + 1).to_bytes(4, "big")
+
+        def head_is_a_leaf(data):
+            data[32:40] = number(leaves[3]) + (1).to_bytes(4, "big")
+
+        def list_of_leaves(data):
+            """At the end of the file a page that names leaves, in a list that is well-formed."""
+            data[32:40] = number(len(data) // PAGE) + (4).to_bytes(4, "big")
+            data[28:32] = number(len(data) // PAGE)
+            named = b"".join(number(leaf) for leaf in leaves[3:6])
+            return data + (bytes(4) + (3).to_bytes(4, "big") + named).ljust(PAGE, b"\0")
+
+        def list_that_ends_in_nonsense(data):
+            data = list_of_leaves(data)
+            data[-PAGE + 4 : -PAGE + 8] = (4).to_bytes(4, "big")
+            data[-PAGE + 20 : -PAGE + 24] = b"\xff" * 4
+            data[36:40] = (5).to_bytes(4, "big")
+            return data
+
+        def root_is_free(data):
+            root = self.pages(0x05)[0]
+            data = list_of_leaves(data)
+            data[-PAGE + 8 : -PAGE + 20] = number(root) + b"".join(number(leaf) for leaf in leaves[:2])
+            return data
+
+        for change in (head_is_a_leaf, list_of_leaves, list_that_ends_in_nonsense, root_is_free):
+            with self.subTest(change.__name__):
+                self.damage(change)
+                found, summary = self.salvage()
+                self.assertEqual(sorted(found, key=lambda record: record["dataid"]), self.whole)
+                self.assertTrue(summary["free_list_damaged"])
+
     def test_nonsense_gives_nothing_and_is_survived(self):
         source = random.Random(9)
         for size in (0, 1, 99, 100, 511, 4096, 100000):

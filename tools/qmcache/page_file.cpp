@@ -11,6 +11,7 @@
 #include <limits>
 #include <system_error>
 
+#include "tools/qmcache/interruption.h"
 #include "tools/qmcache/private_copy.h"
 
 namespace {
@@ -28,6 +29,9 @@ constexpr uint32_t kSmallestUsable = 480;
 constexpr unsigned char kTableLeaf = 0x0D;
 constexpr unsigned char kTableInterior = 0x05;
 constexpr size_t kLeafHeader = 8;
+constexpr size_t kInteriorHeader = 12;
+constexpr size_t kLastChildAt = 8;
+constexpr size_t kRootColumn = 3;  // of the schema's rows: the page at which a table begins
 constexpr size_t kPageNumberSize = 4;
 constexpr uint64_t kLongestRow = uint64_t{1} << 30;
 constexpr uint64_t kChainsAPage = 8;
@@ -185,6 +189,14 @@ bool CPageFile::ReadAt(uint32_t uPage, std::string& strPage) const {
 }
 
 bool CPageFile::ReadFreeList() {
+  if (TakeFreeList() && !NamesPagesInUse()) {
+    return true;
+  }
+  m_vecFree.assign(m_vecFree.size(), false);
+  return false;
+}
+
+bool CPageFile::TakeFreeList() {
   uint64_t u64Found = 0;
   std::string strTrunk;
   const auto fnTake = [&](uint32_t uPage) {
@@ -210,6 +222,50 @@ bool CPageFile::ReadFreeList() {
     }
   }
   return u64Found == m_uFreeCount;
+}
+
+bool CPageFile::NamesPagesInUse() {
+  if (m_uFirstFree == 0) {
+    return false;
+  }
+  bool bInUse = false;
+  const auto fnAsk = [&](uint64_t u64Page) { bInUse = bInUse || (u64Page <= m_uPages && m_vecFree[u64Page]); };
+  for (uint32_t uPage = 1; uPage <= m_uPages && !bInUse; ++uPage) {
+    EndIfInterrupted();
+    // Few pages are above the leaves: of the others one byte is read.
+    unsigned char cType = 0;
+    const auto iAt = static_cast<off_t>(uPage - 1) * static_cast<off_t>(m_uPageSize);
+    const bool bLook = uPage == 1 || (!m_vecFree[uPage] && TEMP_FAILURE_RETRY(pread(m_iFile, &cType, 1, iAt)) == 1 &&
+                                      cType == kTableInterior);
+    const Kind kind = bLook ? ReadPage(uPage) : Kind::Other;
+    if (kind == Kind::Interior) {
+      ForEachChild(fnAsk);
+    } else if (kind == Kind::TableLeaf && uPage == 1) {
+      uint64_t u64Broken = 0;
+      ForEachCell(
+          [&](const PageCell& cell) {
+            std::vector<RowValue> vec;
+            if (ReadRowValues(cell.strPayload, vec) && vec.size() > kRootColumn && vec[kRootColumn].i64 > 0) {
+              fnAsk(static_cast<uint64_t>(vec[kRootColumn].i64));
+            }
+          },
+          u64Broken);
+    }
+  }
+  return bInUse;
+}
+
+void CPageFile::ForEachChild(const std::function<void(uint64_t)>& fnChild) const {
+  const size_t uHeader = m_uPage == 1 ? kHeaderSize : 0;
+  const size_t uPointers = uHeader + kInteriorHeader;
+  const size_t uCells = std::min<size_t>(Number(m_strPage, uHeader + 3, 2), (m_uUsable - uPointers) / 2);
+  fnChild(Number(m_strPage, uHeader + kLastChildAt, kPageNumberSize));
+  for (size_t i = 0; i < uCells; ++i) {
+    const size_t uAt = Number(m_strPage, uPointers + 2 * i, 2);
+    if (uAt >= uPointers && uAt + kPageNumberSize <= m_uUsable) {
+      fnChild(Number(m_strPage, uAt, kPageNumberSize));
+    }
+  }
 }
 
 CPageFile::Kind CPageFile::ReadPage(uint32_t uPage) {
@@ -265,7 +321,7 @@ bool CPageFile::ReadChain(uint32_t uFirst, uint64_t u64Length, PageCell& cell) {
   std::string strPage;
   uint32_t uNext = uFirst;
   while (cell.strPayload.size() < u64Length) {
-    if (uNext < 2 || uNext > m_uPages || m_vecFree[uNext] || m_u64ChainBudget == 0 || !ReadAt(uNext, strPage)) {
+    if (uNext < 2 || uNext > m_uPages || m_u64ChainBudget == 0 || !ReadAt(uNext, strPage)) {
       return false;
     }
     --m_u64ChainBudget;

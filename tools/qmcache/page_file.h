@@ -37,7 +37,8 @@ class CPageFile {
   uint32_t PageCount() const { return m_uPages; }
   uint32_t AnnouncedPages() const { return m_uAnnounced; }
 
-  // Marks the pages that the list of free pages names: what stands in them was deleted. False when the list is damaged.
+  // Marks the pages that the list of free pages names: what stands in them was deleted. False when the list is damaged,
+  // which it also is when it names a page that the schema or a page above the leaves names, too; then none is marked.
   [[nodiscard]] bool ReadFreeList();
   bool IsFree(uint32_t uPage) const { return m_vecFree[uPage]; }
 
@@ -48,6 +49,10 @@ class CPageFile {
   void ForEachCell(const std::function<void(PageCell&&)>& fnCell, uint64_t& u64Broken);
 
  private:
+  bool TakeFreeList();
+  bool NamesPagesInUse();
+  // Of the page that was read last, one above the leaves.
+  void ForEachChild(const std::function<void(uint64_t)>& fnChild) const;
   bool ReadAt(uint32_t uPage, std::string& strPage) const;
   bool ReadCell(size_t uAt, PageCell& cell);
   bool ReadChain(uint32_t uFirst, uint64_t u64Length, PageCell& cell);

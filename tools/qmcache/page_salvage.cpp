@@ -20,6 +20,12 @@ std::optional<std::string> Text(const RowValue& value) {
   return value.type == RowValue::Type::Text ? std::optional(std::string(value.svText)) : std::nullopt;
 }
 
+// SQLite keeps the bytes at 1 GiB for its locks, and never writes to the page that they stand in.
+uint32_t LockPage(uint32_t uPageSize) {
+  constexpr uint32_t kLockedAt = 0x40000000;
+  return kLockedAt / uPageSize + 1;
+}
+
 // False for rows of another table.
 bool ToStoredRow(const PageCell& cell, StoredRow& row) {
   std::vector<RowValue> vec;
@@ -46,7 +52,7 @@ class CSalvage {
       LookAt(uPage);
     }
     for (uint32_t uPage = 1; uPage <= uPages; ++uPage) {
-      m_report.u64LostPages += m_vecTold[uPage] ? 0 : 1;
+      m_report.u64LostPages += m_vecTold[uPage] || uPage == LockPage(m_file.PageSize()) ? 0 : 1;
     }
   }
 
