@@ -99,6 +99,8 @@ class ReadTest(CacheToolTestCase):
         self.output("cat", "--priority", "real", status=NOTHING)
         self.output("cat", "--priority", "urgent", status=USAGE)
         self.output("cat", "--since", "yesterday", status=USAGE)
+        self.output("cat", "--since", "", status=USAGE)
+        self.output("show", "", status=USAGE)
 
     def test_since_takes_the_run_that_was_under_way_and_later_ones(self):
         self.cache_dir.mkdir(parents=True)
@@ -120,6 +122,11 @@ class ReadTest(CacheToolTestCase):
             output = self.output(*arguments).decode()  # strictly: all of it is text
             bad = [c for c in output if c != "\n" and (ord(c) < 32 or 127 <= ord(c) < 160 or c in "\u202e\u2066\u2028")]
             self.assertEqual(bad, [])
+        self.put("--sender", FIRST, lines=["\x7f \u0085 \u009b \u202e \u2028 \ufeff \u061c \u20ac \u00e4 \u0639"])
+        raw = self.output("cat", "--json").decode()
+        self.assertEqual([c for c in "\x7f\u0085\u009b\u202e\u2028\ufeff\u061c" if c in raw], [])
+        self.assertEqual(self.records("cat", "--json")[-1]["message"],
+                         "\x7f \u0085 \u009b \u202e \u2028 \ufeff \u061c \u20ac \u00e4 \u0639")
         self.assertEqual(len(self.output("cat").splitlines()), len(self.records("cat", "--json")))
 
     def test_a_sound_directory_is_verified(self):
@@ -240,6 +247,15 @@ class ReadTest(CacheToolTestCase):
             self.assertEqual(process.wait(PATIENCE), 128 + signal.SIGINT)
             process.stdout.close()
             self.assertEqual(process.stderr.read(), b"")
+
+    def test_a_terminal_that_is_closed_ends_it(self):
+        self.start_without_destination()
+        self.put("--sender", FIRST, lines=["x" * 1000 for _ in range(2000)])
+        command = [BIN / "qmcache", "--directory", self.cache_dir, "cat"]
+        with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
+            process.stdout.readline()
+            process.send_signal(signal.SIGHUP)
+            self.assertEqual(process.wait(PATIENCE), 128 + signal.SIGHUP)  # itself, not by the signal
 
     def test_a_full_disk_is_an_error(self):
         self.start_without_destination()

@@ -216,6 +216,14 @@ class DamageTest(SalvageTestCase):
                 self.assertEqual(sorted(found, key=lambda record: record["dataid"]), self.whole)
                 self.assertTrue(summary["free_list_damaged"])
 
+    def test_the_damaged_file_is_not_written_over(self):
+        self.damage(lambda data: None)
+        before = self.damaged.read_bytes()
+        os.link(self.damaged, self.work / "same")
+        for name in (self.damaged, self.work / "same"):
+            self.output("salvage", self.damaged, "--output", name, status=FAILED)
+            self.assertEqual(self.damaged.read_bytes(), before)
+
     def test_nonsense_gives_nothing_and_is_survived(self):
         source = random.Random(9)
         for size in (0, 1, 99, 100, 511, 4096, 100000):
@@ -331,6 +339,61 @@ class BackupTest(SalvageTestCase):
         self.assertIn("in the log", [record["message"] for record in found])
         self.assertFalse(summary["log_left_out"])
         self.assertEqual(self.footprint(), before)
+
+    def leave_log(self):
+        """A file and its log as a killed host leaves them, with 20 records in the log; where the log is, and its frames."""
+        self.start_with_link_down()
+        for n in range(20):
+            self.put("--sender", SENDER, lines=[f"in the log {n} " + "y" * 1500])
+        self.host.kill()
+        self.host.wait()
+        log = self.sound.with_name(self.sound.name + "-wal")
+        return log, (log.stat().st_size - 32) // (24 + PAGE)
+
+    def in_log(self, records):
+        return sum(record["message"].startswith("in the log") for record in records)
+
+    def test_damage_in_the_log_is_told_and_its_rows_are_brought_out(self):
+        log, frames = self.leave_log()
+        self.assertGreater(frames, 10)
+        whole = log.read_bytes()
+        found, _ = self.salvage(path=self.sound, status=WELL)
+        self.assertEqual(self.in_log(found), 20)
+        everywhere = {"header": 9, "first frame": 32 + 24 + 2000, "its head": 32 + 1, "its salt": 32 + 9,
+                      "in between": 32 + (frames // 2) * (24 + PAGE) + 24 + PAGE - 1}
+        for name, at in everywhere.items():
+            with self.subTest(name):
+                data = bytearray(whole)
+                data[at] ^= 1
+                log.write_bytes(data)
+                before = self.footprint()
+                verdict = json.loads(self.output("verify", "--json", status=DAMAGE))[0]
+                self.assertEqual(verdict["state"], "damaged")
+                self.assertIn("write-ahead log is damaged", verdict["problems"][0])
+                found, summary = self.salvage(path=self.sound)
+                self.assertTrue(summary["log_left_out"])
+                self.assertFalse(summary["whole"])
+                self.assertGreaterEqual(self.in_log(found), 18)  # but for a row in which the damage stands
+                self.assertEqual(len({record["dataid"] for record in found}), len(found))
+                self.assertEqual(summary["records"], len(found))
+                self.assertEqual(self.footprint(), before)
+
+    def test_a_log_that_simply_ends_is_sound(self):
+        log, frames = self.leave_log()
+        whole = log.read_bytes()
+        frame = 24 + PAGE
+        last = bytearray(whole[32 : 32 + frame])  # of a log before this one
+        last[8:16] = os.urandom(8)
+        rolled_back = bytearray(whole[32 : 32 + frame])  # of this one, without the end of its transaction
+        rolled_back[4:8] = bytes(4)
+        for name, data in (("older frames", whole + bytes(last) * 3), ("cut", whole[:-100]), ("empty", b""),
+                           ("a header alone", whole[:32]), ("zeros", bytes(10000)),
+                           ("rolled back", whole + bytes(rolled_back) * 2)):
+            with self.subTest(name):
+                log.write_bytes(data)
+                self.output("verify")
+                _, summary = self.salvage(path=self.sound, status=WELL)
+                self.assertTrue(summary["whole"])
 
     def test_the_hosts_data_directory_is_held_while_records_are_written_back(self):
         self.write_config(ingress={"socket": self.dir / "other"})

@@ -191,6 +191,9 @@ FileState CCacheReader::Open() {
     EndIfInterrupted();
     Close();
     state = OpenOnce(bAgain);
+    if (state == FileState::Unreadable && Primary(m_iResult) == SQLITE_PROTOCOL) {
+      break;  // SQLite itself has tried for ten seconds: the log and its index do not fit each other
+    }
   }
   if (state == FileState::Unreadable && bAgain) {
     Close();
@@ -227,6 +230,7 @@ FileState CCacheReader::OpenOnce(bool& bAgain) {
 
 FileState CCacheReader::ChooseWay(Way& way, bool& bUsesLog) {
   m_strReason.clear();
+  m_iResult = SQLITE_OK;
   constexpr std::string_view kMagic("SQLite format 3\0", 16);
   constexpr size_t kReadVersion = 19;  // of the header: 2 for a write-ahead log
   std::array<char, 100> acHeader{};
@@ -514,7 +518,8 @@ bool CCacheReader::FindLast(int64_t i64RowId, int64_t& i64Found) {
 
 FileState CCacheReader::Check(std::vector<std::string>& vecProblems) {
   FileState state = CheckOnce(vecProblems);
-  for (int iTry = 1; iTry < kTries && state == FileState::Unreadable && IsPassing(m_iResult); ++iTry) {
+  for (int iTry = 1; iTry < kTries && (HasBeenWrittenTo() || (state == FileState::Unreadable && IsPassing(m_iResult)));
+       ++iTry) {
     state = Reopen();
     state = state == FileState::Sound ? CheckOnce(vecProblems) : state;
   }

@@ -17,8 +17,8 @@ void NoticeSignals() {
   struct sigaction action {};
   action.sa_handler = OnSignal;
   sigemptyset(&action.sa_mask);
-  for (const int iSignal : {SIGINT, SIGTERM}) {
-    // A shell ignores SIGINT for its background jobs, and that stays so.
+  for (const int iSignal : {SIGHUP, SIGINT, SIGTERM}) {
+    // A shell ignores SIGINT for its background jobs, nohup SIGHUP, and that stays so.
     struct sigaction old {};
     if (sigaction(iSignal, nullptr, &old) == 0 && old.sa_handler != SIG_IGN) {
       sigaction(iSignal, &action, nullptr);

@@ -1,4 +1,4 @@
-// SIGINT and SIGTERM end the program at the next turn of whatever it does, with its temporary files removed.
+// SIGHUP, SIGINT and SIGTERM end the program at the next turn of whatever it does, with its temporary files removed.
 #ifndef QMLOGCACHE_TOOLS_QMCACHE_INTERRUPTION_H_
 #define QMLOGCACHE_TOOLS_QMCACHE_INTERRUPTION_H_
 
@@ -7,7 +7,7 @@ struct Interruption {
   int iSignal;
 };
 
-// Both signals are noticed from now on, and system calls that wait return early; SIGPIPE is ignored.
+// These signals are noticed from now on, and system calls that wait return early; SIGPIPE is ignored.
 void NoticeSignals();
 // The signal that has come, 0 when none has.
 int SignalThatCame();

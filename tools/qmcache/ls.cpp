@@ -22,6 +22,8 @@ using Json = nlohmann::ordered_json;
 constexpr std::array<const char*, 5> kPriorities = {"real", "high", "normal", "low", "other"};
 constexpr std::array<const char*, 5> kHeadings = {"REAL", "HIGH", "NORMAL", "LOW", "OTHER"};
 
+constexpr uint64_t kBytesARow = 512;  // roughly, of the file, for the progress bar
+
 struct Listed {
   CacheFileEntry entry;
   FileState state = FileState::Sound;
@@ -71,7 +73,7 @@ Listed ListFile(const CacheFileEntry& entry, CProgress& progress) {
     for (const StoredRow& row : vecRows) {
       Count(row, listed);
     }
-    progress.Advance(vecRows.size());
+    progress.Advance(vecRows.size() * kBytesARow);
     bMore = state == FileState::Sound && (!vecRows.empty() || !vecUnreadable.empty());
     listed.state = state != FileState::Sound ? state : listed.state;
     if (!vecUnreadable.empty()) {
@@ -113,7 +115,7 @@ void PrintJson(COutput& output, const std::vector<Listed>& vecListed, const Cach
     json["backups"].push_back(
         {{"file", backup.strPath}, {"bytes", backup.u64Bytes}, {"written", TimeText(backup.i64Time)}});
   }
-  output.Line(json.dump(2, ' ', false, Json::error_handler_t::replace));
+  output.Line(json.dump(2, ' ', true, Json::error_handler_t::replace));
 }
 
 using Cells = std::vector<std::string>;

@@ -1,6 +1,7 @@
 #include "tools/qmcache/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <ctime>
 #include <iostream>
 #include <utility>
@@ -27,13 +28,22 @@ constexpr char kRecordFooter[] =
     "A record is a line of JSON: dataid, priority, public, kind, priv, msgtype, guid (the sender), product, combo,\n"
     "message; a text that is not valid UTF-8 stands under its name with _base64 appended.";
 
-void AddFilter(CLI::App& verb, Options& options, std::string& strSince, const char* pszSince) {
+struct Texts {
+  std::string strSince;
+  std::vector<CLI::Option*> vecSince;  // that write to it: one may be given, with no text
+  std::string strDataId;
+  std::string strDirectory;
+  std::string strConfig;
+  std::string strLogDirectory;
+};
+
+void AddFilter(CLI::App& verb, Options& options, Texts& texts, const char* pszSince) {
   verb.add_option("--sender", options.filter.vecSenders, "Only of this sender: a GUID, or a name as qmsend takes it")
       ->type_name("GUID|NAME");
   verb.add_option("--priority", options.filter.vecPriorities, "Only of this priority: low, normal, high, real or other")
       ->check(CLI::IsMember(std::vector<std::string>{"low", "normal", "high", "real", "other"}).description(""))
       ->type_name("PRIORITY");
-  verb.add_option("--since", strSince, pszSince)->type_name("TIME");
+  texts.vecSince.push_back(verb.add_option("--since", texts.strSince, pszSince)->type_name("TIME"));
 }
 
 constexpr char kSinceRun[] =
@@ -48,14 +58,6 @@ CLI::App& AddVerb(CLI::App& app, Options& options, Verb verb, const char* pszNam
   return *pVerb;
 }
 
-struct Texts {
-  std::string strSince;
-  std::string strDataId;
-  std::string strDirectory;
-  std::string strConfig;
-  std::string strLogDirectory;
-};
-
 void AddVerbs(CLI::App& app, Options& options, Texts& texts) {
   AddVerb(app, options, Verb::Ls, "ls", "Lists the cache files: sender, rows by priority, bytes, oldest and newest")
       .footer(
@@ -66,7 +68,7 @@ void AddVerbs(CLI::App& app, Options& options, Texts& texts) {
   show.add_option("dataid", texts.strDataId, "The record's id, hexadecimal")->required()->type_name("DATAID");
 
   CLI::App& cat = AddVerb(app, options, Verb::Cat, "cat", "Prints the records, one a line");
-  AddFilter(cat, options, texts.strSince, kSinceRun);
+  AddFilter(cat, options, texts, kSinceRun);
   cat.footer(std::string("With --json: ") + kRecordFooter);
 
   AddVerb(app, options, Verb::Verify, "verify", "Checks every file, and decodes every row of it");
@@ -76,7 +78,7 @@ void AddVerbs(CLI::App& app, Options& options, Texts& texts) {
   exporting.add_option("file", options.strOutput, "The file to write; '-': standard output")
       ->required()
       ->type_name("FILE|-");
-  AddFilter(exporting, options, texts.strSince, kSinceRun);
+  AddFilter(exporting, options, texts, kSinceRun);
   exporting.footer(kRecordFooter);
 
   CLI::App& salvage = AddVerb(app, options, Verb::Salvage, "salvage",
@@ -99,17 +101,17 @@ void AddVerbs(CLI::App& app, Options& options, Texts& texts) {
   rejected.add_option("files", options.vecLogFiles, "Files of the error channel (default: all in the log directory)")
       ->type_name("FILE");
   rejected.add_option("--log-directory", texts.strLogDirectory, "Where qmlogcacheerror.log is")->type_name("DIR");
-  AddFilter(rejected, options, texts.strSince, kSinceLine);
+  AddFilter(rejected, options, texts, kSinceLine);
   rejected.footer(std::string(kRecordFooter) +
                   "\nBehind them: result (the code it was rejected with), rejected (when).");
 }
 
 bool TakeTexts(const Texts& texts, Options& options, std::string& strError) {
-  if (!texts.strDataId.empty() && !ReadDataId(texts.strDataId, options.u64DataId)) {
+  if (options.verb == Verb::Show && !ReadDataId(texts.strDataId, options.u64DataId)) {
     strError = "'" + texts.strDataId + "' is no data id: up to 16 hexadecimal digits";
     return false;
   }
-  if (!texts.strSince.empty()) {
+  if (std::any_of(texts.vecSince.begin(), texts.vecSince.end(), [](CLI::Option* p) { return p->count() > 0; })) {
     int64_t i64Since = 0;
     if (!ReadSince(texts.strSince, std::time(nullptr), i64Since)) {
       strError = "--since: '" + texts.strSince + "' is no time such as 2026-01-31T12:00 or 2h";

@@ -21,12 +21,12 @@ constexpr size_t kFlushSize = 65536;
   throw std::system_error(errno, std::generic_category(), strWhat);
 }
 
-// Marks by which a text can make itself look like another one: U+061C, U+200B-U+200F, U+202A-U+202E, U+2066-U+2069,
-// U+FEFF. svText begins with a whole character.
+}  // namespace
+
 size_t DirectionMarkLength(std::string_view svText) {
-  constexpr std::array<std::string_view, 16> kMarks = {"\u061C", "\u200B", "\u200C", "\u200D", "\u200E", "\u200F",
-                                                       "\u202A", "\u202B", "\u202C", "\u202D", "\u202E", "\u2066",
-                                                       "\u2067", "\u2068", "\u2069", "\uFEFF"};
+  constexpr std::array<std::string_view, 18> kMarks = {"\u2028", "\u2029", "\u061C", "\u200B", "\u200C", "\u200D",
+                                                       "\u200E", "\u200F", "\u202A", "\u202B", "\u202C", "\u202D",
+                                                       "\u202E", "\u2066", "\u2067", "\u2068", "\u2069", "\uFEFF"};
   for (const std::string_view svMark : kMarks) {
     if (svText.starts_with(svMark)) {
       return svMark.size();
@@ -34,8 +34,6 @@ size_t DirectionMarkLength(std::string_view svText) {
   }
   return 0;
 }
-
-}  // namespace
 
 COutput::COutput() : m_iDescriptor(STDOUT_FILENO), m_strName("standard output") {}
 

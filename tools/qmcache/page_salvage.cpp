@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <unordered_set>
 #include <vector>
 
 #include "tools/qmcache/interruption.h"
@@ -41,8 +40,9 @@ bool ToStoredRow(const PageCell& cell, StoredRow& row) {
 class CSalvage {
  public:
   CSalvage(CPageFile& file, CProgress& progress,
-           const std::function<void(const StoredRow&, const CacheRecord&)>& fnRecord, SalvageReport& report)
-      : m_file(file), m_progress(progress), m_fnRecord(fnRecord), m_report(report) {}
+           const std::function<void(const StoredRow&, const CacheRecord&)>& fnRecord,
+           std::unordered_set<uint64_t>& setIds, SalvageReport& report)
+      : m_file(file), m_progress(progress), m_fnRecord(fnRecord), m_setIds(setIds), m_report(report) {}
 
   void Run(uint32_t uPages) {
     m_vecTold.assign(size_t{m_file.PageCount()} + 1, false);
@@ -102,9 +102,9 @@ class CSalvage {
   CPageFile& m_file;
   CProgress& m_progress;
   const std::function<void(const StoredRow&, const CacheRecord&)>& m_fnRecord;
+  std::unordered_set<uint64_t>& m_setIds;
   SalvageReport& m_report;
   std::vector<bool> m_vecTold;  // pages of which is known what they are
-  std::unordered_set<uint64_t> m_setIds;
 };
 
 // The page size with which the beginning of the file gives the most records.
@@ -116,10 +116,11 @@ uint32_t GuessPageSize(CPageFile& file) {
   for (const uint32_t uSize : kSizes) {
     file.SetPageSize(uSize);
     SalvageReport report;
+    std::unordered_set<uint64_t> setIds;
     CProgress silent(0, false);
     const std::function<void(const StoredRow&, const CacheRecord&)> fnNothing = [](const StoredRow&,
                                                                                    const CacheRecord&) {};
-    CSalvage(file, silent, fnNothing, report)
+    CSalvage(file, silent, fnNothing, setIds, report)
         .Run(static_cast<uint32_t>(std::min<uint64_t>(file.PageCount(), kLookedAt / uSize)));
     if (report.u64Records > u64Most) {
       u64Most = report.u64Records;
@@ -132,8 +133,8 @@ uint32_t GuessPageSize(CPageFile& file) {
 }  // namespace
 
 bool SalvagePages(const std::string& strFile, CProgress& progress,
-                  const std::function<void(const StoredRow&, const CacheRecord&)>& fnRecord, SalvageReport& report,
-                  std::string& strError) {
+                  const std::function<void(const StoredRow&, const CacheRecord&)>& fnRecord,
+                  std::unordered_set<uint64_t>& setIds, SalvageReport& report, std::string& strError) {
   CPageFile file;
   if (!file.Open(strFile, strError)) {
     return false;
@@ -148,6 +149,6 @@ bool SalvagePages(const std::string& strFile, CProgress& progress,
   }
   report.u64Pages = file.PageCount();
   report.u64MissingPages = file.AnnouncedPages() > file.PageCount() ? file.AnnouncedPages() - file.PageCount() : 0;
-  CSalvage(file, progress, fnRecord, report).Run(file.PageCount());
+  CSalvage(file, progress, fnRecord, setIds, report).Run(file.PageCount());
   return true;
 }

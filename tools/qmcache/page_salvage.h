@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <unordered_set>
 
 #include "tools/qmcache/cache_record.h"
 #include "tools/qmcache/progress.h"
@@ -26,10 +27,11 @@ struct SalvageReport {
   }
 };
 
-// Calls fnRecord with each record and the row it stood in, in the order of the pages. False with a reason when the file
-// cannot be opened. Throws Interruption and what fnRecord throws.
+// Calls fnRecord with each record and the row it stood in, in the order of the pages, but not with those whose ids are
+// in setIds, to which it adds the others'. False with a reason when the file cannot be opened. Throws Interruption and
+// what fnRecord throws.
 [[nodiscard]] bool SalvagePages(const std::string& strFile, CProgress& progress,
                                 const std::function<void(const StoredRow&, const CacheRecord&)>& fnRecord,
-                                SalvageReport& report, std::string& strError);
+                                std::unordered_set<uint64_t>& setIds, SalvageReport& report, std::string& strError);
 
 #endif  // QMLOGCACHE_TOOLS_QMCACHE_PAGE_SALVAGE_H_

@@ -21,6 +21,7 @@ namespace {
 constexpr size_t kBlockSize = 262144;
 constexpr size_t kSmallBlock = 512;  // what of a block may still be readable is found in steps of this
 constexpr std::array<const char*, 3> kParts = {"", "-wal", "-journal"};
+constexpr char kKeptLog[] = "-log";
 
 [[noreturn]] void ThrowErrno(const std::string& strWhat) {
   throw std::system_error(errno, std::generic_category(), strWhat);
@@ -181,7 +182,7 @@ CPrivateCopy::~CPrivateCopy() {
 }
 
 void CPrivateCopy::RemoveFiles() const {
-  for (const char* pszSuffix : {"", "-wal", "-shm", "-journal"}) {
+  for (const char* pszSuffix : {"", "-wal", "-shm", "-journal", kKeptLog}) {
     unlink((m_strPath + pszSuffix).c_str());
   }
 }
@@ -221,6 +222,11 @@ bool CPrivateCopy::TakeWhatIsReadable(const std::string& strFile, uint64_t& u64L
     }
   }
   return true;
+}
+
+std::string CPrivateCopy::KeepLog(std::string& strError) const {
+  const std::string strKept = m_strPath + kKeptLog;
+  return CopyFile(m_strPath + "-wal", strKept, nullptr, strError) ? strKept : std::string();
 }
 
 bool CPrivateCopy::Unpack(const std::string& strFile, bool& bCutShort, std::string& strError) {

@@ -23,6 +23,10 @@ class CPrivateCopy {
   // False with a reason when nothing came out.
   [[nodiscard]] bool Unpack(const std::string& strFile, bool& bCutShort, std::string& strError);
 
+  // Keeps the log of the copy as it is, for when SQLite has taken from it what it can. Where it is then; empty when there
+  // is none.
+  [[nodiscard]] std::string KeepLog(std::string& strError) const;
+
   // The copy of the database.
   const std::string& Path() const { return m_strPath; }
 

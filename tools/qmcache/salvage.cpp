@@ -4,16 +4,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
+#include <unordered_set>
 
 #include "tools/qmcache/cache_writer.h"
 #include "tools/qmcache/exit_codes.h"
 #include "tools/qmcache/host_absence.h"
+#include "tools/qmcache/interruption.h"
+#include "tools/qmcache/log_walk.h"
 #include "tools/qmcache/output.h"
+#include "tools/qmcache/page_file.h"
 #include "tools/qmcache/page_salvage.h"
 #include "tools/qmcache/private_copy.h"
 #include "tools/qmcache/record_json.h"
@@ -25,7 +31,9 @@ namespace {
 struct Preparation {
   bool bCutShort = false;     // a backup that cannot be unpacked to its end
   uint64_t u64LostBytes = 0;  // that the disk does not give
-  bool bLogLeftOut = false;   // the write-ahead log could not be brought in
+  bool bLogLeftOut = false;   // the write-ahead log could not be brought in, or not to its end
+  std::string strKeptLog;     // where it is then
+  LogWalk log;
 };
 
 bool IsGzip(const std::string& strFile) {
@@ -36,6 +44,11 @@ bool IsGzip(const std::string& strFile) {
     close(iFile);
   }
   return bRead && abStart[0] == 0x1F && abStart[1] == 0x8B;
+}
+
+uint64_t SizeOf(const std::string& strFile) {
+  struct stat info {};
+  return stat(strFile.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
 }
 
 // Brings the copy's log and journal into it, as far as SQLite can. False when there is a log that it cannot.
@@ -69,7 +82,39 @@ bool Prepare(const std::string& strFile, CPrivateCopy& copy, Preparation& prepar
   if (!copy.TakeWhatIsReadable(strFile, preparation.u64LostBytes, strError)) {
     return false;
   }
-  preparation.bLogLeftOut = !BringLogIn(copy.Path());
+  CPageFile file;
+  if (WalkLog(copy.Path() + "-wal", file.Open(copy.Path(), strError) ? file.PageSize() : 0, preparation.log) &&
+      preparation.log.bDamaged) {
+    preparation.strKeptLog = copy.KeepLog(strError);
+    if (preparation.strKeptLog.empty()) {
+      return false;
+    }
+  }
+  preparation.bLogLeftOut = !BringLogIn(copy.Path()) || preparation.log.bDamaged;
+  return true;
+}
+
+// Writes the log's pages that SQLite did not take to where they belong in the copy. False when there is none.
+bool PutPagesIn(const Preparation& preparation, const std::string& strCopy) {
+  if (preparation.strKeptLog.empty()) {
+    return false;
+  }
+  std::ifstream log(preparation.strKeptLog, std::ios::binary);
+  std::fstream file(strCopy, std::ios::binary | std::ios::in | std::ios::out);
+  const uint32_t uPageSize = preparation.log.uPageSize;
+  // A page that cannot be one of this file would make it as long as it likes.
+  const uint64_t u64Most = SizeOf(strCopy) / uPageSize + preparation.log.vecBehind.size();
+  std::string strPage(uPageSize, '\0');
+  for (const LogFrame& frame : preparation.log.vecBehind) {
+    EndIfInterrupted();
+    if (frame.uPage <= u64Most && log.seekg(static_cast<std::streamoff>(frame.u64At)) &&
+        log.read(strPage.data(), uPageSize)) {
+      file.seekp((static_cast<std::streamoff>(frame.uPage) - 1) * uPageSize).write(strPage.data(), uPageSize);
+    }
+  }
+  if (!log || !file.flush()) {
+    throw std::runtime_error("cannot write the temporary file " + strCopy);
+  }
   return true;
 }
 
@@ -130,14 +175,12 @@ std::string AsText(const Summary& summary, bool bIntoCache) {
   fnTell(report.bFreeListDamaged,
          "the list of free pages is damaged: records that had been delivered may be among these");
   fnTell(summary.preparation.bCutShort, "the backup cannot be unpacked to its end");
-  fnTell(summary.preparation.bLogLeftOut, "the write-ahead log beside the file could not be brought in");
+  fnTell(
+      summary.preparation.bLogLeftOut,
+      "the write-ahead log beside the file is damaged: records that stood in it may be missing, and ones that had been "
+      "delivered may be among these");
   fnTell(summary.IsWhole(), "the file is whole");
   return strText;
-}
-
-uint64_t SizeOf(const std::string& strFile) {
-  struct stat info {};
-  return stat(strFile.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
 }
 
 void Salvage(const Options& options, const CPrivateCopy& copy, COutput* pOutput, Summary& summary) {
@@ -156,8 +199,18 @@ void Salvage(const Options& options, const CPrivateCopy& copy, COutput* pOutput,
       ++summary.u64NoSender;
     }
   };
-  if (!SalvagePages(copy.Path(), progress, fnTake, summary.report, strError)) {
+  std::unordered_set<uint64_t> setIds;
+  if (!SalvagePages(copy.Path(), progress, fnTake, setIds, summary.report, strError)) {
     throw std::runtime_error(strError);
+  }
+  if (PutPagesIn(summary.preparation, copy.Path())) {
+    // Most records stand in both; what else is wrong has been counted.
+    SalvageReport again;
+    progress.Begin(options.strDamaged, SizeOf(copy.Path()));
+    if (!SalvagePages(copy.Path(), progress, fnTake, setIds, again, strError)) {
+      throw std::runtime_error(strError);
+    }
+    summary.report.u64Records += again.u64Records;
   }
   if (pOutput != nullptr) {
     pOutput->Finish();
@@ -168,10 +221,28 @@ void Salvage(const Options& options, const CPrivateCopy& copy, COutput* pOutput,
   }
 }
 
+// Whether strOutput is the file itself, under whatever name, or its log or journal.
+bool IsPartOf(const std::string& strOutput, const std::string& strFile) {
+  struct stat output {};
+  if (strOutput == "-" || stat(strOutput.c_str(), &output) != 0) {
+    return false;
+  }
+  constexpr std::array<const char*, 4> kParts = {"", "-wal", "-shm", "-journal"};
+  return std::any_of(kParts.begin(), kParts.end(), [&](const char* pszPart) {
+    struct stat part {};
+    return stat((strFile + pszPart).c_str(), &part) == 0 && part.st_dev == output.st_dev &&
+           part.st_ino == output.st_ino;
+  });
+}
+
 }  // namespace
 
 int RunSalvage(const Options& options) {
   std::string strError;
+  if (IsPartOf(options.strOutput, options.strDamaged)) {
+    Complain(options.strOutput + " is what is to be salvaged; it is not written over");
+    return kExitFailed;
+  }
   CHostAbsence absence;
   if (options.bIntoCache && !absence.Ensure(options.installation, strError)) {
     Complain(strError);

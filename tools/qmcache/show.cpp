@@ -54,7 +54,7 @@ void ShowAsJson(COutput& output, const CacheFileEntry& entry, const StoredRow& r
   output.Buffer().pop_back();
   const auto faults = nlohmann::ordered_json(decoded.vecFaults);
   output.Line(",\"decoded\":" + std::string(decoded.record ? "true" : "false") +
-              ",\"faults\":" + faults.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "}");
+              ",\"faults\":" + faults.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) + "}");
 }
 
 }  // namespace

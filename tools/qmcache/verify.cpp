@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "tools/qmcache/log_walk.h"
 #include "tools/qmcache/output.h"
 #include "tools/qmcache/scan.h"
 #include "tools/qmcache/verbs.h"
@@ -45,6 +46,8 @@ void AddFault(Verdict& verdict, const std::string& strFault) {
 
 Verdict VerifyFile(const CacheFileEntry& entry, CProgress& progress) {
   Verdict verdict;
+  // Before SQLite has a lock on the file, which closing another descriptor of it would drop.
+  const bool bLogDamaged = entry.bRegular && IsLogDamaged(entry.strPath);
   CCacheReader reader(entry.strPath);
   verdict.state = reader.Open();
   if (verdict.state != FileState::Sound) {
@@ -52,6 +55,10 @@ Verdict VerifyFile(const CacheFileEntry& entry, CProgress& progress) {
     return verdict;
   }
   verdict.state = reader.Check(verdict.vecProblems);
+  if (bLogDamaged && verdict.state != FileState::Unreadable) {
+    verdict.state = FileState::Damaged;
+    verdict.vecProblems.emplace_back("the write-ahead log is damaged: what stands behind the damage is not seen");
+  }
   std::vector<StoredRow> vecRows;
   std::vector<std::string> vecUnreadable;
   bool bMore = verdict.state != FileState::Unreadable;
@@ -107,7 +114,7 @@ int RunVerify(const Options& options) {
   }
   CProgress::TakeAway();
   if (options.bJson) {
-    output.Line(json.dump(2, ' ', false, Json::error_handler_t::replace));
+    output.Line(json.dump(2, ' ', true, Json::error_handler_t::replace));
   }
   output.Finish();
   return troubles.ExitCode();

@@ -19,9 +19,10 @@ TEST(PageSalvageTest, ThePageThatSqliteKeepsForItsLocksIsNotLost) {
   std::filesystem::resize_file(strFile, (uint64_t{1} << 30) + 65536);  // it ends with that page
   CProgress progress(0, false);
   SalvageReport report;
+  std::unordered_set<uint64_t> setIds;
   std::string strError;
   ASSERT_TRUE(SalvagePages(
-      strFile, progress, [](const StoredRow&, const CacheRecord&) {}, report, strError))
+      strFile, progress, [](const StoredRow&, const CacheRecord&) {}, setIds, report, strError))
       << strError;
   EXPECT_EQ(report.u64Pages, 16385U);
   EXPECT_EQ(report.u64LostPages, 16385 - u64Used - 1);
