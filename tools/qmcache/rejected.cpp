@@ -79,11 +79,7 @@ std::vector<std::string> FindLogFiles(const std::string& strDirectory) {
 class CRejected {
  public:
   explicit CRejected(const Options& options) : m_options(options) {}
-  ~CRejected() {
-    for (const LogFile& file : m_vecFiles) {
-      close(file.iDescriptor);
-    }
-  }
+  ~CRejected() { CloseAll(); }
   CRejected(const CRejected&) = delete;
   CRejected& operator=(const CRejected&) = delete;
 
@@ -104,25 +100,56 @@ class CRejected {
 
  private:
   // All are opened before one is read, the newest first: a rotation in between moves a file to a name that is opened
-  // later, and no file is passed by.
+  // later. A rotation that began before the directory was listed can make a file's new name one that was not there, so
+  // the directory is listed again until it names nothing else than what is open.
   void OpenFiles() {
-    const bool bNamed = !m_options.vecLogFiles.empty();
-    std::set<std::pair<dev_t, ino_t>> setSeen;
-    for (const std::string& strFile :
-         bNamed ? m_options.vecLogFiles : FindLogFiles(m_options.installation.strLogDirectory)) {
+    if (!m_options.vecLogFiles.empty()) {
+      OpenAll(m_options.vecLogFiles);
+      return;
+    }
+    constexpr int kTries = 10;
+    for (int iTry = 0; iTry < kTries; ++iTry) {
+      EndIfInterrupted();
+      CloseAll();
+      OpenAll(FindLogFiles(m_options.installation.strLogDirectory));
+      if (m_troubles.bFailed || !HasBeenRotated()) {
+        break;
+      }
+    }
+    std::reverse(m_vecFiles.begin(), m_vecFiles.end());  // the oldest line first
+  }
+
+  void CloseAll() {
+    for (const LogFile& file : m_vecFiles) {
+      close(file.iDescriptor);
+    }
+    m_vecFiles.clear();
+    m_setOpen.clear();
+  }
+
+  bool HasBeenRotated() const {
+    const std::vector<std::string> vecNow = FindLogFiles(m_options.installation.strLogDirectory);
+    return std::any_of(vecNow.begin(), vecNow.end(), [this](const std::string& strFile) {
+      struct stat info {};
+      return lstat(strFile.c_str(), &info) != 0 || m_setOpen.count({info.st_dev, info.st_ino}) == 0;
+    });
+  }
+
+  void OpenAll(const std::vector<std::string>& vecFiles) {
+    for (const std::string& strFile : vecFiles) {
       struct stat info {};
       const int iFile = OpenRegularFile(strFile);
+      if (iFile < 0 && errno == ENOENT && m_options.vecLogFiles.empty()) {
+        continue;  // rotated away since the directory was listed
+      }
       if (iFile < 0 || fstat(iFile, &info) != 0) {
         m_troubles.bFailed = true;
         Complain(fmt::format("cannot read {}: {}", strFile, std::generic_category().message(errno)));
-      } else if (!setSeen.emplace(info.st_dev, info.st_ino).second) {
+      } else if (!m_setOpen.emplace(info.st_dev, info.st_ino).second) {
         close(iFile);
       } else {
         m_vecFiles.push_back({strFile, iFile, static_cast<uint64_t>(info.st_size)});
       }
-    }
-    if (!bNamed) {
-      std::reverse(m_vecFiles.begin(), m_vecFiles.end());  // the oldest line first
     }
   }
 
@@ -198,6 +225,7 @@ class CRejected {
   CRecordJson m_json;
   Troubles m_troubles;
   std::vector<LogFile> m_vecFiles;
+  std::set<std::pair<dev_t, ino_t>> m_setOpen;
   uint64_t m_u64Count = 0;
 };
 
