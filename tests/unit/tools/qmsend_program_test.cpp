@@ -179,7 +179,8 @@ TEST_F(QmsendTest, TheSummaryFileCountsEveryRecordRead) {
   const std::string strInput = "good\nbad\n\n\n" + std::string("z\0\n", 3) + std::string(2000, 'l') + "\ngood\ngood";
   const ProgramResult result = Run({"--quiet", "--summary", strSummary}, strInput);
   EXPECT_EQ(result.iExitCode, 1);
-  EXPECT_EQ(ReadFile(strSummary), "accepted 3\nrefused 1\nskipped 2\ntoo_long 1\nzero_byte 1\nmalformed 0\nunanswered 0\n");
+  EXPECT_EQ(ReadFile(strSummary),
+            "accepted 3\nrefused 1\nskipped 2\ntoo_long 1\nzero_byte 1\nmalformed 0\nunanswered 0\n");
 }
 
 TEST_F(QmsendTest, TheSummaryFileCountsRecordsWithoutAnswer) {
@@ -191,7 +192,8 @@ TEST_F(QmsendTest, TheSummaryFileCountsRecordsWithoutAnswer) {
   ASSERT_TRUE(m_pRouter->WaitForCount(2));
   StopServer();
   EXPECT_EQ(program.Wait().iExitCode, 1);
-  EXPECT_EQ(ReadFile(strSummary), "accepted 0\nrefused 0\nskipped 0\ntoo_long 0\nzero_byte 0\nmalformed 0\nunanswered 2\n");
+  EXPECT_EQ(ReadFile(strSummary),
+            "accepted 0\nrefused 0\nskipped 0\ntoo_long 0\nzero_byte 0\nmalformed 0\nunanswered 2\n");
 }
 
 TEST_F(QmsendTest, ASummaryFileThatCannotBeMadeStopsItBeforeAnythingIsSent) {
