@@ -3,6 +3,7 @@
 import json
 import os
 import pty
+import re
 import select
 import shutil
 import signal
@@ -321,7 +322,7 @@ class ReadTest(CacheToolTestCase):
                 shown += os.read(terminal, 65536)
         os.close(child)
         os.close(terminal)
-        self.assertIn(b"% " + path.name.encode(), shown)
+        self.assertRegex(shown, rb"% +\d+s " + re.escape(path.name.encode()))
         self.assertTrue(shown.endswith(b"\r\x1b[K"), shown[-100:])  # taken away again
         self.assertEqual(self.tool("export", self.dir / "out.jsonl").stderr, b"")
 

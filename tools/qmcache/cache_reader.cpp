@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "tools/qmcache/interruption.h"
+#include "tools/qmcache/progress.h"
 #include "tools/qmcache/read_only_vfs.h"
 
 namespace {

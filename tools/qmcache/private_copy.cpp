@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tools/qmcache/interruption.h"
+#include "tools/qmcache/progress.h"
 
 namespace {
 
@@ -146,6 +147,7 @@ bool CopyFile(const std::string& strFrom, const std::string& strTo, uint64_t* pu
     }
     WriteAll(to.Get(), vecBlock.data(), static_cast<size_t>(iRead));
     iAt += iRead;
+    CProgress::Step(static_cast<uint64_t>(iRead));
   }
   return true;
 }
@@ -243,6 +245,7 @@ bool CPrivateCopy::Unpack(const std::string& strFile, bool& bCutShort, std::stri
   int iRead = 0;
   while ((iRead = gzread(pFile.get(), vecBlock.data(), static_cast<unsigned int>(vecBlock.size()))) > 0) {
     EndIfInterrupted();
+    CProgress::Step(0);  // how much is to come out is not known
     WriteAll(to.Get(), vecBlock.data(), static_cast<size_t>(iRead));
     u64Size += static_cast<uint64_t>(iRead);
   }

@@ -250,9 +250,13 @@ int RunSalvage(const Options& options) {
   }
   CPrivateCopy copy;
   Summary summary;
-  if (!Prepare(options.strDamaged, copy, summary.preparation, strError)) {
-    Complain(strError);
-    return kExitFailed;
+  {
+    CProgress progress(SizeOf(options.strDamaged), !options.bQuiet);
+    progress.Begin("copying " + options.strDamaged, SizeOf(options.strDamaged));
+    if (!Prepare(options.strDamaged, copy, summary.preparation, strError)) {
+      Complain(strError);
+      return kExitFailed;
+    }
   }
   std::optional<COutput> output;
   if (!options.bIntoCache) {
