@@ -70,6 +70,7 @@ std::vector<std::string> FindLogFiles(const std::string& strDirectory) {
   }
   std::sort(vecFound.begin(), vecFound.end());
   std::vector<std::string> vecFiles;
+  vecFiles.reserve(vecFound.size());
   for (auto& [uAge, strFile] : vecFound) {
     vecFiles.push_back(std::move(strFile));
   }
