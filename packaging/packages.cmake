@@ -51,8 +51,9 @@ it.")
 
 set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME libqmclient0)
 set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_CLIENT_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_CLIENT_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers)
+set(CPACK_DEBIAN_CLIENT_PACKAGE_CONTROL_EXTRA
+  ${CMAKE_CURRENT_SOURCE_DIR}/debian/shlibs
+  ${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers)
 set(CPACK_DEBIAN_CLIENT_DESCRIPTION "hands records to the log cache from a program
 A small C library that does for programs what qmsend does for shells: it takes
 records, hands them to the log cache's host, and tells what became of each.")
