@@ -99,6 +99,7 @@ TEST_F(FullDiskTest, WithoutASingleByteNothingIsTakenForDamagedAndEveryRecordIsS
   m_destination.SetUp(true);
   ASSERT_TRUE(AnswerUntilAllHaveEnded());
   m_host.EndLife();
+  m_destination.Forget();  // where a night passed over a slow settlement, repeats are still on their way
   EXPECT_FALSE(HasBackup());
   ExpectBooksInOrder("a disk without a free byte", KeysOnDisk());
 

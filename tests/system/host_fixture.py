@@ -7,6 +7,7 @@ import pathlib
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -130,6 +131,8 @@ class HostTestCase(unittest.TestCase):
         self.host.send_signal(how)
         status = self.host.wait(timeout=PATIENCE)
         self.host = None
+        if status != 0:  # a sanitizer's report stands there
+            print(self.host_said(), file=sys.stderr)
         return status
 
     def send(self, *arguments, data=b"", **options):

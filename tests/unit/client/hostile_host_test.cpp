@@ -17,7 +17,7 @@ class HostileHostTest : public ClientTest {
  protected:
   using Behaviour = std::function<void(int iConnection)>;
 
-  // Runs fnBehave on each connection, then closes it.
+  // Runs fnBehave on each connection, then closes it; the last one may still be served when the test's body has ended.
   void Listen(Behaviour fnBehave) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -70,6 +70,7 @@ class HostileHostTest : public ClientTest {
   }
 
   std::atomic<bool> m_bEnd{false};
+  std::atomic<size_t> m_uConnections{0};
 
  private:
   int m_iListener = -1;
@@ -133,7 +134,6 @@ TEST_F(HostileHostTest, NonsenseEndsTheConnectionAndLosesNothing) {
   const std::string strHuge("\xFF\xFF\xFF\xFF", 4);
   std::string strRuntMessage;
   AppendMessage(strRuntMessage, {10101, 1, GUID{}, "from the host?"});
-  std::atomic<int> iConnections{0};
   const std::vector<std::string> vecNonsense = {"HTTP/1.1 400 Bad Request\r\n\r\n",
                                                 strHuge,
                                                 std::string(64, '\0'),
@@ -141,16 +141,15 @@ TEST_F(HostileHostTest, NonsenseEndsTheConnectionAndLosesNothing) {
                                                 Welcome() + strHuge,
                                                 Welcome() + strRuntMessage,
                                                 Welcome() + Welcome()};
-  Listen([&](int iConnection) {
-    const auto uTurn = static_cast<size_t>(iConnections++);
-    Write(iConnection, vecNonsense[uTurn % vecNonsense.size()]);
+  Listen([this, vecNonsense](int iConnection) {
+    Write(iConnection, vecNonsense[m_uConnections++ % vecNonsense.size()]);
     ReadAll(iConnection);
   });
   EXPECT_EQ(Send("x", 1), QM_CLIENT_OK);
-  for (int i = 0; i < 6000 && iConnections <= static_cast<int>(vecNonsense.size()); ++i) {
+  for (int i = 0; i < 6000 && m_uConnections <= vecNonsense.size(); ++i) {
     ASSERT_EQ(qm_client_process(m_pClient, 10), 0);
   }
-  EXPECT_GT(iConnections, static_cast<int>(vecNonsense.size()));
+  EXPECT_GT(m_uConnections, vecNonsense.size());
   EXPECT_TRUE(Said("welcome makes no sense"));
   EXPECT_TRUE(Said("a frame that makes no sense"));
   EXPECT_EQ(qm_client_pending(m_pClient), 1U);
