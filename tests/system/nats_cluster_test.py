@@ -1,6 +1,8 @@
 """The nats link and a cluster of three servers with a replicated stream."""
 
+import sys
 import threading
+import time
 
 from host_fixture import LINK_DOWN, wait_until
 from nats_link_case import LINK_UP, NatsLinkTestCase
@@ -77,11 +79,15 @@ class ClusterTest(NatsLinkTestCase):
             self.withhold_acknowledgements(more)
             lines = lines + more
             self.servers[name].kill()
+            killed = time.monotonic()
             for proxy in self.proxies:
                 proxy.cut()
             # Two of three go on without it.
             wait_until(lambda name=name: self.leader() not in (None, name), "another leader")
+            elected = time.monotonic() - killed
             wait_until(lambda dropped=dropped: self.duplicates() > dropped, "repeats that the stream has dropped")
+            print(f"leader killed: another one after {elected:.1f} s, "
+                  f"the first repeat dropped after {time.monotonic() - killed:.1f} s", file=sys.stderr)
             self.servers[name].start()
         sender.join()
         client = self.connect(self.servers[name])
@@ -94,3 +100,5 @@ class ClusterTest(NatsLinkTestCase):
         self.assertEqual(self.stop_host(), 0)
         self.assertIn("held 0", self.host_said())
         self.assert_nothing_rejected()
+        print(f"records {len(lines)}, in the stream {len(found)}, repeats dropped {self.duplicates()}, "
+              f"outages of the link {self.count_log(LINK_DOWN)}", file=sys.stderr)
