@@ -107,8 +107,8 @@ void Report(const FleetCase& fleetCase, int iRound) {
 }  // namespace
 
 int main(int iArguments, char** ppszArguments) {
-  const BenchOptions options = ParseBenchOptions(iArguments, ppszArguments);
-  for (int iRound = 1; iRound <= options.iRounds && options.IsWanted("fleet"); ++iRound) {
+  const BenchOptions options = ParseBenchOptions(iArguments, ppszArguments, {"fleet"});
+  for (int iRound = 1; iRound <= options.iRounds; ++iRound) {
     for (const size_t uAgents : kAgents) {
       for (const size_t uOutageSeconds : kOutageSeconds) {
         Report({uAgents, uOutageSeconds, true}, iRound);

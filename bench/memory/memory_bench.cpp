@@ -5,7 +5,9 @@
 #include <exception>
 
 int main(int iArguments, char** ppszArguments) {
-  const BenchOptions options = ParseBenchOptions(iArguments, ppszArguments);
+  const BenchOptions options = ParseBenchOptions(
+      iArguments, ppszArguments,
+      {"memory_pipeline", "cost_per_record", "memory_held", "intake_at_limit", "latency", "log_line_off"});
   try {
     MeasurePipeline(options);
     MeasureBacklog(options);

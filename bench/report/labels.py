@@ -44,9 +44,18 @@ CASES = {
         **_storage_cases("full", "normal", vacuum=True),
         "sqlite_default": "SQLite's default",
     },
+    "storage_drain": {
+        "component_full": "the component's cache file alone, sync full",
+        "bare_full": "bare SQLite, sync full",
+        "bare_without_vacuum_full": "bare SQLite, no compaction, sync full",
+    },
     "storage_senders": {"senders_1": "1", "senders_2": "2", "senders_4": "4"},
     "end_to_end_memory": {"qmlogcache": "qmsend, qmhost", "rsyslog": "rsyslog", "syslog_ng": "syslog-ng"},
-    "end_to_end_disk": {"qmlogcache": "qmsend, qmhost", "rsyslog": "rsyslog"},
+    "end_to_end_disk": {
+        "qmlogcache": "qmsend, qmhost",
+        "rsyslog": "rsyslog, queue state synced for each message",
+        "rsyslog_batched": "rsyslog, queue state synced for each read of the socket",
+    },
     "memory_backlog": {"qmlogcache": "qmhost", "rsyslog": "rsyslog", "syslog_ng": "syslog-ng"},
     "link_rate": {f"{link}_rtt_{milliseconds}": f"`{link}`, {milliseconds} ms"
                   for link in ("http", "nats") for milliseconds in (0, 10, 100)},

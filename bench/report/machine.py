@@ -12,11 +12,11 @@ BUSY_SHARE = 0.10
 
 
 def _output(*command, cwd=None):
-    """The command's standard output; "unknown" where there is none."""
+    """The command's standard output, which may be empty; "unknown" where it failed."""
     try:
         finished = subprocess.run(command, cwd=cwd, text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
                                   timeout=30, check=True)
-        return finished.stdout.strip() or "unknown"
+        return finished.stdout.strip()
     except (OSError, subprocess.SubprocessError):
         return "unknown"
 
@@ -43,8 +43,8 @@ def describe(build, directory):
         "memory": f"{int(memory) / 2**20:.1f} GiB" if memory.isdigit() else memory,
         "system": f"{_field('/etc/os-release', r'^PRETTY_NAME=(.*)$')}, kernel "
         + re.match(r"[\d.]*\d|", platform.release()).group(0),
-        "file system": _output("findmnt", "-n", "-o", "FSTYPE", "-T", str(directory)),
-        "compiler": _output(compiler, "--version").splitlines()[0] + ", "
+        "file system": _output("findmnt", "-n", "-o", "FSTYPE", "-T", str(directory)) or "unknown",
+        "compiler": (_output(compiler, "--version") or "unknown").splitlines()[0] + ", "
         + _field(build / "CMakeCache.txt", r"^CMAKE_BUILD_TYPE:[A-Z]+=(.*)$"),
         "SQLite": sqlite3.sqlite_version,
     }
@@ -53,7 +53,7 @@ def describe(build, directory):
 def commit(root):
     """The commit that is checked out, and whether anything differs from it."""
     head = _output("git", "rev-parse", "--short=10", "HEAD", cwd=root)
-    return head, _output("git", "status", "--porcelain", cwd=root) != "unknown"
+    return head, _output("git", "status", "--porcelain", cwd=root) != ""
 
 
 def _processor_times():

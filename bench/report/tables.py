@@ -112,10 +112,10 @@ def machine_table(results):
 def run_table(results):
     if not results.runs:
         return "Not measured yet (`bench/run`)."
-    rows = [[f"`{run['program']}`", run["mode"], run["commit"] + (" and changes" if run["changed"] else ""),
+    rows = [[f"`{run['program']}`", ", ".join(run["groups"]), run["mode"], run["commit"] + (" and changes" if run["changed"] else ""),
              run["started"], f"{run['seconds']:.0f} s", f"{run['load']:.2f}",
              f"{run['busy']:.0%}" + (" (**busy**)" if run["warned"] else "")] for run in results.runs]
-    return markdown(["program", "run", "commit", "begun", "took", "load average before", "processors in use before"],
+    return markdown(["program", "groups", "run", "commit", "begun", "took", "load average before", "processors in use before"],
                     rows)
 
 
@@ -142,7 +142,7 @@ def drain_table(results):
             continue
         for case in results.cases(group):
             cells = [column.cell(results, group, case) for column in columns]
-            rows.append([f"{int(size):,}", labels.case_words(group, case),
+            rows.append([f"{int(size):,}", labels.case_words("storage_drain", case),
                          *["" if cell == MISSING else cell for cell in cells],
                          SURVIVES[results.durability(group, case)]])
     if not rows:

@@ -2,14 +2,37 @@
 // groups stand in groups.h.
 //
 // Usage: storage_bench [--quick] [--rounds N] [--directory DIR] [GROUP...]
+#include <linux/magic.h>
+#include <sys/vfs.h>
+
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
 
 #include "bench/storage/groups.h"
 
+namespace {
+
+// In memory nothing survives a power cut, whatever is synced.
+void RequireDisk(const std::string& strDirectory) {
+  const std::string strWhere = strDirectory.empty() ? std::filesystem::temp_directory_path().string() : strDirectory;
+  struct statfs information {};
+  if (statfs(strWhere.c_str(), &information) == 0 &&
+      (information.f_type == TMPFS_MAGIC || information.f_type == RAMFS_MAGIC)) {
+    throw std::runtime_error(strWhere + " is in memory; --directory names one on a disk");
+  }
+}
+
+}  // namespace
+
 int main(int iArguments, char** ppszArguments) {
   try {
-    const BenchOptions options = ParseBenchOptions(iArguments, ppszArguments);
+    const BenchOptions options = ParseBenchOptions(
+        iArguments, ppszArguments,
+        {"storage_insert", "storage_insert_delete", "storage_senders", "storage_save", "storage_load", "storage_drain"});
+    RequireDisk(options.strDirectory);
     struct Group {
       const char* pszName;
       void (*pfnRun)(const BenchOptions& options);

@@ -4,7 +4,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <string_view>
 
 namespace {
 
@@ -19,7 +18,7 @@ bool BenchOptions::IsWanted(const char* pszGroup) const {
   return vecOnly.empty() || std::find(vecOnly.begin(), vecOnly.end(), pszGroup) != vecOnly.end();
 }
 
-BenchOptions ParseBenchOptions(int iArguments, char** ppszArguments) {
+BenchOptions ParseBenchOptions(int iArguments, char** ppszArguments, std::initializer_list<std::string_view> groups) {
   constexpr int kQuickRounds = 3;
   constexpr int kMostRounds = 1000;
   BenchOptions options;
@@ -37,7 +36,7 @@ BenchOptions ParseBenchOptions(int iArguments, char** ppszArguments) {
       }
     } else if (svArgument == "--directory" && bHasValue) {
       options.strDirectory = ppszArguments[++i];
-    } else if (!svArgument.starts_with("-")) {
+    } else if (std::find(groups.begin(), groups.end(), svArgument) != groups.end()) {
       options.vecOnly.emplace_back(svArgument);
     } else {
       Usage(ppszArguments[0]);

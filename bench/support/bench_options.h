@@ -2,7 +2,9 @@
 #ifndef QMLOGCACHE_BENCH_SUPPORT_BENCH_OPTIONS_H_
 #define QMLOGCACHE_BENCH_SUPPORT_BENCH_OPTIONS_H_
 
+#include <initializer_list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct BenchOptions {
@@ -14,6 +16,7 @@ struct BenchOptions {
 };
 
 // [--quick] [--rounds N] [--directory DIR] [GROUP...]; ends the program with status 2 where they cannot be understood.
-BenchOptions ParseBenchOptions(int iArguments, char** ppszArguments);
+// groups: what the program can measure.
+BenchOptions ParseBenchOptions(int iArguments, char** ppszArguments, std::initializer_list<std::string_view> groups);
 
 #endif  // QMLOGCACHE_BENCH_SUPPORT_BENCH_OPTIONS_H_

@@ -7,6 +7,7 @@ from unittest import mock
 
 from bench_path import BENCH, load_script, result
 from report.programs import Program
+from report.results import Results
 
 run = load_script(BENCH / "run")
 
@@ -80,6 +81,18 @@ class KeptLinesTest(unittest.TestCase):
             file.write_text("".join(json.dumps(line) + "\n" for line in earlier))
             self.assertEqual(run.kept_lines(file, ["one", "three"]),
                              [{"run": {"program": "a", "groups": ["two"]}}, result("two")])
+
+    def test_a_group_that_gave_no_line_is_not_measured_and_keeps_its_figures(self):
+        lines = [{"run": {"program": "a"}}, result("one_10"), result("three")]
+        self.assertEqual(run.groups_measured(lines, ["one", "two", "three"]), ["one", "three"])
+
+
+class UnjudgedTest(unittest.TestCase):
+    def test_targets_without_figures_are_told_for_the_groups_that_were_asked_for(self):
+        self.assertEqual(run.unjudged(Results(), ["log_line_off"]), ["log_line_off level_off ns: not measured"])
+        self.assertEqual(run.unjudged(Results(), ["fleet"]), [])
+        measured = Results([result("log_line_off", "level_off", 1, "ns", 3.5, "ns")])
+        self.assertEqual(run.unjudged(measured, ["log_line_off"]), [])
 
 
 if __name__ == "__main__":

@@ -75,8 +75,8 @@ class GroupTableTest(unittest.TestCase):
             result("storage_drain_10000", "component_full", 1, "duration", 12.0, "s", "power cut"),
             result("storage_drain_10000", "component_full", 1, "vacuum_share", 0.75, "1", "power cut")])
         self.assertEqual(tables.TABLES["storage_drain"](results).splitlines()[2:], [
-            "| 10,000 | component, sync full | 12.0 |  | 75% | a power cut |",
-            "| 100,000 | component, sync full | 120 |  |  | a power cut |"])
+            "| 10,000 | the component's cache file alone, sync full | 12.0 |  | 75% | a power cut |",
+            "| 100,000 | the component's cache file alone, sync full | 120 |  |  | a power cut |"])
 
     def test_a_link_tells_its_share_of_the_window_where_there_is_a_round_trip(self):
         results = Results([
