@@ -234,19 +234,26 @@ class RotationTest(FollowTestCase):
         self.check_once(lines + new)
         self.assertIn("starts at its beginning", self.said())
 
-    def test_a_log_that_was_truncated_and_has_grown_again_is_noticed(self):
+    def grow_again(self, head):
+        """Truncates a log with that head and writes more than was read before, all between two looks at it."""
         self.start_host()
         lines = self.lines(20)
-        self.append(*lines)
+        self.append(*head, *lines)
         self.follow()
-        self.wait_arrived(lines)
+        self.wait_arrived(head + lines)
         self.follower.send_signal(signal.SIGSTOP)
         os.truncate(self.log, 0)
-        new = self.lines(100)  # more than was read before
-        self.append(*new)
+        new = self.lines(100)
+        self.append(*head, *new)
         self.follower.send_signal(signal.SIGCONT)
         self.wait_arrived(new)
-        self.check_once(lines + new)
+        self.check_once(head + lines + head + new)
+
+    def test_a_log_that_was_truncated_and_has_grown_again_is_noticed(self):
+        self.grow_again([])
+
+    def test_a_log_that_begins_with_the_same_banner_again_is_noticed(self):
+        self.grow_again([b"#" * 300])
 
     def rotations_while_away(self, names):
         """Rotates once for each name while nobody follows; the oldest first. Returns all lines."""

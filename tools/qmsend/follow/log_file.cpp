@@ -46,9 +46,10 @@ timespec CLogFile::Modified() const {
   return info.st_mtim;
 }
 
-bool CLogFile::IsIntact(uint64_t u64Offset) {
+bool CLogFile::IsIntact(uint64_t u64Read, uint64_t u64Line, const std::string& strBefore) {
   struct stat info {};
-  if (::fstat(m_iFile, &info) != 0 || static_cast<uint64_t>(info.st_size) < u64Offset) {
+  if (::fstat(m_iFile, &info) != 0 || static_cast<uint64_t>(info.st_size) < u64Read ||
+      ReadAt(u64Line - strBefore.size(), strBefore.size()) != strBefore) {
     return false;
   }
   std::string strHead = ReadAt(0, kHeadSize);

@@ -29,9 +29,9 @@ class CLogFile {
   // When it was last written to.
   timespec Modified() const;
 
-  // Whether it still holds what was read, up to that byte; false once it was truncated, or overwritten from its
-  // beginning. Learns more of its first bytes.
-  [[nodiscard]] bool IsIntact(uint64_t u64Offset);
+  // Whether it still holds what was read: u64Read bytes, and strBefore right before u64Line. False once it was
+  // truncated, or overwritten from its beginning, also with the same first bytes. Learns more of its first bytes.
+  [[nodiscard]] bool IsIntact(uint64_t u64Read, uint64_t u64Line, const std::string& strBefore);
   // Whether it holds what the position tells: the first bytes, and those before the offset.
   [[nodiscard]] bool Holds(const FollowPosition& position) const;
 

@@ -12,7 +12,8 @@ namespace {
 
 // A rotated file that was not written to for so many seconds is left. A writer may keep it open for a moment.
 constexpr time_t kLinger = 2;
-// What is kept of a line to recognise the place behind it.
+// What is kept of the bytes before a place to recognise it: of several lines when they are short, since a log may hold
+// the same short line at the same byte again.
 constexpr size_t kKeptBefore = 48;
 
 bool IsQuiet(const CLogFile& file) {
@@ -90,10 +91,12 @@ bool CLogTail::Next(Record& line, LogPlace& end) {
     case CRecordReader::Step::Record:
       // The last line of a file that is left may have no newline.
       m_u64Line = std::min(m_u64Line + line.u64Length + 1, m_u64Read);
-      m_strBefore.clear();
-      if (!line.bTooLong && !m_bLeaving) {
-        m_strBefore = line.svBytes.substr(line.svBytes.size() - std::min(line.svBytes.size(), kKeptBefore));
+      if (line.bTooLong || m_bLeaving) {
+        m_strBefore.clear();
+      } else {
+        m_strBefore += line.svBytes.substr(line.svBytes.size() - std::min(line.svBytes.size(), kKeptBefore));
         m_strBefore += m_cDelimiter;
+        m_strBefore.erase(0, m_strBefore.size() - std::min(m_strBefore.size(), kKeptBefore + 1));
       }
       end = Here();
       return true;
@@ -124,7 +127,7 @@ bool CLogTail::ReadFile() {
     m_u64Read = static_cast<uint64_t>(std::max<off_t>(::lseek(m_pFile->Descriptor(), 0, SEEK_CUR), 0));
   }
   // After the read: what was read of a file that was truncated meanwhile may be anything.
-  if (!m_pFile->IsIntact(m_u64Read)) {
+  if (!m_pFile->IsIntact(m_u64Read, m_u64Line, m_strBefore)) {
     AfterTruncation();
     return true;
   }
