@@ -358,6 +358,63 @@ class RestartTest(FollowTestCase):
         self.wait_arrived(lines)
         self.check_once(lines)
 
+    def test_what_is_rotated_before_the_first_host_is_there_is_sent(self):
+        lines = self.lines(3)
+        self.append(*lines)
+        self.follow()
+        self.wait_said("the host is waited for")
+        self.wait_noted(0)
+        self.log.rename(self.logs / "app.log.1")
+        self.age(self.logs / "app.log.1", 60)
+        lines += self.lines(2)
+        self.append(*lines[3:])
+        self.start_host()
+        self.wait_arrived(lines)
+        self.check_once(lines)
+
+    def test_what_is_removed_before_the_first_host_is_there_is_sent_too(self):
+        self.follow()
+        self.wait_said("it is waited for")
+        lines = self.lines(3)
+        self.append(*lines)
+        self.wait_noted(0)
+        self.log.unlink()
+        lines += self.lines(2)
+        self.append(*lines[3:])
+        self.start_host()
+        self.wait_arrived(lines)
+        self.check_once(lines)
+
+    def test_a_run_that_never_met_a_host_has_noted_where_the_log_began(self):
+        lines = self.lines(3)
+        self.append(*lines)
+        self.follow()
+        self.wait_noted(0)
+        self.assertEqual(self.end_follower(signal.SIGKILL), -signal.SIGKILL)
+        self.log.rename(self.logs / "app.log.1")
+        self.age(self.logs / "app.log.1", 60)
+        lines += self.lines(2)
+        self.append(*lines[3:])
+        self.start_host()
+        self.follow()
+        self.wait_arrived(lines)
+        self.check_once(lines)
+
+    def test_another_host_may_take_longer_lines(self):
+        self.write_config(ingress={"window": WINDOW, "max_frame": 4096})
+        self.start_host()
+        lines = [b"x" * 3000]
+        self.append(*lines)
+        self.follow()
+        self.wait_arrived(lines)
+        self.stop_host()
+        self.wait_said("the host is waited for")
+        self.write_config(ingress={"window": WINDOW, "max_frame": 65536})
+        self.append(b"y" * 30000)
+        self.start_host()
+        self.wait_arrived([b"y" * 30000])
+        self.assertNotIn("longer than the host takes", self.said())
+
     def test_it_ends_in_order_while_the_host_is_away(self):
         self.append(*self.lines(1))
         self.follow()

@@ -76,7 +76,8 @@ CRecordReader::Input CRecordReader::ReadOn(int iDescriptor) {
   return iRead == 0 ? Input::Ended : Input::Failed;
 }
 
-void CRecordReader::Restart() {
+void CRecordReader::Restart(size_t uMaxRecord) {
+  m_uMaxRecord = uMaxRecord;
   m_uBegin = 0;
   m_uScanned = 0;
   m_uEnd = 0;

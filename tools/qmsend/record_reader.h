@@ -33,8 +33,9 @@ class CRecordReader {
   Input ReadOn(int iDescriptor);
   // Ends it.
   void End() { m_bEnded = true; }
-  // A new stream; records are numbered from 1 again.
-  void Restart();
+  // A new stream, of which records may be so long; they are numbered from 1 again.
+  void Restart(size_t uMaxRecord);
+  void Restart() { Restart(m_uMaxRecord); }
   uint64_t LastNumber() const { return m_u64Number; }
 
  private:
@@ -42,7 +43,7 @@ class CRecordReader {
   void Reserve();
 
   const RecordMode m_mode;
-  const size_t m_uMaxRecord;
+  size_t m_uMaxRecord;
   std::unique_ptr<char[]> m_pBuffer;
   size_t m_uCapacity = 0;
   size_t m_uBegin = 0;    // of the record being looked for

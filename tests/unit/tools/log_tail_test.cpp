@@ -203,6 +203,76 @@ TEST_F(LogTailTest, ARotatedFileThatMayNotBeReadIsToldAndNotPassedOver) {
   EXPECT_EQ(All(tail), (Lines{"between", "new"}));
 }
 
+TEST_F(LogTailTest, APositionInALogThatMayNotBeReadIsWaitedFor) {
+  ASSERT_EQ(::chmod(m_strDirectory.c_str(), 0755), 0);
+  Append(m_strLog, "old 1\nold 2\n");
+  CLogTail tail(m_strLog, RecordMode::Lines, 1000, m_fnTell);
+  tail.StartAtBeginning();
+  All(tail);
+  const FollowPosition position{m_strLog,        m_end.pFile->Device(), m_end.pFile->Inode(),
+                                m_end.u64Offset, m_end.pFile->Head(),   m_end.strBefore};
+  Append(m_strLog, "new\n");
+  ASSERT_EQ(::chmod(m_strLog.c_str(), 0), 0);
+  CLogTail again(m_strLog, RecordMode::Lines, 1000, m_fnTell);
+  {
+    const CNobody nobody;
+    again.StartAt(position, {time(nullptr), 0});
+    EXPECT_EQ(All(again), Lines{});
+  }
+  EXPECT_EQ(m_strTold, "cannot read " + m_strLog + ": Permission denied; it is waited for\n");
+  ASSERT_EQ(::chmod(m_strLog.c_str(), 0644), 0);
+  EXPECT_EQ(All(again), (Lines{"new"}));
+}
+
+TEST_F(LogTailTest, APositionInARotatedFileThatMayNotBeReadIsWaitedFor) {
+  ASSERT_EQ(::chmod(m_strDirectory.c_str(), 0755), 0);
+  Append(m_strLog, "old 1\n");
+  CLogTail tail(m_strLog, RecordMode::Lines, 1000, m_fnTell);
+  tail.StartAtBeginning();
+  All(tail);
+  const FollowPosition position{m_strLog,        m_end.pFile->Device(), m_end.pFile->Inode(),
+                                m_end.u64Offset, m_end.pFile->Head(),   m_end.strBefore};
+  Append(m_strLog, "old 2\n");
+  std::filesystem::rename(m_strLog, m_strLog + ".1");
+  Age(m_strLog + ".1", 100);
+  Append(m_strLog, "new\n");
+  ASSERT_EQ(::chmod((m_strLog + ".1").c_str(), 0), 0);
+  CLogTail again(m_strLog, RecordMode::Lines, 1000, m_fnTell);
+  {
+    const CNobody nobody;
+    again.StartAt(position, {time(nullptr) - 50, 0});
+    EXPECT_EQ(All(again), Lines{});
+  }
+  EXPECT_EQ(m_strTold, "cannot read " + m_strLog + ".1: Permission denied; it is waited for\n");
+  ASSERT_EQ(::chmod((m_strLog + ".1").c_str(), 0644), 0);
+  EXPECT_EQ(All(again), (Lines{"old 2", "new"}));
+}
+
+TEST_F(LogTailTest, ALineThatWasTooLongAndIsNotAnyMoreIsReadWhole) {
+  Append(m_strLog, "short\n" + std::string(300, 'l'));
+  CLogTail tail(m_strLog, RecordMode::Lines, 100, m_fnTell);
+  tail.StartAtBeginning();
+  EXPECT_EQ(All(tail), (Lines{"short"}));
+  tail.LimitRecords(1000);
+  Append(m_strLog, "\nnext\n");
+  EXPECT_EQ(All(tail), (Lines{std::string(300, 'l'), "next"}));
+  EXPECT_EQ(m_end.u64Offset, 312U);
+}
+
+TEST_F(LogTailTest, ALineThatBecomesTooLongIsToldToBe) {
+  Append(m_strLog, "short\n");
+  CLogTail tail(m_strLog, RecordMode::Lines, 1000, m_fnTell);
+  tail.StartAtBeginning();
+  All(tail);
+  tail.LimitRecords(100);
+  Append(m_strLog, std::string(300, 'l'));
+  Append(m_strLog, "\n");
+  Record line;
+  ASSERT_TRUE(tail.Read());
+  ASSERT_TRUE(tail.Next(line, m_end));
+  EXPECT_TRUE(line.bTooLong);
+}
+
 TEST_F(LogTailTest, ANewLogThatIsNoFileIsToldOnceAndWaitedFor) {
   Append(m_strLog, "old\n");
   CLogTail tail(m_strLog, RecordMode::Lines, 1000, m_fnTell);

@@ -32,25 +32,21 @@ int CFollower::Run() {
   if (!Prepare()) {
     return kExitUsageOrConnection;
   }
-  if (!ConnectFirst()) {
-    return kExitAllAccepted;
-  }
-  if (!Start()) {
-    return kExitUsageOrConnection;
-  }
   Loop();
   return Finish();
 }
 
 bool CFollower::Prepare() {
   std::string strError;
+  FollowPosition position;
+  timespec noted{};
   bool bGood = m_builder.Configure(m_options.message, strError) && m_position.Lock(strError);
   if (bGood) {
-    const auto loaded = m_position.Load(m_options.strFollow, m_start, m_startNoted, strError);
+    const auto loaded = m_position.Load(m_options.strFollow, position, noted, strError);
     m_bResumes = loaded == CPositionFile::Loaded::Some;
     bGood = loaded != CPositionFile::Loaded::Failed;
   }
-  if (bGood && !CLogFile::Open(m_options.strFollow, strError)) {
+  if (bGood && !m_bResumes && !CLogFile::Open(m_options.strFollow, strError)) {
     bGood = errno == ENOENT;  // which is waited for
   }
   if (!bGood) {
@@ -63,37 +59,10 @@ bool CFollower::Prepare() {
   settings.bKnowsFinalRefusals = true;
   ISendEvents& events = *this;
   m_pEngine = std::make_unique<CSendEngine>(std::move(settings), events);
-  return true;
-}
-
-// The host says how long a line may be, so nothing is read before. False when interrupted.
-bool CFollower::ConnectFirst() {
-  while (!m_pEngine->IsReady()) {
-    m_pEngine->Prepare(Clock::now());
-    m_pEngine->Exchange();
-    if (CInterrupt::Count() > 0) {
-      return false;
-    }
-    if (!m_pEngine->IsReady()) {
-      Wait(Clock::now());
-    }
-  }
-  return true;
-}
-
-bool CFollower::Start() {
-  const IngressWelcome& welcome = m_pEngine->Welcome();
-  const size_t uAround = kIngressMessageHeaderSize + m_builder.Overhead();
-  if (welcome.uMaxFrame <= uAround) {
-    m_terminal.Line("the host takes no frame long enough for a record");
-    return false;
-  }
-  m_uWindow = std::min<size_t>(welcome.uWindow, kLargestWindow);
-  m_pEngine->LimitRecords(m_uWindow);
-  m_pTail = std::make_unique<CLogTail>(m_options.strFollow, m_options.mode, welcome.uMaxFrame - uAround,
+  m_pTail = std::make_unique<CLogTail>(m_options.strFollow, m_options.mode, 0,
                                        [this](const std::string& strLine) { m_terminal.Line(strLine); });
   if (m_bResumes) {
-    m_pTail->StartAt(m_start, m_startNoted);
+    m_pTail->StartAt(position, noted);
   } else {
     m_pTail->StartAtBeginning();
   }
@@ -107,6 +76,7 @@ void CFollower::Loop() {
       return;
     }
     m_pEngine->Prepare(now);
+    FindLog(now);
     SendLines(now);
     m_pEngine->Exchange();
     NoteIfDue(now);
@@ -123,7 +93,35 @@ bool CFollower::GoesOn(Clock::time_point now) {
     m_stopBy = now + kInterruptGrace;
     m_pEngine->StopRetrying();
   }
+  if (m_pEngine->IsReady() && !TakeLimits()) {
+    return false;
+  }
   return !m_bInterrupted || (!m_pEngine->Empty() && now < m_stopBy && iSignals < 2 && m_pEngine->IsReady());
+}
+
+// Those of the present host, which may have changed with its configuration. False when it takes no record at all.
+bool CFollower::TakeLimits() {
+  const IngressWelcome& welcome = m_pEngine->Welcome();
+  const size_t uAround = kIngressMessageHeaderSize + m_builder.Overhead();
+  if (welcome.uMaxFrame <= uAround) {
+    m_terminal.Line("the host takes no frame long enough for a record");
+    m_bNoRoomForARecord = true;
+    return false;
+  }
+  m_uWindow = std::min<size_t>(welcome.uWindow, kLargestWindow);
+  m_pEngine->LimitRecords(m_uWindow);
+  m_pTail->LimitRecords(welcome.uMaxFrame - uAround);
+  return true;
+}
+
+// Also while no host is there: what is open, and noted, is not lost when it is rotated meanwhile.
+void CFollower::FindLog(Clock::time_point now) {
+  if (!m_pTail->Here().pFile && now >= m_nextRead && !m_pTail->Read()) {
+    m_nextRead = now + kPollInterval;
+  }
+  if (!m_bResumes && !m_lines.Mark().pFile && m_pTail->Here().pFile) {
+    m_lines.Skip(m_pTail->Here());
+  }
 }
 
 bool CFollower::MaySend() const {
@@ -133,9 +131,6 @@ bool CFollower::MaySend() const {
 void CFollower::SendLines(Clock::time_point now) {
   unsigned int uReads = 0;
   while (MaySend() && now >= m_nextRead) {
-    if (!m_lines.Mark().pFile && m_pTail->Here().pFile) {
-      m_lines.Skip(m_pTail->Here());  // the place where all begins is noted, too
-    }
     Record line;
     LogPlace end;
     if (m_pTail->Next(line, end)) {
@@ -230,7 +225,7 @@ void CFollower::Wait(Clock::time_point now) {
   if (const auto next = m_pEngine->NextTurn()) {
     until = std::min(until, *next);
   }
-  if (m_pTail && MaySend()) {
+  if (MaySend() || !m_pTail->Here().pFile) {
     until = std::min(until, m_nextRead);
   }
   if (m_lines.HasMoved()) {
@@ -252,6 +247,9 @@ int CFollower::Finish() {
     m_terminal.Line("followed " + m_options.strFollow + ": accepted " + std::to_string(m_u64Accepted) +
                     ", passed over " + std::to_string(m_u64PassedOver) + ", sent and not settled " +
                     std::to_string(m_lines.BehindNote() - m_lines.SettledSinceNote()));
+  }
+  if (m_bNoRoomForARecord) {
+    return kExitUsageOrConnection;
   }
   return bNoted ? kExitAllAccepted : kExitSomeNotAccepted;
 }

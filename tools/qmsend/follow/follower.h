@@ -35,11 +35,11 @@ class CFollower : private ISendEvents {
   using Clock = std::chrono::steady_clock;
 
   bool Prepare();
-  bool ConnectFirst();
-  bool Start();
   void Loop();
   // False when it is time to end.
   bool GoesOn(Clock::time_point now);
+  bool TakeLimits();
+  void FindLog(Clock::time_point now);
   void SendLines(Clock::time_point now);
   void SendLine(const Record& line, LogPlace end);
   void PassOver(CFailureReport::Cause cause, uint32_t uStatus, uint64_t u64End, std::string_view svHead, bool bMore);
@@ -62,14 +62,12 @@ class CFollower : private ISendEvents {
   CInterrupt m_interrupt;
   CTerminal m_terminal;
   CPositionFile m_position;
-  FollowPosition m_start;  // that was noted by an earlier run
-  timespec m_startNoted{};
-  bool m_bResumes = false;
+  bool m_bResumes = false;  // where an earlier run has noted
   CMessageBuilder m_builder;
   std::unique_ptr<CSendEngine> m_pEngine;
   std::unique_ptr<CLogTail> m_pTail;
   CUnsettledLines m_lines;
-  size_t m_uWindow = 0;
+  size_t m_uWindow = 0;  // 0 until a host has told one
   uint64_t m_u64Accepted = 0;
   uint64_t m_u64PassedOver = 0;
   unsigned int m_uNamed = 0;         // of these, in the present minute
@@ -80,6 +78,7 @@ class CFollower : private ISendEvents {
   Clock::time_point m_nextRefusal{};  // when refusals are told of again
   Clock::time_point m_stopBy{};       // once interrupted
   bool m_bInterrupted = false;
+  bool m_bNoRoomForARecord = false;  // in the host's longest frame
   bool m_bToldAway = false;
   bool m_bToldUnnoted = false;
 };

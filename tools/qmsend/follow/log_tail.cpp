@@ -33,6 +33,7 @@ CLogTail::CLogTail(std::string strLog, RecordMode mode, size_t uMaxRecord, Tell 
     : m_strLog(std::move(strLog)),
       m_cDelimiter(mode == RecordMode::Zeros ? '\0' : '\n'),
       m_reader(mode, uMaxRecord),
+      m_uMaxRecord(uMaxRecord),
       m_fnTell(std::move(fnTell)) {}
 
 void CLogTail::StartAtBeginning() {
@@ -40,24 +41,50 @@ void CLogTail::StartAtBeginning() {
 }
 
 void CLogTail::StartAt(const FollowPosition& position, const timespec& noted) {
-  auto pFile = FindPosition(m_strLog, position);
+  m_start = Start{position, noted};
+  static_cast<void>(Resume());
+}
+
+// False when what may hold the position cannot be read now.
+bool CLogTail::Resume() {
+  const auto& [position, noted] = *m_start;
+  std::string strError;
+  auto pFile = FindPosition(m_strLog, position, strError);
+  if (!pFile && !strError.empty()) {
+    TellWaitsFor(strError);
+    return false;
+  }
   if (pFile) {
+    m_strTold.clear();
     if (pFile->Path() != m_strLog) {
       m_fnTell("goes on in " + pFile->Path() + " at " + Byte(position.u64Offset));
     }
     Open(std::move(pFile), position.u64Offset, position.strBefore);
-    return;
+    m_start.reset();
+    return true;
   }
+  const Successor successor = FindSuccessor(m_strLog, noted);
+  if (!successor.strError.empty()) {
+    TellWaitsFor(successor.strError);
+    return false;
+  }
+  m_strTold.clear();
   m_fnTell("warning: what was read last of " + m_strLog + ", up to " + Byte(position.u64Offset) +
            ", is not there any more: truncated, removed or compressed, and compressed files are not read. What stood "
            "behind it is not sent");
-  const Successor successor = FindSuccessor(m_strLog, noted);
-  if (!successor.strError.empty()) {
-    m_fnTell("warning: " + successor.strError);
-  }
   TakeSuccessor(successor);
-  if (!m_pFile) {
-    StartAtBeginning();
+  m_start.reset();
+  return m_pFile || OpenLog();
+}
+
+void CLogTail::LimitRecords(size_t uMaxRecord) {
+  if (uMaxRecord == m_uMaxRecord) {
+    return;
+  }
+  m_uMaxRecord = uMaxRecord;
+  m_reader.Restart(uMaxRecord);
+  if (m_pFile) {
+    Open(m_pFile, m_u64Line, m_strBefore);
   }
 }
 
@@ -111,7 +138,7 @@ bool CLogTail::Next(Record& line, LogPlace& end) {
 
 bool CLogTail::Read() {
   if (!m_pFile) {
-    return OpenLog();
+    return m_start ? Resume() : OpenLog();
   }
   if (m_bLeaving) {  // and the next file was not to be had
     GoToSuccessor();

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "tools/qmsend/follow/log_file.h"
@@ -21,10 +22,12 @@ class CLogTail {
  public:
   using Tell = std::function<void(const std::string&)>;
 
-  // strLog: absolute. fnTell gets a line for people about everything out of the ordinary.
+  // strLog: absolute. uMaxRecord: of the longest line. fnTell gets a line for people about everything out of the
+  // ordinary.
   CLogTail(std::string strLog, RecordMode mode, size_t uMaxRecord, Tell fnTell);
 
-  // Either goes first: at the beginning of the log, or behind the position.
+  // Either goes first: at the beginning of the log, or behind the position. What is open by then is read even if it is
+  // renamed or removed; what is not is looked for by Read.
   void StartAtBeginning();
   void StartAt(const FollowPosition& position, const timespec& noted);
 
@@ -33,12 +36,21 @@ class CLogTail {
   // Reads on. False when there is nothing now: try again a moment later.
   [[nodiscard]] bool Read();
 
+  // From the next line on, which is read again when it was begun.
+  void LimitRecords(size_t uMaxRecord);
+
   // The beginning of what is read next; no file when there is none.
   LogPlace Here() const { return {m_pFile, m_u64Line, m_strBefore}; }
 
  private:
+  struct Start {
+    FollowPosition position;
+    timespec noted;
+  };
+
   void Open(std::shared_ptr<CLogFile> pFile, uint64_t u64Offset, std::string strBefore);
   bool OpenLog();
+  bool Resume();
   bool ReadFile();
   bool LeaveWhenOver();
   void GoToSuccessor();
@@ -50,7 +62,9 @@ class CLogTail {
   const std::string m_strLog;
   const char m_cDelimiter;
   CRecordReader m_reader;
+  size_t m_uMaxRecord;
   const Tell m_fnTell;
+  std::optional<Start> m_start;       // a position that is still looked for
   std::shared_ptr<CLogFile> m_pFile;  // null while there is none
   uint64_t m_u64Line = 0;             // where the next line begins
   uint64_t m_u64Read = 0;             // up to where the file was read

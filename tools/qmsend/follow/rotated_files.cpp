@@ -176,21 +176,28 @@ std::vector<RotatedFile> ListRotatedFiles(const std::string& strLog) {
   return vecFiles;
 }
 
-std::shared_ptr<CLogFile> FindPosition(const std::string& strLog, const FollowPosition& position) {
+std::shared_ptr<CLogFile> FindPosition(const std::string& strLog, const FollowPosition& position,
+                                       std::string& strError) {
   const auto fnIsIt = [&](const std::shared_ptr<CLogFile>& pFile) {
     return pFile && pFile->Device() == position.u64Device && pFile->Inode() == position.u64Inode &&
            pFile->Holds(position);
   };
   return WhileNothingMoves(strLog, [&](const std::vector<RotatedFile>& vecFiles) {
-    std::string strIgnored;
-    auto pLog = CLogFile::Open(strLog, strIgnored);
+    auto pLog = OpenIfThere(strLog, strError);
     if (fnIsIt(pLog)) {
       return pLog;
     }
     for (const RotatedFile& file : vecFiles) {
-      auto pFile = file.bCompressed || file.info.st_ino != position.u64Inode ? nullptr : OpenListed(file);
+      if (file.bCompressed || file.info.st_ino != position.u64Inode || file.info.st_dev != position.u64Device) {
+        continue;
+      }
+      std::string strFileError;
+      auto pFile = OpenListed(file, strFileError);
       if (fnIsIt(pFile)) {
         return pFile;
+      }
+      if (!strFileError.empty()) {
+        strError = strFileError;
       }
     }
     auto pCopy = FindCopyAmong(vecFiles, position);

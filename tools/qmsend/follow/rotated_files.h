@@ -35,8 +35,10 @@ bool IsEarlier(const timespec& first, const timespec& second);
 std::vector<RotatedFile> ListRotatedFiles(const std::string& strLog);
 
 // The log itself or one of its rotated files, whichever holds the position: first by its number on the device, then by
-// what it holds alone, which a copy does, too. Null when none does.
-std::shared_ptr<CLogFile> FindPosition(const std::string& strLog, const FollowPosition& position);
+// what it holds alone, which a copy does, too. Null when none does, or with a reason when one that may hold it cannot be
+// read.
+std::shared_ptr<CLogFile> FindPosition(const std::string& strLog, const FollowPosition& position,
+                                       std::string& strError);
 
 // A copy of what was read of the log up to the position, among the rotated files. Null when there is none.
 std::shared_ptr<CLogFile> FindCopy(const std::string& strLog, const FollowPosition& position);
