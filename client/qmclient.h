@@ -72,7 +72,7 @@ enum qm_client_outcome {
   QM_CLIENT_ACCEPTED = 0,
   QM_CLIENT_REFUSED = 1,   /* not taken; the status says why */
   QM_CLIENT_OVERLONG = 2,  /* not sent: longer than the host takes, which was not known when it was handed in */
-  QM_CLIENT_NO_ANSWER = 3, /* it may have been taken or not */
+  QM_CLIENT_NO_ANSWER = 3, /* it may have been taken or not: no answer, or one that leaves it open */
   QM_CLIENT_NOT_SENT = 4
 };
 
@@ -88,7 +88,8 @@ typedef struct qm_client qm_client;
 /*
  * Called once for each record that qm_client_send took, in the order in which the outcomes are known, from within
  * qm_client_send, qm_client_process, qm_client_flush and qm_client_close, on the thread that called them. cookie is the
- * record's own; status is the host's answer (qm_client_status_text), 0 where there was none. It must not throw or jump.
+ * record's own; status is the host's answer to its last sending (qm_client_status_text), 0 where there was none. It must
+ * not throw or jump.
  */
 typedef void (*qm_client_result_fn)(void* user, uint64_t cookie, enum qm_client_outcome outcome, uint32_t status);
 

@@ -31,6 +31,7 @@ PendingRecord& CInFlight::Take() {
   m_vecFree.pop_back();
   record.state = PendingRecord::State::ToSend;
   record.bSent = false;
+  record.bMayBeTaken = false;
   record.giveUp.reset();
   record.uLastStatus = 0;
   record.sender.reset();

@@ -28,6 +28,7 @@ struct PendingRecord {
   uint64_t u64Number = 0;
   uint64_t u64Order = 0;            // in which records were handed in
   bool bSent = false;               // once at least
+  bool bMayBeTaken = false;         // after a sending whose outcome is not known
   std::optional<TimePoint> giveUp;  // set by the first failure
   TimePoint due{};                  // ToSend: not before
   uint32_t uLastStatus = 0;         // of the last refusal, 0 when there was none

@@ -158,8 +158,9 @@ void CSendEngine::HandleAnswers(Clock::time_point now) {
 void CSendEngine::HandleRefusal(PendingRecord& record, uint32_t uStatus, Clock::time_point now) {
   const milliseconds delay = m_settings.retry ? kRetryDelay : kLongRetryDelay;
   const bool bFinal = m_settings.bKnowsFinalRefusals && IsRecordAtFault(uStatus);
+  record.bMayBeTaken |= IsOutcomeUnknown(uStatus);
   if (bFinal || !TriesAgain(record, now, delay)) {
-    Fail(record, SendFailure::Refused, uStatus);
+    FailRefused(record, uStatus);
     return;
   }
   record.uLastStatus = uStatus;
@@ -197,6 +198,7 @@ void CSendEngine::Lost(const std::string& strWhy, Clock::time_point now) {
   for (PendingRecord* pRecord : m_inFlight.InOrder(true)) {
     if (TriesAgain(*pRecord, now, milliseconds{0})) {
       pRecord->uLastStatus = 0;
+      pRecord->bMayBeTaken = true;
       m_inFlight.MarkToSend(*pRecord);
     } else {
       Fail(*pRecord, SendFailure::NoAnswer, 0);
@@ -208,12 +210,18 @@ void CSendEngine::GiveUp() {
   m_bGivenUp = true;
   for (PendingRecord* pRecord : m_inFlight.InOrder(false)) {
     if (pRecord->state == PendingRecord::State::ToSend && pRecord->uLastStatus != 0) {
-      Fail(*pRecord, SendFailure::Refused, pRecord->uLastStatus);
+      FailRefused(*pRecord, pRecord->uLastStatus);
     } else {
       Fail(*pRecord, pRecord->bSent ? SendFailure::NoAnswer : SendFailure::NotSent, 0);
     }
   }
   m_inFlight.ForgetQueue();
+}
+
+// An earlier sending may have been taken, but for the record's own fault none was.
+void CSendEngine::FailRefused(PendingRecord& record, uint32_t uStatus) {
+  const bool bUnknown = record.bMayBeTaken && !IsRecordAtFault(uStatus);
+  Fail(record, bUnknown ? SendFailure::NoAnswer : SendFailure::Refused, uStatus);
 }
 
 void CSendEngine::Fail(PendingRecord& record, SendFailure failure, uint32_t uStatus) {

@@ -32,9 +32,9 @@ struct SendSettings {
 };
 
 enum class SendFailure {
-  Refused,   // with a status
+  Refused,   // with a status: not taken
   TooLong,   // longer than the host takes
-  NoAnswer,  // it may have been taken or not
+  NoAnswer,  // it may have been taken or not: no answer, status 0, or one that does not tell, or that is to a repeat
   NotSent,
 };
 
@@ -107,6 +107,7 @@ class CSendEngine {
   void HandleAnswers(Clock::time_point now);
   void HandleRefusal(PendingRecord& record, uint32_t uStatus, Clock::time_point now);
   bool TriesAgain(PendingRecord& record, Clock::time_point now, std::chrono::milliseconds delay);
+  void FailRefused(PendingRecord& record, uint32_t uStatus);
   void Fail(PendingRecord& record, SendFailure failure, uint32_t uStatus);
 
   const SendSettings m_settings;

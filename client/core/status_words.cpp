@@ -47,6 +47,10 @@ const char* StatusWords(uint32_t uStatus) {
   return pWords == nullptr ? nullptr : pWords->pszWords;
 }
 
+bool IsOutcomeUnknown(uint32_t uStatus) {
+  return uStatus == kHostNoReply;
+}
+
 bool IsRecordAtFault(uint32_t uStatus) {
   const Words* pWords = Find(uStatus);
   return pWords != nullptr && pWords->bRecordAtFault;

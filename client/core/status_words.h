@@ -7,6 +7,9 @@
 // A few words for people; null for a status that has none here.
 const char* StatusWords(uint32_t uStatus);
 
+// The status does not tell whether the record was taken; every other refusal means that it was not.
+bool IsOutcomeUnknown(uint32_t uStatus);
+
 // The status is about that one record, which would be refused again at any time. Every other refusal is about the
 // host's or the component's state, and may pass.
 bool IsRecordAtFault(uint32_t uStatus);

@@ -39,7 +39,8 @@ std::string CauseText(CFailureReport::Cause cause, uint32_t uStatus) {
     case CFailureReport::Cause::NoRecord:
       return "not sent, the line is no record";
     case CFailureReport::Cause::NoAnswer:
-      return "no answer, it may have been taken or not";
+      return uStatus == 0 ? "no answer, it may have been taken or not"
+                          : "it may have been taken or not, status " + StatusText(uStatus);
     case CFailureReport::Cause::NotSent:
       break;
   }

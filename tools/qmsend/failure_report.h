@@ -19,7 +19,7 @@ class CFailureReport {
   // fnLine prints a line; fnName names a source.
   CFailureReport(std::function<void(const std::string&)> fnLine, std::function<std::string(size_t)> fnName);
 
-  // uStatus: of a refusal. bMore: the record goes on behind svHead.
+  // uStatus: of the last answer, 0 when there was none. bMore: the record goes on behind svHead.
   void Add(size_t uSource, uint64_t u64Number, Cause cause, uint32_t uStatus, std::string_view svHead, bool bMore);
   // Prints the ranges that are left.
   void Finish();

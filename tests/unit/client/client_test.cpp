@@ -136,6 +136,46 @@ TEST_F(ClientTest, WithoutARetryTimeEveryRefusalIsFinal) {
   EXPECT_EQ(m_vecResults, (Results{{1, QM_CLIENT_REFUSED, static_cast<uint32_t>(kStatusCountLimit)}}));
 }
 
+TEST_F(ClientTest, AnAnswerThatLeavesOpenWhetherTheRecordWasTakenIsNoRefusal) {
+  Serve([](const Delivery& delivery) {
+    delivery.Reply(kHostNoReply);
+    return 0U;
+  });
+  m_clientOptions.retry_ms = 0;
+  Open();
+  EXPECT_EQ(Send("x", 1), QM_CLIENT_OK);
+  EXPECT_EQ(qm_client_flush(m_pClient, kPatienceMs), QM_CLIENT_OK);
+  EXPECT_EQ(m_vecResults, (Results{{1, QM_CLIENT_NO_ANSWER, kHostNoReply}}));
+}
+
+TEST_F(ClientTest, ARepeatThatIsRefusedDoesNotTellThatNothingWasTaken) {
+  std::atomic<bool> bFirst{true};
+  Serve([&](const Delivery& delivery) {
+    delivery.Reply(bFirst.exchange(false) ? kHostNoReply : static_cast<uint32_t>(kStatusCountLimit));
+    return 0U;
+  });
+  m_clientOptions.retry_ms = 150;
+  Open();
+  EXPECT_EQ(Send("x", 1), QM_CLIENT_OK);
+  EXPECT_EQ(qm_client_flush(m_pClient, kPatienceMs), QM_CLIENT_OK);
+  EXPECT_EQ(DeliveryCount(), 2U);
+  EXPECT_EQ(m_vecResults, (Results{{1, QM_CLIENT_NO_ANSWER, static_cast<uint32_t>(kStatusCountLimit)}}));
+}
+
+TEST_F(ClientTest, CloseKeepsThatARecordMayHaveBeenTaken) {
+  Serve([](const Delivery& delivery) {
+    delivery.Reply(kHostNoReply);
+    return 0U;
+  });
+  Open();
+  EXPECT_EQ(Send("x", 1), QM_CLIENT_OK);
+  ProcessUntil([&] { return DeliveryCount() == 1; });
+  EXPECT_EQ(qm_client_close(m_pClient, 200), QM_CLIENT_E_TIMEOUT);
+  m_pClient = nullptr;
+  ASSERT_EQ(m_vecResults.size(), 1U);
+  EXPECT_EQ(m_vecResults[0].outcome, QM_CLIENT_NO_ANSWER);
+}
+
 TEST_F(ClientTest, AFullClientTakesNothingUntilThereIsRoom) {
   Serve(NeverAnswer);
   m_clientOptions.max_records = 2;

@@ -20,7 +20,7 @@ class FailureReportTest : public ::testing::Test {
     }
     m_vecLines.clear();
   }
-  void Refuse(uint64_t u64Number, uint32_t uStatus = 0xE0020005) {
+  void Refuse(uint64_t u64Number, uint32_t uStatus = 0xA0010014) {
     m_report.Add(0, u64Number, Cause::Refused, uStatus, "data", false);
   }
 
@@ -42,7 +42,7 @@ TEST_F(FailureReportTest, NamesAtMostAHundredOneByOneAndTheRestAsRanges) {
   EXPECT_EQ(m_vecLines.size(), 100U);
   m_report.Finish();
   ASSERT_EQ(m_vecLines.size(), 101U);
-  EXPECT_EQ(m_vecLines[100].rfind("file0:101-5000: refused, status 0xE0020005", 0), 0U) << m_vecLines[100];
+  EXPECT_EQ(m_vecLines[100].rfind("file0:101-5000: refused, status 0xA0010014", 0), 0U) << m_vecLines[100];
   EXPECT_EQ(m_report.Total(), 5000U);
   EXPECT_EQ(m_report.Count(Cause::Refused), 5000U);
 }

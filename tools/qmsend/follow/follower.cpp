@@ -273,7 +273,7 @@ void CFollower::Refused(uint32_t uStatus) {
   const Clock::time_point now = Clock::now();
   if (now >= m_nextRefusal) {
     m_nextRefusal = now + kRefusalsInterval;
-    m_terminal.Line("the host does not take lines now, they are sent again: status " + StatusText(uStatus));
+    m_terminal.Line("lines are not accepted now and are sent again: status " + StatusText(uStatus));
   }
 }
 
