@@ -4,8 +4,11 @@ import os
 import pathlib
 import re
 import signal
+import socket
+import struct
 import subprocess
 import tempfile
+import threading
 import unittest
 
 from deliveries import Deliveries
@@ -78,6 +81,65 @@ class ExampleTest(HostTestCase):
         arrived = [message_bytes(record) for record in self.wait_for_records(len(lines))]
         self.assertEqual(sorted(arrived), sorted(lines))
         self.assertEqual(self.stop_host(), 0)
+
+    def example(self, data, *arguments):
+        return subprocess.run([self.program, self.socket, "a C program", *arguments], input=data, capture_output=True,
+                              timeout=PATIENCE, check=False)
+
+    def test_a_line_that_cannot_be_sent_is_named_and_a_long_one_is_one_record(self):
+        self.write_config(ingress={"max_frame": 1_000_000})
+        self.start_host()
+        long, last = b"l" * 200_000, b"last, without a newline"
+        result = self.example(b"a\0b\n" + long + b"\n" + b"x" * 1_000_000 + b"\n" + last)
+        self.assertEqual(result.returncode, 1)
+        said = result.stderr.decode().splitlines()
+        self.assertIn("line 1 was not sent: the record holds a zero byte, where the component would cut it", said)
+        # Which of both it is depends on whether the host has told its limit by then.
+        self.assertTrue({"line 3 was not sent: the record is longer than the host takes",
+                         "line 3 was not accepted: longer than the host takes"} & set(said), said)
+        self.assertEqual(len(said), 2, said)
+        arrived = [message_bytes(record) for record in self.wait_for_records(2)]
+        self.assertEqual(sorted(arrived), sorted([long, last]))
+        self.assertEqual(self.stop_host(), 0)
+
+    def test_without_a_host_it_says_that_nothing_was_sent(self):
+        result = self.example(b"one\n", "0")
+        self.assertEqual((result.returncode, result.stderr), (1, b"line 1 was not accepted: not sent\n"))
+
+    def answer_with(self, *answers):
+        """A host for one connection and one message, which it answers so and then keeps waiting."""
+        listener = socket.socket(socket.AF_UNIX)
+        self.addCleanup(listener.close)
+        self.socket.parent.mkdir(parents=True, exist_ok=True)
+        listener.bind(str(self.socket))
+        listener.listen()
+
+        def serve():
+            connection, _ = listener.accept()
+            with connection, connection.makefile("rb") as stream:
+                stream.read(16)
+                connection.sendall(struct.pack("<IB3x4sIII", 20, 2, b"QMIN", 1, 65536, 16))
+                length, request = struct.unpack("<I8xQ", stream.read(20))
+                stream.read(length - 16)
+                for status in answers:
+                    connection.sendall(struct.pack("<IB3xIQ", 16, 4, status, request))
+                stream.read()
+
+        thread = threading.Thread(target=serve)
+        thread.start()
+        self.addCleanup(thread.join)
+
+    def test_a_line_without_an_answer_is_said_to_have_none(self):
+        self.answer_with()
+        result = self.example(b"one\n", "2")
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, b"line 1 was not accepted: no answer, it may have been taken or not\n"))
+
+    def test_a_refusal_is_told_with_its_reason(self):
+        self.answer_with(0xE0020002)
+        result = self.example(b"one\n")
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, b"line 1 was not accepted: producers may not send this type\n"))
 
     def test_it_goes_on_when_the_host_is_killed_and_started_again(self):
         """Nothing is lost; what had no answer may come twice, and that is at most what the client holds."""
