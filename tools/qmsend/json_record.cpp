@@ -24,17 +24,23 @@ using Names = std::array<std::pair<std::string_view, int32_t>, 4>;
 constexpr Names kPriorities = {{{"low", 0}, {"normal", 1}, {"high", 2}, {"real", 3}}};
 constexpr Names kKinds = {{{"edr", kEdr}, {"epp", kEpp}, {"tag", 3}, {"", 0}}};
 
-// The text, or the bytes behind its name with "_base64" appended. Missing when neither is there.
-std::optional<std::string> Text(const Json& json, const std::string& strName) {
-  if (const auto it = json.find(strName); it != json.end() && it->is_string()) {
-    return it->get<std::string>();
+// The text, or the bytes behind its name with "_base64" appended; left as it is when neither is there. False when one is
+// there and is no such thing.
+bool ReadText(const Json& json, const std::string& strName, std::optional<std::string>& text) {
+  if (const auto it = json.find(strName + "_base64"); it != json.end()) {
+    std::string strBytes;
+    if (!it->is_string() || !absl::Base64Unescape(it->get_ref<const std::string&>(), &strBytes)) {
+      return false;
+    }
+    text = std::move(strBytes);
   }
-  std::string strBytes;
-  const auto it = json.find(strName + "_base64");
-  if (it == json.end() || !it->is_string() || !absl::Base64Unescape(it->get_ref<const std::string&>(), &strBytes)) {
-    return std::nullopt;
+  if (const auto it = json.find(strName); it != json.end()) {
+    if (!it->is_string()) {
+      return false;
+    }
+    text = it->get<std::string>();
   }
-  return strBytes;
+  return true;
 }
 
 std::optional<int32_t> Number(const Json& json, const char* pszName) {
@@ -48,8 +54,7 @@ std::optional<int32_t> Number(const Json& json, const char* pszName) {
   return bFits ? std::optional(it->get<int32_t>()) : std::nullopt;
 }
 
-std::optional<int32_t> Named(const Json& json, const char* pszName, const Names& names) {
-  const std::string strValue = Text(json, pszName).value_or("");
+std::optional<int32_t> Named(const std::string& strValue, const Names& names) {
   for (const auto& [svName, iValue] : names) {
     if (!strValue.empty() && strValue == svName) {
       return iValue;
@@ -59,20 +64,23 @@ std::optional<int32_t> Named(const Json& json, const char* pszName, const Names&
 }
 
 // The number itself, which alone tells all values apart, before its names.
-std::optional<int32_t> Priority(const Json& json) {
+std::optional<int32_t> Priority(const Json& json, const std::string& strName) {
+  const auto it = json.find("public");
+  if (it != json.end() && !it->is_boolean()) {
+    return std::nullopt;
+  }
   if (json.contains("priv")) {
     return Number(json, "priv");
   }
-  std::optional<int32_t> priority = Named(json, "priority", kPriorities);
-  const auto it = json.find("public");
-  if (priority && it != json.end() && it->is_boolean() && it->get<bool>()) {
+  std::optional<int32_t> priority = Named(strName, kPriorities);
+  if (priority && it != json.end() && it->get<bool>()) {
     *priority += kPublic;
   }
   return priority;
 }
 
-std::optional<int32_t> Kind(const Json& json) {
-  return json.contains("msgtype") ? Number(json, "msgtype") : Named(json, "kind", kKinds);
+std::optional<int32_t> Kind(const Json& json, const std::string& strName) {
+  return json.contains("msgtype") ? Number(json, "msgtype") : Named(strName, kKinds);
 }
 
 bool ReadGuid(const std::string& strText, GUID& guid) {
@@ -99,15 +107,24 @@ bool ReadJsonRecord(std::string_view svLine, bool bNoSave, JsonRecord& record) {
   if (!json.is_object()) {
     return false;
   }
-  const std::optional<std::string> guid = Text(json, "guid");
-  const std::optional<std::string> message = Text(json, "message");
-  const std::optional<int32_t> priv = Priority(json);
-  const std::optional<int32_t> kind = Kind(json);
+  std::optional<std::string> guid;
+  std::optional<std::string> message;
+  std::optional<std::string> product;
+  std::optional<std::string> combo;
+  std::optional<std::string> priorityName;
+  std::optional<std::string> kindName;
+  if (!ReadText(json, "guid", guid) || !ReadText(json, "message", message) || !ReadText(json, "product", product) ||
+      !ReadText(json, "combo", combo) || !ReadText(json, "priority", priorityName) ||
+      !ReadText(json, "kind", kindName)) {
+    return false;
+  }
+  const std::optional<int32_t> priv = Priority(json, priorityName.value_or(""));
+  const std::optional<int32_t> kind = Kind(json, kindName.value_or(""));
   if (!guid || !ReadGuid(*guid, record.sender) || !message || !priv || *priv < 0 || !kind) {
     return false;
   }
-  const std::string strProduct = Text(json, "product").value_or("");
-  const std::string strCombo = Text(json, "combo").value_or("");
+  const std::string strProduct = product.value_or("");
+  const std::string strCombo = combo.value_or("");
   record.bZeroByte = message->find('\0') != std::string::npos;
   // An empty record is taken only as a combo message.
   if (strProduct.empty() && strCombo.empty() && !bNoSave && !message->empty() && IsPlain(*priv, *kind)) {

@@ -21,7 +21,8 @@ inline constexpr size_t kJsonBytesARecordByte = 6;
 inline constexpr size_t kJsonBytesAround = 4096;
 
 // Needs guid, message (or message_base64), priv (or priority, with public) and msgtype (or kind); product and combo may
-// be missing, and what else there is does not count. False when that is not there or not so.
+// be missing, and fields of other names do not count. False when one is missing, or is there and not of its kind: no
+// record is sent with less than its line may have meant.
 [[nodiscard]] bool ReadJsonRecord(std::string_view svLine, bool bNoSave, JsonRecord& record);
 
 #endif  // QMLOGCACHE_TOOLS_QMSEND_JSON_RECORD_H_

@@ -61,7 +61,15 @@ TEST(JsonRecordTest, RefusesWhatIsNoRecord) {
        {R"("priv":0,"msgtype":1)", R"("priv":-1,"msgtype":1,"message":"m")", R"("priv":"0","msgtype":1,"message":"m")",
         R"("priv":4294967296,"msgtype":1,"message":"m")", R"("priv":1.5,"msgtype":1,"message":"m")",
         R"("priority":"urgent","msgtype":1,"message":"m")", R"("priv":0,"kind":"","message":"m")",
-        R"("priv":0,"msgtype":1,"message":7)"}) {
+        R"("priv":0,"msgtype":1,"message":7)",
+        // What may be missing has to be right when it is there.
+        R"("priv":0,"msgtype":1,"message":"m","product":7)", R"("priv":0,"msgtype":1,"message":"m","product":null)",
+        R"("priv":0,"msgtype":1,"message":"m","product_base64":"***")",
+        R"("priv":0,"msgtype":1,"message":"m","combo":["c"])", R"("priv":0,"msgtype":1,"message":"m","combo_base64":1)",
+        R"("priv":0,"msgtype":1,"message":"m","message_base64":"***")",
+        R"("priority":"high","public":"yes","msgtype":1,"message":"m")",
+        R"("priv":2,"public":1,"msgtype":1,"message":"m")", R"("priv":2,"priority":2,"msgtype":1,"message":"m")",
+        R"("priv":2,"msgtype":1,"kind":1,"message":"m")"}) {
     EXPECT_FALSE(Read(pszFields, record)) << pszFields;
   }
   const std::string strLong(64, 'p');
