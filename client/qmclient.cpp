@@ -97,10 +97,10 @@ int qm_client_close(qm_client* client, int timeout_ms) {
     }
     try {
       iResult = client->Flush(timeout_ms);
-      client->GiveUp();
     } catch (const std::exception&) {
       iResult = QM_CLIENT_E_MEMORY;
     }
+    client->GiveUp();  // which needs no memory
   }
   delete client;
   return iResult;

@@ -127,6 +127,38 @@ TEST_F(ClientMemoryTest, WhereverMemoryIsShortOnceEveryRecordIsAcceptedOnce) {
   EXPECT_GT(uNth, 20U);
 }
 
+TEST_F(ClientMemoryTest, WhateverMemoryThereIsClosingReportsEveryRecordOnce) {
+  bool bFailed = true;
+  unsigned int uNth = 0;
+  while (bFailed && !HasFailure()) {
+    SCOPED_TRACE(++uNth);
+    m_mapOutcomes.clear();
+    Open();
+    for (uint64_t i = 0; i < kRecords; ++i) {
+      SendForSure(i, 5000 * (i + 1));
+    }
+    // So that all the work is left to the closing.
+    Serve();
+    int iResult = QM_CLIENT_OK;
+    {
+      const CNthAllocationFault fault(uNth);
+      iResult = qm_client_close(m_pClient, kPatienceMs);
+      bFailed = fault.HasFailed();
+    }
+    m_pClient = nullptr;
+    EXPECT_EQ(m_mapOutcomes.size(), kRecords);
+    for (const auto& [u64Cookie, vecOutcomes] : m_mapOutcomes) {
+      EXPECT_EQ(vecOutcomes.size(), 1U) << u64Cookie;
+    }
+    if (!bFailed) {
+      EXPECT_EQ(iResult, QM_CLIENT_OK);
+      ExpectAllAccepted(m_mapOutcomes);
+    }
+    StopServer();
+  }
+  EXPECT_GT(uNth, 5U);
+}
+
 TEST_F(ClientMemoryTest, WithoutARetryTimeALostConnectionEndsEverythingWhateverMemoryThereIs) {
   m_clientOptions.retry_ms = 0;
   bool bFailed = true;
