@@ -156,12 +156,15 @@ bool CHost::StartParts() {
   }
 
   const bool bLaterThanLast = m_DataDir.AwaitNewSecond();
+  std::optional<uint64_t> optFirstOfRun;
   if (bLaterThanLast) {
-    m_pLink->SetRunStart(static_cast<uint32_t>(time(nullptr)));
+    const auto uStartSecond = static_cast<uint32_t>(time(nullptr));
+    m_pLink->SetRunStart(uStartSecond);
+    optFirstOfRun = static_cast<uint64_t>(uStartSecond) << 32;
   } else {
     LogPrint(m_hLog, kLogWarning, "*qmhost the clock is behind the last start");
   }
-  if (!m_Config.status.strAddress.empty() && !StartStatus(bLaterThanLast)) {
+  if (!m_Config.status.strAddress.empty() && !StartStatus(optFirstOfRun)) {
     return false;
   }
   // Every plug-in gets its chance, so that one start tells of all that is wrong.
@@ -192,7 +195,7 @@ bool CHost::StartParts() {
   return true;
 }
 
-bool CHost::StartStatus(bool bRunKnown) {
+bool CHost::StartStatus(std::optional<uint64_t> optFirstOfRun) {
   StatusSources sources;
   sources.strVersion = QMHOST_VERSION;
   std::array<char, 4096> arrDirectory{};
@@ -203,7 +206,7 @@ bool CHost::StartStatus(bool bRunKnown) {
   sources.fnLink = [this] { return m_pLink->GetCounts(); };
   sources.fnDownReason = [this] { return m_pLink->GetDownReason(); };
   sources.strLink = m_pLink->Describe();
-  sources.bRunKnown = bRunKnown;
+  sources.optFirstOfRun = optFirstOfRun;
   std::string strError;
   m_pStatus = CreateStatusService(m_Config.status, std::move(sources));
   if (!m_pStatus->Start(strError)) {

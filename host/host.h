@@ -2,7 +2,9 @@
 #ifndef QMLOGCACHE_HOST_HOST_H_
 #define QMLOGCACHE_HOST_HOST_H_
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,7 +38,7 @@ class CHost {
   // Each false with the reason told.
   bool Prepare();  // directories, lock, log
   bool StartParts();
-  bool StartStatus(bool bRunKnown);
+  bool StartStatus(std::optional<uint64_t> optFirstOfRun);
   void Stop();
   void Fail(const std::string& strReason);
   void Fail(const std::vector<std::string>& vecReasons);

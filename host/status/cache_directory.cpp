@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -75,6 +76,9 @@ class CScan {
     const int iDirectory = openat(iParent, pszName, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (iDepth > 0 ? O_NOFOLLOW : 0));
     const std::unique_ptr<DIR, DirectoryCloser> pDir(iDirectory >= 0 ? fdopendir(iDirectory) : nullptr);
     if (!pDir) {
+      if (iDirectory >= 0) {
+        close(iDirectory);
+      }
       return false;
     }
     while (const dirent* pEntry = readdir(pDir.get())) {
@@ -90,6 +94,14 @@ class CScan {
       }
     }
     return true;
+  }
+
+  std::vector<std::string> Names() const {
+    std::vector<std::string> vecNames;
+    for (const auto& [strSender, file] : m_mapFiles) {
+      vecNames.push_back(file.strFile);
+    }
+    return vecNames;
   }
 
   CacheContents Take() {
@@ -159,4 +171,12 @@ CacheContents ScanCacheDirectory(const std::string& strDirectory) {
   CacheContents none;
   none.bMissing = errno == ENOENT;
   return none;
+}
+
+std::optional<std::vector<std::string>> ListCacheFiles(const std::string& strDirectory) {
+  CScan scan;
+  if (scan.Walk(AT_FDCWD, strDirectory.c_str(), 0)) {
+    return scan.Names();
+  }
+  return errno == ENOENT ? std::optional<std::vector<std::string>>(std::in_place) : std::nullopt;
 }

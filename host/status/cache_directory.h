@@ -39,6 +39,10 @@ struct CacheContents {
 // Looks at names and sizes only: opens no file. The rows are left out.
 CacheContents ScanCacheDirectory(const std::string& strDirectory);
 
+// The names of all cache files, those too that the contents have no place for; none when there is no such directory.
+// Nothing when it cannot be read.
+std::optional<std::vector<std::string>> ListCacheFiles(const std::string& strDirectory);
+
 // Anybody who may send can make cache files by making up senders; so many are told of one by one.
 inline constexpr size_t kMostCacheFiles = 200;
 

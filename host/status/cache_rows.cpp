@@ -3,7 +3,9 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <utility>
@@ -16,6 +18,8 @@ using Clock = CCacheRows::Clock;
 constexpr int kInstructionsALook = 2000;
 // The time of change of what is to be counted again after a pause.
 constexpr int64_t kNotCounted = -2;
+// SQLite takes a file of one byte for an empty one, too.
+constexpr uint64_t kEmptySize = 1;
 
 struct DatabaseCloser {
   void operator()(sqlite3* pDatabase) const { sqlite3_close_v2(pDatabase); }
@@ -28,35 +32,30 @@ int IsLate(void* pDeadline) {
   return Clock::now() > *static_cast<const Clock::time_point*>(pDeadline) ? 1 : 0;
 }
 
-// SQLite opens a side file that is there, and would wait for ever for somebody at the other end of a pipe.
-bool IsFileOrMissing(const std::string& strFile) {
+// Nothing when there is something else than a file. SQLite opens a side file that is there, and would wait for ever for
+// somebody at the other end of a pipe.
+std::optional<uint64_t> SizeOfFile(const std::string& strFile) {
   struct stat info {};
-  return lstat(strFile.c_str(), &info) == 0 ? S_ISREG(info.st_mode) : errno == ENOENT;
+  if (lstat(strFile.c_str(), &info) != 0) {
+    return errno == ENOENT ? std::optional<uint64_t>(0) : std::nullopt;
+  }
+  return S_ISREG(info.st_mode) ? std::optional(static_cast<uint64_t>(info.st_size)) : std::nullopt;
 }
 
-bool IsCountable(const std::string& strFile) {
-  struct stat info {};
-  return lstat(strFile.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 1 &&
-         static_cast<uint64_t>(info.st_size) <= kLargestCounted && IsFileOrMissing(strFile + "-journal") &&
-         IsFileOrMissing(strFile + "-wal") && IsFileOrMissing(strFile + "-shm");
+// Whoever opens a file first reads its whole log, and nothing ends that early.
+bool IsReadable(const std::string& strFile, uint64_t u64Largest) {
+  const std::optional<uint64_t> optSize = SizeOfFile(strFile);
+  const std::optional<uint64_t> optLog = SizeOfFile(strFile + "-wal");
+  return optSize && *optSize > kEmptySize && optLog && *optLog <= kLargestCounted && *optSize <= u64Largest - *optLog &&
+         SizeOfFile(strFile + "-journal") && SizeOfFile(strFile + "-shm");
 }
 
 struct MemoryReleaser {
   void operator()(char* pszText) const { std::free(pszText); }
 };
 
-// Without links and with a slash at its end. As it was given when it cannot be resolved: then nothing is counted there.
-std::string Resolved(const std::string& strDirectory) {
-  const std::unique_ptr<char, MemoryReleaser> pszReal(realpath(strDirectory.c_str(), nullptr));
-  return pszReal ? std::string(pszReal.get()) + "/" : strDirectory;
-}
-
-}  // namespace
-
-std::optional<uint64_t> CountCacheRows(const std::string& strFile) {
-  if (!IsCountable(strFile)) {
-    return std::nullopt;
-  }
+// The number that a query about the data ids below one tells.
+std::optional<int64_t> Ask(const std::string& strFile, const char* pszQuery, int64_t i64DataId) {
   Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kLongestCountMs);
   sqlite3* pOpened = nullptr;
   const int iOpened = sqlite3_open_v2(strFile.c_str(), &pOpened,
@@ -76,19 +75,48 @@ std::optional<uint64_t> CountCacheRows(const std::string& strFile) {
   sqlite3_busy_timeout(pDatabase.get(), 0);
   sqlite3_progress_handler(pDatabase.get(), kInstructionsALook, IsLate, &deadline);
   sqlite3_stmt* pPrepared = nullptr;
-  const int iPrepared = sqlite3_prepare_v2(pDatabase.get(), "SELECT COUNT(*) FROM logcache", -1, &pPrepared, nullptr);
+  const int iPrepared = sqlite3_prepare_v2(pDatabase.get(), pszQuery, -1, &pPrepared, nullptr);
   const std::unique_ptr<sqlite3_stmt, StatementCloser> pStatement(pPrepared);
-  if (iPrepared != SQLITE_OK || sqlite3_step(pStatement.get()) != SQLITE_ROW) {
+  if (iPrepared != SQLITE_OK || sqlite3_bind_int64(pStatement.get(), 1, i64DataId) != SQLITE_OK ||
+      sqlite3_step(pStatement.get()) != SQLITE_ROW) {
     return std::nullopt;
   }
-  return static_cast<uint64_t>(sqlite3_column_int64(pStatement.get(), 0));
+  return sqlite3_column_int64(pStatement.get(), 0);
+}
+
+}  // namespace
+
+std::string ResolvedDirectory(const std::string& strDirectory) {
+  const std::unique_ptr<char, MemoryReleaser> pszReal(realpath(strDirectory.c_str(), nullptr));
+  return pszReal ? std::string(pszReal.get()) + "/" : strDirectory;
+}
+
+std::optional<uint64_t> CountCacheRows(const std::string& strFile) {
+  if (!IsReadable(strFile, kLargestCounted)) {
+    return std::nullopt;
+  }
+  // COUNT(*) alone would be a single instruction, which the deadline cannot end.
+  const auto optRows = Ask(strFile, "SELECT COUNT(*) FROM logcache WHERE dataid <= ?", INT64_MAX);
+  return optRows ? std::optional(static_cast<uint64_t>(*optRows)) : std::nullopt;
+}
+
+std::optional<bool> HasRowsBefore(const std::string& strFile, uint64_t u64DataId) {
+  if (const auto optSize = SizeOfFile(strFile); optSize && *optSize <= kEmptySize) {
+    return false;
+  }
+  // No greater data id is a key.
+  const auto i64DataId = static_cast<int64_t>(std::min<uint64_t>(u64DataId, INT64_MAX));
+  const auto optHas = IsReadable(strFile, UINT64_MAX)
+                          ? Ask(strFile, "SELECT EXISTS (SELECT 1 FROM logcache WHERE dataid < ?)", i64DataId)
+                          : std::nullopt;
+  return optHas ? std::optional(*optHas != 0) : std::nullopt;
 }
 
 void CCacheRows::Fill(const std::string& strDirectory, CacheContents& contents, Clock::time_point now,
                       std::chrono::milliseconds budget) {
   const Clock::time_point end = Clock::now() + budget;
   // A cache file that is a link is not counted, and SQLite tells it from a directory that is one by no other way.
-  const std::string strReal = Resolved(strDirectory);
+  const std::string strReal = ResolvedDirectory(strDirectory);
   std::map<std::string, Counted> mapLeft;
   for (CacheFile& file : contents.vecFiles) {
     Counted counted;

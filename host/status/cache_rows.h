@@ -26,9 +26,16 @@ inline constexpr uint64_t kLargestCounted = uint64_t{16} << 20;
 inline constexpr int kLongestCountMs = 20;
 inline constexpr int kCountPauseSeconds = 10;
 
-// Nothing when the file cannot be counted: too large, not there, not a database, busy, or not in time; or
-// when a part of the path, or a file beside it that belongs to it, is a link or no file.
+// Nothing when the file cannot be counted: too large with its write-ahead log, not there, not a database, busy, or not in
+// time; or when a part of the path, or a file beside it that belongs to it, is a link or no file.
 std::optional<uint64_t> CountCacheRows(const std::string& strFile);
+// Whether it holds rows of smaller data ids; that takes no count, and so the file may be of any size. A file that is not
+// there, or is empty, holds none. Nothing when it cannot be told, for the reasons above.
+std::optional<bool> HasRowsBefore(const std::string& strFile, uint64_t u64DataId);
+
+// Without links and with a slash at its end, as the two above want it. As it was given when it cannot be resolved: then
+// nothing is counted there.
+std::string ResolvedDirectory(const std::string& strDirectory);
 
 class CCacheRows {
  public:

@@ -7,6 +7,7 @@
 #include "host/status/cache_directory.h"
 #include "host/status/cache_rows.h"
 #include "host/status/component_statistics.h"
+#include "host/status/earlier_rows.h"
 #include "host/status/history.h"
 #include "host/status/metrics.h"
 #include "host/status/status_json.h"
@@ -20,26 +21,12 @@ using std::chrono::seconds;
 
 // What the counting of rows may take of each tick, and of the start.
 constexpr milliseconds kCountBudget{50};
+constexpr milliseconds kEarlierBudget{20};
 constexpr milliseconds kFirstCountBudget{500};
 constexpr seconds kRateSpan{60};
 constexpr size_t kRememberedFiles = 8;
 // Of this many times its length a look at the directory takes one.
 constexpr int kScanShare = 20;
-
-// The rows of all files; nothing when some could not be counted. A directory that is yet to be made has none.
-std::optional<uint64_t> AllRows(const CacheContents& contents) {
-  if (!contents.bReadable && !contents.bMissing) {
-    return std::nullopt;
-  }
-  uint64_t u64Rows = 0;
-  for (const CacheFile& file : contents.vecFiles) {
-    if (!file.optRows) {
-      return std::nullopt;
-    }
-    u64Rows += *file.optRows;
-  }
-  return contents.vecFiles.size() == contents.uFiles ? std::optional(u64Rows) : std::nullopt;
-}
 
 // Everything but Start runs on the server's thread.
 class CStatusService final : public IStatusService {
@@ -52,16 +39,14 @@ class CStatusService final : public IStatusService {
 
   bool Start(std::string& strError) override {
     m_cacheSettings = ReadCacheSettings(m_sources.strProgramDirectory);
-    m_cache = ScanCacheDirectory(m_cacheSettings.strDirectory);
-    m_rows.Fill(m_cacheSettings.strDirectory, m_cache, Now(), kFirstCountBudget);
-    m_optRowsAtStart = AllRows(m_cache);
+    m_earlier.Count(m_cacheSettings.strDirectory, kFirstCountBudget);
     return m_pServer->Start(strError);
   }
 
  private:
   static StatusTime Now() { return std::chrono::steady_clock::now(); }
 
-  void Look() {
+  void LookAtFiles() {
     const StatusTime begin = Now();
     if (begin >= m_nextScan) {
       m_cache = ScanCacheDirectory(m_cacheSettings.strDirectory);
@@ -69,6 +54,13 @@ class CStatusService final : public IStatusService {
       m_nextScan = begin + kScanShare * (Now() - begin);
     }
     m_rows.Fill(m_cacheSettings.strDirectory, m_cache, Now(), kCountBudget);
+    if (m_sources.optFirstOfRun) {
+      m_earlier.Look(m_cacheSettings.strDirectory, *m_sources.optFirstOfRun, kEarlierBudget);
+    }
+  }
+
+  void Look() {
+    LookAtFiles();
     const StatusSnapshot snapshot = Snapshot();
     HistorySample sample;
     sample.when = Now();
@@ -109,8 +101,8 @@ class CStatusService final : public IStatusService {
     snapshot.cache = m_cache;
     snapshot.optComponent = m_component.Latest();
     snapshot.optRates = m_history.Rates(kRateSpan);
-    if (m_sources.bRunKnown) {
-      HeldInput input{snapshot.intake.aAccepted, snapshot.link, m_optRowsAtStart, m_cacheSettings.bKeepsAll};
+    if (m_sources.optFirstOfRun) {
+      HeldInput input{snapshot.intake.aAccepted, snapshot.link, m_earlier.AtStart(), m_cacheSettings.bKeepsAll};
       input.bHasDropped = snapshot.optComponent && snapshot.optComponent->u64SendFailures != 0;
       const auto& vecRefused = snapshot.intake.vecRefused;
       input.bHasNotAnswered = std::any_of(vecRefused.begin(), vecRefused.end(),
@@ -146,7 +138,7 @@ class CStatusService final : public IStatusService {
   CacheContents m_cache;
   StatusTime m_nextScan{};
   CCacheRows m_rows;
-  std::optional<uint64_t> m_optRowsAtStart;
+  CEarlierRows m_earlier;
   CHistory m_history;
   StatusTime m_linkStateSince{};  // as of m_linkChanged
   std::chrono::system_clock::time_point m_linkChanged{};

@@ -4,8 +4,10 @@
 #ifndef QMLOGCACHE_HOST_STATUS_STATUS_SERVICE_H_
 #define QMLOGCACHE_HOST_STATUS_STATUS_SERVICE_H_
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "host/link/server_link.h"
@@ -19,8 +21,9 @@ struct StatusSources {
   std::function<IntakeCounts()> fnIntake;
   std::function<ServerLinkCounts()> fnLink;
   std::function<std::string()> fnDownReason;
-  std::string strLink;    // where records go
-  bool bRunKnown = true;  // whether the link can tell records of this run from earlier ones
+  std::string strLink;  // where records go
+  // The least data id of this run. Nothing when its records cannot be told from earlier ones.
+  std::optional<uint64_t> optFirstOfRun;
 };
 
 class IStatusService {

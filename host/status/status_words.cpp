@@ -36,7 +36,7 @@ std::string HeldClause(const StatusSnapshot& snapshot) {
   const HeldRecords& held = *snapshot.optHeld;
   const std::string strMost = held.bAbout ? "about " : held.bAtMost ? "at most " : "";
   if (!held.optEarlier) {
-    return strMost + RecordWords(held.u64OfRun) + " of this run held, beside what earlier runs left";
+    return strMost + RecordWords(held.u64OfRun) + " of this run held, beside what earlier runs may have left";
   }
   const uint64_t u64Held = held.u64OfRun + *held.optEarlier;
   if (u64Held == 0) {

@@ -139,7 +139,8 @@ class StatusTest(StatusTestCase):
                          {len(history["cache_bytes"])})
         self.assertEqual(json.loads(self.get("/api/history?span=day")[2])["step_seconds"], 60)
 
-    def test_what_an_earlier_run_left_counts_as_held(self):
+    def start_without_destination(self):
+        """Starts the host; returns the destination, which is to be started."""
         destination = Destination()
         destination.start()
         self.addCleanup(destination.stop)
@@ -147,6 +148,10 @@ class StatusTest(StatusTestCase):
         url = f"http://127.0.0.1:{destination.port}/records"
         self.configure(link={"driver": "http"}, http={"url": url, "retry_max_ms": 200})
         self.start_host()
+        return destination
+
+    def test_what_an_earlier_run_left_counts_as_held(self):
+        destination = self.start_without_destination()
         self.send_records("low", 40)
         self.assertEqual(self.stop_host(), 0)
         self.start_host()
@@ -160,6 +165,39 @@ class StatusTest(StatusTestCase):
         status = self.wait_for_status(lambda now: now["held"]["total"] == 0, "nothing to be held")
         self.assertEqual(status["records"]["delivered"], {"low": 40, "normal": 0, "high": 2, "real": 0, "other": 0})
         self.assertEqual(len(destination.messages()), 42)
+
+    def test_a_backlog_too_large_to_count_is_known_again_when_it_is_gone(self):
+        destination = self.start_without_destination()
+        lines = b"".join(b"%d " % number + b"x" * 60000 + b"\n" for number in range(350))
+        sent = self.send("--sender", SENDER, data=lines)
+        self.assertEqual(sent.returncode, 0, sent.stderr)
+        self.assertEqual(self.stop_host(), 0)
+        (file,) = self.cache_dir.glob("*.db")
+        self.assertGreater(file.stat().st_size, 16 << 20)
+        self.start_host()
+        self.send_records("high", 2)
+        status = self.status()
+        self.assertIsNone(status["held"]["total"])
+        self.assertIn("2 records of this run held, beside what earlier runs may have left", status["summary"])
+        destination.start()
+        status = self.wait_for_status(lambda now: now["held"]["total"] == 0, "nothing to be held")
+        self.assertIn("no records held", status["summary"])
+        self.assertEqual(sum(status["records"]["delivered"].values()), 352)
+
+    def test_many_senders_are_all_counted_at_the_start(self):
+        self.start_host()
+        connection = Connection(self.socket)
+        self.addCleanup(connection.close)
+        for number in range(205):
+            connection.send(EDR, number, uuid.UUID(int=number + 1), b"x")
+            self.assertEqual(connection.answer(), (number, 0))
+        self.wait_for_records(205)
+        self.wait_for_status(lambda now: sum(now["records"]["delivered"].values()) == 205, "205 deliveries")
+        self.assertEqual(self.stop_host(), 0)
+        self.assertEqual(len(list(self.cache_dir.glob("*.db"))), 205)
+        self.start_host()
+        status = self.wait_for_status(lambda now: now["held"]["total"] == 0, "nothing to be held")
+        self.assertIn("no records", status["summary"])
 
     def test_tells_the_sizes_and_rows_of_cache_files(self):
         self.start_host()

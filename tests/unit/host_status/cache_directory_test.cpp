@@ -59,6 +59,7 @@ TEST_F(CacheDirectoryTest, OfVeryManyFilesTheLargestAreTold) {
   const CacheContents contents = Scan();
   EXPECT_EQ(contents.uFiles, kMostCacheFiles + 5);
   ASSERT_EQ(contents.vecFiles.size(), kMostCacheFiles);
+  EXPECT_EQ(ListCacheFiles(m_directory.Path())->size(), kMostCacheFiles + 5);
   EXPECT_EQ(contents.vecFiles.front().u64Bytes, kMostCacheFiles + 5);
 }
 

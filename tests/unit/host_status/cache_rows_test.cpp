@@ -140,6 +140,36 @@ TEST_F(CacheRowsTest, ALargeFileIsNotCounted) {
   EXPECT_EQ(CountCacheRows(m_strFile), std::nullopt);
 }
 
+TEST_F(CacheRowsTest, ALargeLogIsNotRead) {
+  Open(m_strFile);
+  Insert(1);
+  ASSERT_EQ(HasRowsBefore(m_strFile, INT64_MAX), true);
+  std::filesystem::resize_file(m_strFile + "-wal", kLargestCounted + 1);
+  EXPECT_EQ(CountCacheRows(m_strFile), std::nullopt);
+  EXPECT_EQ(HasRowsBefore(m_strFile, INT64_MAX), std::nullopt);
+}
+
+TEST_F(CacheRowsTest, ACountThatTakesTooLongIsGivenUp) {
+  Open(m_strFile);
+  Run("DROP TABLE logcache");
+  // All data ids together are half a second's work.
+  Run("CREATE TABLE logcache (data TEXT, dataid INTEGER AS (length(hex(zeroblob(10000 + length(data))))))");
+  Insert(30000);
+  EXPECT_EQ(CountCacheRows(m_strFile), std::nullopt);
+  EXPECT_EQ(HasRowsBefore(m_strFile, 1), std::nullopt);
+}
+
+TEST_F(CacheRowsTest, TellsWhetherRowsStandBeforeADataId) {
+  EXPECT_EQ(HasRowsBefore(m_strFile, UINT64_MAX), false);
+  Open(m_strFile);
+  EXPECT_EQ(HasRowsBefore(m_strFile, UINT64_MAX), false);
+  Run("INSERT INTO logcache VALUES (8, 'text')");
+  EXPECT_EQ(HasRowsBefore(m_strFile, 8), false);
+  EXPECT_EQ(HasRowsBefore(m_strFile, 9), true);
+  EXPECT_EQ(HasRowsBefore(m_strFile, UINT64_MAX), true);
+  EXPECT_EQ(HasRowsBefore(m_directory.Path(), 9), std::nullopt);
+}
+
 TEST_F(CacheRowsTest, CountsAgainOnlyAfterAChangeAndAPause) {
   Open(m_strFile);
   Insert(1);

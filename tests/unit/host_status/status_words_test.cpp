@@ -22,8 +22,9 @@ TEST(StatusWordsTest, EachClauseIsThereOnlyWhenItIsKnown) {
   snapshot.optHeld->optOldest.reset();
   EXPECT_EQ(StatusSummary(snapshot), "Link down for 3 min, 1,204 records held, 38 MiB of 2 GiB.");
   snapshot.optHeld->optEarlier.reset();
-  EXPECT_EQ(StatusSummary(snapshot),
-            "Link down for 3 min, 1,204 records of this run held, beside what earlier runs left, 38 MiB of 2 GiB.");
+  EXPECT_EQ(
+      StatusSummary(snapshot),
+      "Link down for 3 min, 1,204 records of this run held, beside what earlier runs may have left, 38 MiB of 2 GiB.");
   snapshot.optHeld.reset();
   EXPECT_EQ(StatusSummary(snapshot), "Link down for 3 min, 38 MiB of 2 GiB.");
   snapshot.cache.bReadable = false;
