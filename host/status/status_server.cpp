@@ -50,10 +50,14 @@ class CSession : public std::enable_shared_from_this<CSession> {
   }
 
   void Start() {
-    m_stream.expires_after(kRequestTimeout);
-    // What a client sends as a body is not looked at.
-    http::async_read_header(m_stream, m_buffer, m_parser,
-                            [pSelf = shared_from_this()](const error_code& error, size_t) { pSelf->OnRequest(error); });
+    OrClose([this] {
+      m_stream.expires_after(kRequestTimeout);
+      // What a client sends as a body is not looked at.
+      http::async_read_header(m_stream, m_buffer, m_parser,
+                              [pSelf = shared_from_this()](const error_code& error, size_t) {
+                                pSelf->OrClose([&] { pSelf->OnRequest(error); });
+                              });
+    });
   }
 
   void Close() {
@@ -65,13 +69,24 @@ class CSession : public std::enable_shared_from_this<CSession> {
   }
 
  private:
+  // A step that throws was the last one.
+  template <typename TStep>
+  void OrClose(const TStep& fnStep) {
+    try {
+      fnStep();
+    } catch (...) {
+      Close();
+      throw;
+    }
+  }
+
   void OnRequest(const error_code& error) {
     if (!m_stream.socket().is_open()) {
       Close();
       return;
     }
     if (!error) {
-      AnswerIt();
+      Write(m_fnAnswer(m_parser.get()));
     } else if (error == http::error::header_limit || error == http::error::buffer_overflow) {
       Write(AnswerFailure(http::status::request_header_fields_too_large, "The request is too long."));
     } else if (error.category() == http::make_error_code(http::error::bad_method).category() &&
@@ -79,15 +94,6 @@ class CSession : public std::enable_shared_from_this<CSession> {
       Write(AnswerFailure(http::status::bad_request, "This is not a request."));
     } else {
       Close();
-    }
-  }
-
-  void AnswerIt() {
-    try {
-      Write(m_fnAnswer(m_parser.get()));
-    } catch (...) {
-      Close();
-      throw;
     }
   }
 
@@ -102,7 +108,7 @@ class CSession : public std::enable_shared_from_this<CSession> {
       error_code ignored;
       pSelf->m_stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
       pSelf->m_stream.expires_after(kFarewell);
-      pSelf->AwaitEnd(kFarewellBytes);
+      pSelf->OrClose([&] { pSelf->AwaitEnd(kFarewellBytes); });
     });
   }
 
@@ -112,7 +118,7 @@ class CSession : public std::enable_shared_from_this<CSession> {
                                if (error || uRead >= uLeft) {
                                  pSelf->Close();
                                } else {
-                                 pSelf->AwaitEnd(uLeft - uRead);
+                                 pSelf->OrClose([&] { pSelf->AwaitEnd(uLeft - uRead); });
                                }
                              });
   }
@@ -203,15 +209,26 @@ class CStatusServer final : public IStatusServer {
   // What a handler throws costs the connection or the tick it came from, never the thread.
   void Run() noexcept {
     const CLoopThread loopThread(m_loop);
-    for (;;) {
+    while (!m_ioContext.stopped()) {
       try {
+        GoOn();
         m_ioContext.run();
-        return;
       } catch (const std::exception& error) {
         LogPrint(m_hLog, kLogWarning, "*qmhost the status page: %s", error.what());
       } catch (...) {
         LogPrintStr(m_hLog, kLogWarning, "*qmhost the status page: an unknown error");
       }
+    }
+  }
+
+  // Starts again what ended with a handler that threw.
+  void GoOn() {
+    try {
+      ArmTick();
+      AcceptNext();
+    } catch (...) {
+      std::this_thread::sleep_for(kAcceptPause);
+      throw;
     }
   }
 
@@ -230,23 +247,40 @@ class CStatusServer final : public IStatusServer {
     }
   }
 
-  void Tick() {
+  void ArmTick() {
+    if (m_bTicking) {
+      return;
+    }
     m_tickTimer.expires_after(m_handlers.tick);
     m_tickTimer.async_wait([this](const error_code& error) {
+      m_bTicking = false;
       if (!error) {
         Tick();
       }
     });
+    m_bTicking = true;
+  }
+
+  void Tick() {
+    ArmTick();
     ListenIfNot();
     m_handlers.fnTick();
   }
 
   void AcceptNext() {
+    if (m_bAccepting || !m_bListening) {
+      return;
+    }
     m_acceptor.async_accept([this](const error_code& error, tcp::socket socket) {
+      m_bAccepting = false;
       if (error && error != asio::error::connection_aborted) {
         // Out of descriptors, as a rule: trying again at once would only spin.
         m_acceptTimer.expires_after(kAcceptPause);
-        m_acceptTimer.async_wait([this](const error_code&) { AcceptNext(); });
+        m_acceptTimer.async_wait([this](const error_code&) {
+          m_bAccepting = false;
+          AcceptNext();
+        });
+        m_bAccepting = true;
         return;
       }
       AcceptNext();
@@ -254,6 +288,7 @@ class CStatusServer final : public IStatusServer {
         Admit(std::move(socket));
       }
     });
+    m_bAccepting = true;
   }
 
   void Admit(tcp::socket socket) {
@@ -279,6 +314,9 @@ class CStatusServer final : public IStatusServer {
   asio::io_context m_ioContext{1};
   tcp::acceptor m_acceptor;
   bool m_bListening = false;
+  // Whether a handler is waited for that goes on with it.
+  bool m_bAccepting = false;
+  bool m_bTicking = false;
   error_code m_lastFailure;
   asio::steady_timer m_acceptTimer;
   asio::steady_timer m_tickTimer;

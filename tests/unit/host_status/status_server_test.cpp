@@ -8,11 +8,25 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdlib>
 #include <future>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
+
+namespace {
+
+thread_local bool t_bStarved = false;
+
+}  // namespace
+
+// What Boost.Asio keeps its handlers in. There is none for a thread that is starved.
+extern "C" void* aligned_alloc(size_t uAlignment, size_t uSize) noexcept {
+  void* pMemory = nullptr;
+  return !t_bStarved && posix_memalign(&pMemory, uAlignment, uSize) == 0 ? pMemory : nullptr;
+}
 
 namespace {
 
@@ -72,6 +86,13 @@ class StatusServerTest : public ::testing::Test {
     std::string strError;
     ASSERT_TRUE(m_pServer->Start(strError)) << strError;
   }
+  void AwaitTicks(unsigned int uCount) const {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kHangGuardMs);
+    for (const unsigned int uTicks = m_uTicks + uCount; m_uTicks < uTicks;) {
+      ASSERT_LT(std::chrono::steady_clock::now(), end);
+      std::this_thread::yield();
+    }
+  }
   CSocket Connect() const {
     CSocket client;
     const sockaddr_in address = Loopback(m_options.uPort);
@@ -88,6 +109,7 @@ class StatusServerTest : public ::testing::Test {
   }
   static std::string StatusLine(const std::string& strAnswer) { return strAnswer.substr(0, strAnswer.find('\r')); }
 
+  std::atomic<bool> m_bStarve{false};
   const StatusOptions m_options{"127.0.0.1", FreePort()};
   std::atomic<unsigned int> m_uTicks{0};
   std::promise<void> m_ticked;
@@ -100,6 +122,7 @@ class StatusServerTest : public ::testing::Test {
                                                 : std::optional(StatusDocument{"text/plain", "hello"});
                   },
                   [this] {
+                    t_bStarved = m_bStarve;
                     if (m_uTicks.fetch_add(1) == 2) {
                       m_ticked.set_value();
                     }
@@ -164,6 +187,27 @@ TEST_F(StatusServerTest, AHandlerThatThrowsCostsItsConnectionOnly) {
   Start();
   EXPECT_EQ(Get("/throw"), "");
   EXPECT_EQ(StatusLine(Get("/")), "HTTP/1.1 200 OK");
+}
+
+TEST_F(StatusServerTest, GoesOnWhenThereIsMemoryAgain) {
+  Start();
+  EXPECT_EQ(StatusLine(Get("/")), "HTTP/1.1 200 OK");
+  for (unsigned int uFamine = 0; uFamine < 5; ++uFamine) {
+    m_bStarve = true;
+    AwaitTicks(2);
+    std::vector<CSocket> vecClients;
+    for (unsigned int i = 0; i < 3; ++i) {
+      vecClients.push_back(Connect());
+      vecClients.back().Send("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    }
+    AwaitTicks(2);
+    m_bStarve = false;
+    AwaitTicks(2);
+    for (const CSocket& client : vecClients) {
+      EXPECT_NE(client.ReadAll(), "hangs");
+    }
+    EXPECT_EQ(StatusLine(Get("/")), "HTTP/1.1 200 OK");
+  }
 }
 
 TEST_F(StatusServerTest, StopsWithConnectionsOpen) {
