@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/protocol/host_status.h"
+#include "host/service/loop.h"
 #include "host/status/cache_directory.h"
 #include "host/status/cache_rows.h"
 #include "host/status/component_statistics.h"
@@ -47,6 +48,8 @@ class CStatusService final : public IStatusService {
   static StatusTime Now() { return std::chrono::steady_clock::now(); }
 
   void LookAtFiles() {
+    // A disk that hangs is no reason to end the host.
+    const CForeignCode foreign;
     const StatusTime begin = Now();
     if (begin >= m_nextScan) {
       m_cache = ScanCacheDirectory(m_cacheSettings.strDirectory);
