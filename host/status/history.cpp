@@ -40,7 +40,8 @@ std::optional<RecordRates> CHistory::Rates(std::chrono::seconds span) const {
     return std::nullopt;
   }
   return RecordRates{static_cast<double>(Sum(last.aAccepted) - Sum(itFirst->aAccepted)) / dSeconds,
-                     static_cast<double>(last.u64Delivered - itFirst->u64Delivered) / dSeconds};
+                     static_cast<double>(last.u64Delivered - itFirst->u64Delivered) / dSeconds,
+                     std::chrono::round<std::chrono::seconds>(last.when - itFirst->when)};
 }
 
 std::optional<StatusTime> CHistory::WhenAccepted(size_t uPriority, uint64_t u64MoreThan) const {

@@ -36,6 +36,7 @@ struct HistorySample {
 struct RecordRates {
   double dAccepted = 0;  // a second
   double dDelivered = 0;
+  std::chrono::seconds span{60};  // that they are of
 };
 
 class CHistory {

@@ -99,9 +99,10 @@ void AddHeld(const HeldRecords& held, CFamilies& families) {
                  static_cast<double>(*held.optEarlier));
   }
   if (held.optOldest || held.u64OfRun == 0) {
-    families.One("qmhost_held_oldest_age_seconds", kGauge,
-                 "How long the oldest record of this run has been held at least.",
-                 held.optOldest ? static_cast<double>(held.optOldest->count()) : 0);
+    families.One(
+        "qmhost_held_oldest_age_seconds", kGauge,
+        "How long the oldest record of this run has been held at least, as if each priority's were settled in order.",
+        held.optOldest ? static_cast<double>(held.optOldest->count()) : 0);
   }
 }
 

@@ -24,7 +24,7 @@ struct StatusSnapshot {
   std::string strLink;                                  // where records go
   std::string strDownReason;                            // empty while the link is up
   std::optional<HeldRecords> optHeld;
-  std::optional<RecordRates> optRates;  // of the last minute
+  std::optional<RecordRates> optRates;  // of the last minute, or since the start
   CacheSettings cacheSettings;
   CacheContents cache;
   std::optional<ComponentStatistics> optComponent;

@@ -16,6 +16,8 @@ constexpr double kLeastRate = 0.05;
 constexpr double kLeastForecast = 10;
 constexpr double kLongestForecast = 7 * 86400;
 constexpr double kNearlyFull = 0.9;
+// Samples are seconds apart.
+constexpr seconds kNearlyAMinute{55};
 
 std::string RecordWords(uint64_t u64Count) {
   return u64Count == 1 ? "1 record" : CountWords(u64Count) + " records";
@@ -49,8 +51,10 @@ std::string RateSentence(const StatusSnapshot& snapshot) {
   const RecordRates& rates = *snapshot.optRates;
   const std::string strAccepted = rates.dAccepted < kLeastRate ? "no" : RateWords(rates.dAccepted);
   const std::string strDelivered = rates.dDelivered < kLeastRate ? "none" : RateWords(rates.dDelivered) + " a second";
-  return "In the last minute " + strAccepted + (rates.dAccepted < kLeastRate ? " records" : " records a second") +
-         " came in and " + strDelivered + " were delivered.";
+  const std::string strSpan = rates.span < kNearlyAMinute ? DurationWords(rates.span) : "minute";
+  return "In the last " + strSpan + " " + strAccepted +
+         (rates.dAccepted < kLeastRate ? " records" : " records a second") + " came in and " + strDelivered +
+         " were delivered.";
 }
 
 std::string ForecastSentence(const StatusSnapshot& snapshot) {

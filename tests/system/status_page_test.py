@@ -106,6 +106,18 @@ class StatusPageTest(StatusTestCase):
         self.wait_for_text("#chart-rates svg", "24 h ago")
         self.assert_kept_to_itself()
 
+    def test_a_page_that_is_come_back_to_shows_the_span_that_is_chosen(self):
+        self.open_page()
+        self.wait_for_text("#chart-rates svg", "10 min ago")
+        self.browser.run("document.querySelector('input[value=\"?span=day\"]').click()")
+        self.wait_for_text("#chart-rates svg", "24 h ago")
+        self.browser.run("location.href = '/metrics'")
+        wait_until(lambda: "qmhost_link_up" in self.browser.text("body"), "another page")
+        self.browser.run("history.back()")
+        self.wait_for_text("#chart-rates svg", "ago")
+        chosen = self.browser.run("return document.querySelector('input[name=span]:checked').value")
+        self.wait_for_text("#chart-rates svg", "24 h ago" if chosen else "10 min ago")
+
     def test_a_screen_reader_hears_of_changes_and_not_of_seconds(self):
         self.open_page()
         self.wait_for_text("#spoken", "Link up")

@@ -51,6 +51,7 @@ TEST(HistoryTest, RatesAreOfTheSpanAsked) {
   ASSERT_TRUE(optRates);
   EXPECT_DOUBLE_EQ(optRates->dAccepted, 10);
   EXPECT_DOUBLE_EQ(optRates->dDelivered, 2);
+  EXPECT_EQ(optRates->span, seconds(30));
 }
 
 TEST(HistoryTest, RemembersWhenSoManyHadBeenAccepted) {

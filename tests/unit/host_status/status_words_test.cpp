@@ -66,6 +66,10 @@ TEST(StatusWordsTest, TellsTheReasonOfAnOutage) {
 TEST(StatusWordsTest, TellsRatesAndWhenABacklogWillBeGone) {
   StatusSnapshot snapshot = OutageSnapshot();
   EXPECT_TRUE(Says(snapshot, "In the last minute 6.5 records a second came in and none were delivered."));
+  snapshot.optRates->span = seconds(58);
+  EXPECT_TRUE(Says(snapshot, "In the last minute 6.5 records a second came in and none were delivered."));
+  snapshot.optRates->span = seconds(4);
+  EXPECT_TRUE(Says(snapshot, "In the last 4 s 6.5 records a second came in and none were delivered."));
   snapshot.optRates = RecordRates{0, 0.01};
   EXPECT_TRUE(Says(snapshot, "In the last minute no records came in and none were delivered."));
   snapshot.link.bUp = true;
