@@ -44,14 +44,15 @@ class CSession : public std::enable_shared_from_this<CSession> {
  public:
   using Answer = std::function<StatusResponse(const StatusRequest& request)>;
 
-  CSession(tcp::socket socket, const Answer& fnAnswer, std::function<void()> fnClosed)
-      : m_stream(std::move(socket)), m_fnAnswer(fnAnswer), m_fnClosed(std::move(fnClosed)) {
+  CSession(tcp::socket socket, std::chrono::milliseconds timeout, const Answer& fnAnswer,
+           std::function<void()> fnClosed)
+      : m_stream(std::move(socket)), m_timeout(timeout), m_fnAnswer(fnAnswer), m_fnClosed(std::move(fnClosed)) {
     m_parser.header_limit(kLongestRequest);
   }
 
   void Start() {
     OrClose([this] {
-      m_stream.expires_after(kRequestTimeout);
+      m_stream.expires_after(m_timeout);
       // What a client sends as a body is not looked at.
       http::async_read_header(m_stream, m_buffer, m_parser,
                               [pSelf = shared_from_this()](const error_code& error, size_t) {
@@ -99,7 +100,7 @@ class CSession : public std::enable_shared_from_this<CSession> {
 
   void Write(StatusResponse response) {
     m_response = std::move(response);
-    m_stream.expires_after(kRequestTimeout);
+    m_stream.expires_after(m_timeout);
     http::async_write(m_stream, m_response, [pSelf = shared_from_this()](const error_code& error, size_t) {
       if (error) {
         pSelf->Close();
@@ -128,6 +129,7 @@ class CSession : public std::enable_shared_from_this<CSession> {
   http::request_parser<http::empty_body> m_parser;
   StatusResponse m_response;
   std::array<char, 1024> m_aFarewell{};
+  const std::chrono::milliseconds m_timeout;
   const Answer& m_fnAnswer;
   std::function<void()> m_fnClosed;
 };
@@ -298,8 +300,8 @@ class CStatusServer final : public IStatusServer {
     }
     const auto itPlace = m_listSessions.insert(m_listSessions.end(), nullptr);
     try {
-      *itPlace =
-          std::make_shared<CSession>(std::move(socket), m_fnAnswer, [this, itPlace] { m_listSessions.erase(itPlace); });
+      *itPlace = std::make_shared<CSession>(std::move(socket), m_handlers.requestTimeout, m_fnAnswer,
+                                            [this, itPlace] { m_listSessions.erase(itPlace); });
     } catch (...) {
       m_listSessions.erase(itPlace);
       throw;

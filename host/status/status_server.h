@@ -45,6 +45,7 @@ struct StatusHandlers {
   // Called on the server's thread, at its start and then at this pace.
   std::function<void()> fnTick;
   std::chrono::milliseconds tick{2000};
+  std::chrono::milliseconds requestTimeout = kRequestTimeout;
 };
 
 std::unique_ptr<IStatusServer> CreateStatusServer(const StatusOptions& options, StatusHandlers handlers);

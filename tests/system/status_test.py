@@ -296,7 +296,7 @@ class HostileClientsTest(StatusTestCase):
         self.assertTrue(received == b"" or received.startswith(b"HTTP/1.1 431"), received)
         self.assertEqual(self.get("/")[0], 200)
 
-    def test_a_stop_does_not_wait_for_clients(self):
+    def test_stops_in_order_with_clients_connected(self):
         for _ in range(20):
             self.connect().sendall(b"GET /")
         started = self.status()["started"]

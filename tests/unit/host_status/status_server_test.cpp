@@ -210,13 +210,16 @@ TEST_F(StatusServerTest, GoesOnWhenThereIsMemoryAgain) {
   }
 }
 
-TEST_F(StatusServerTest, StopsWithConnectionsOpen) {
+TEST_F(StatusServerTest, AStopWaitsForNoClient) {
+  const auto fnDocument = [](std::string_view) { return StatusDocument{"text/plain", std::string(1 << 20, 'x')}; };
+  m_pServer = CreateStatusServer(m_options, {fnDocument, [] {}, std::chrono::hours(1), std::chrono::hours(1)});
   Start();
   const CSocket silent = Connect();
   const CSocket unread = Connect();
-  unread.Send("GET /large HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  unread.Send("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n");
   EXPECT_EQ(StatusLine(Get("/")), "HTTP/1.1 200 OK");
-  m_pServer.reset();
+  std::future<void> stopped = std::async(std::launch::async, [this] { m_pServer.reset(); });
+  EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(kHangGuardMs)), std::future_status::ready);
   EXPECT_EQ(silent.ReadAll(), "");
 }
 
