@@ -26,7 +26,7 @@ class InstallTest(HostTestCase):
 
     def test_one_prefix_holds_everything_an_agent_needs(self):
         self.cmake_install(self.tree)
-        for name in ("bin/qmhost", "bin/qmsend", "lib/libqmlogcache.so", "lib/libqmplatform.so", "etc/qmhost.conf",
+        for name in ("bin/qmhost", "bin/qmsend", "bin/qmcache", "lib/libqmlogcache.so", "lib/libqmplatform.so", "etc/qmhost.conf",
                      "etc/qmlogcache/qmlogcache.conf"):  # fmt: skip
             self.assertTrue((self.tree / name).is_file(), name)
         for name in ("data", "log"):
