@@ -2,7 +2,9 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qmlogcache)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+# Packages of a later commit are newer ones: the time is SOURCE_DATE_EPOCH, the commit's.
+string(TIMESTAMP commit_time "%Y%m%d%H%M%S" UTC)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1+git${commit_time})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
 set(CPACK_PACKAGE_CONTACT "qmlogcache maintainers <maintainers@qmlogcache.invalid>")
