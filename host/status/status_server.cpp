@@ -1,18 +1,11 @@
 #include "host/status/status_server.h"
 
-#include <array>
 #include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
-#include <boost/beast/http/error.hpp>
-#include <boost/beast/http/parser.hpp>
-#include <boost/beast/http/read.hpp>
-#include <boost/beast/http/write.hpp>
 #include <list>
 #include <thread>
 #include <utility>
@@ -20,119 +13,17 @@
 #include "host/router/thread_setup.h"
 #include "host/service/loop.h"
 #include "host/status/http_answers.h"
+#include "host/status/status_session.h"
 #include "platform/log.h"
 
 namespace {
 
 namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace http = boost::beast::http;
 using asio::ip::tcp;
 using boost::system::error_code;
 
 constexpr std::chrono::milliseconds kAcceptPause{100};
-// How long a client may take to hang up after its answer, and how much of what it still sends is read until then:
-// closing with bytes unread would take the answer away from it.
-constexpr std::chrono::seconds kFarewell{1};
-constexpr size_t kFarewellBytes = 65536;
-
-class CSession;
-using Sessions = std::list<std::shared_ptr<CSession>>;
-
-// One connection: a request, its answer, the end. All on the server's thread.
-class CSession : public std::enable_shared_from_this<CSession> {
- public:
-  using Answer = std::function<StatusResponse(const StatusRequest& request)>;
-
-  CSession(tcp::socket socket, std::chrono::milliseconds timeout, const Answer& fnAnswer,
-           std::function<void()> fnClosed)
-      : m_stream(std::move(socket)), m_timeout(timeout), m_fnAnswer(fnAnswer), m_fnClosed(std::move(fnClosed)) {
-    m_parser.header_limit(kLongestRequest);
-  }
-
-  void Start() {
-    OrClose([this] {
-      m_stream.expires_after(m_timeout);
-      // What a client sends as a body is not looked at.
-      http::async_read_header(m_stream, m_buffer, m_parser,
-                              [pSelf = shared_from_this()](const error_code& error, size_t) {
-                                pSelf->OrClose([&] { pSelf->OnRequest(error); });
-                              });
-    });
-  }
-
-  void Close() {
-    error_code ignored;
-    m_stream.socket().close(ignored);
-    if (m_fnClosed) {
-      std::exchange(m_fnClosed, nullptr)();
-    }
-  }
-
- private:
-  // A step that throws was the last one.
-  template <typename TStep>
-  void OrClose(const TStep& fnStep) {
-    try {
-      fnStep();
-    } catch (...) {
-      Close();
-      throw;
-    }
-  }
-
-  void OnRequest(const error_code& error) {
-    if (!m_stream.socket().is_open()) {
-      Close();
-      return;
-    }
-    if (!error) {
-      Write(m_fnAnswer(m_parser.get()));
-    } else if (error == http::error::header_limit || error == http::error::buffer_overflow) {
-      Write(AnswerFailure(http::status::request_header_fields_too_large, "The request is too long."));
-    } else if (error.category() == http::make_error_code(http::error::bad_method).category() &&
-               error != http::error::end_of_stream && error != http::error::partial_message) {
-      Write(AnswerFailure(http::status::bad_request, "This is not a request."));
-    } else {
-      Close();
-    }
-  }
-
-  void Write(StatusResponse response) {
-    m_response = std::move(response);
-    m_stream.expires_after(m_timeout);
-    http::async_write(m_stream, m_response, [pSelf = shared_from_this()](const error_code& error, size_t) {
-      if (error) {
-        pSelf->Close();
-        return;
-      }
-      error_code ignored;
-      pSelf->m_stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
-      pSelf->m_stream.expires_after(kFarewell);
-      pSelf->OrClose([&] { pSelf->AwaitEnd(kFarewellBytes); });
-    });
-  }
-
-  void AwaitEnd(size_t uLeft) {
-    m_stream.async_read_some(asio::buffer(m_aFarewell),
-                             [pSelf = shared_from_this(), uLeft](const error_code& error, size_t uRead) {
-                               if (error || uRead >= uLeft) {
-                                 pSelf->Close();
-                               } else {
-                                 pSelf->OrClose([&] { pSelf->AwaitEnd(uLeft - uRead); });
-                               }
-                             });
-  }
-
-  beast::tcp_stream m_stream;
-  beast::flat_buffer m_buffer{kLongestRequest};
-  http::request_parser<http::empty_body> m_parser;
-  StatusResponse m_response;
-  std::array<char, 1024> m_aFarewell{};
-  const std::chrono::milliseconds m_timeout;
-  const Answer& m_fnAnswer;
-  std::function<void()> m_fnClosed;
-};
+using Sessions = std::list<std::shared_ptr<CStatusSession>>;
 
 class CStatusServer final : public IStatusServer {
  public:
@@ -295,13 +186,13 @@ class CStatusServer final : public IStatusServer {
 
   void Admit(tcp::socket socket) {
     if (m_listSessions.size() >= kMostConnections) {
-      const std::shared_ptr<CSession> pOldest = m_listSessions.front();
+      const std::shared_ptr<CStatusSession> pOldest = m_listSessions.front();
       pOldest->Close();
     }
     const auto itPlace = m_listSessions.insert(m_listSessions.end(), nullptr);
     try {
-      *itPlace = std::make_shared<CSession>(std::move(socket), m_handlers.requestTimeout, m_fnAnswer,
-                                            [this, itPlace] { m_listSessions.erase(itPlace); });
+      *itPlace = std::make_shared<CStatusSession>(std::move(socket), m_handlers.requestTimeout, m_fnAnswer,
+                                                  [this, itPlace] { m_listSessions.erase(itPlace); });
     } catch (...) {
       m_listSessions.erase(itPlace);
       throw;
@@ -311,7 +202,7 @@ class CStatusServer final : public IStatusServer {
 
   const StatusOptions m_options;
   const StatusHandlers m_handlers;
-  const CSession::Answer m_fnAnswer;
+  const CStatusSession::Answer m_fnAnswer;
   void* m_hLog = nullptr;
   asio::io_context m_ioContext{1};
   tcp::acceptor m_acceptor;
