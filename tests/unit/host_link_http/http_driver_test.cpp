@@ -49,9 +49,14 @@ class CJournal final : public ILinkEvents {
   void OnDown(const std::string& strReason) override {
     const CAllocationPause pause;
     Note("down " + strReason);
+    if (fnOnDown) {
+      fnOnDown();
+    }
   }
 
-  std::function<void()> fnOnUp;  // set before the driver starts; runs on its thread
+  // Set before the driver starts; they run on its thread.
+  std::function<void()> fnOnUp;
+  std::function<void()> fnOnDown;
 
   // False when the lines do not come within the hang guard.
   bool WaitForCount(const std::string& strBeginning, size_t uCount) {
@@ -190,6 +195,9 @@ class HttpDriverTest : public ::testing::Test {
   }
 
   HttpDriverOptions m_options;
+  // What the server is to do. It may still be asked when the test's body has ended.
+  std::atomic<int> m_iStatus{200};
+  std::atomic<bool> m_bWell{true};
   CJournal m_journal;
   CGate m_held;
   CGate m_heldOthers;
@@ -237,13 +245,13 @@ TEST_F(HttpDriverTest, ABatchThatDoesNotBecomeFullGoesBesideARequestAllTheSame) 
 }
 
 TEST_F(HttpDriverTest, ABatchThatIsSentAgainAsItWasHasTheKeyItHad) {
-  std::atomic<int> iStatus{503};
-  Serve([&](const ServedRequest& request) { return StatusAnswer(request.vecIds.empty() ? 200 : iStatus.load()); });
+  m_iStatus = 503;
+  Serve([this](const ServedRequest& request) { return StatusAnswer(request.vecIds.empty() ? 200 : m_iStatus.load()); });
   StartUp();
   const std::shared_ptr<LinkRecord> pRecord = MakeRecord(1, "data");
   m_pDriver->Deliver(pRecord);
   ASSERT_TRUE(m_journal.WaitForCount("up", 2));
-  iStatus = 200;
+  m_iStatus = 200;
   m_pDriver->Deliver(pRecord);
   ASSERT_TRUE(m_journal.WaitForCount("outcome 1 0", 1));
   std::set<std::string> setKeys;
@@ -259,16 +267,15 @@ TEST_F(HttpDriverTest, ABatchThatIsSentAgainAsItWasHasTheKeyItHad) {
 }
 
 TEST_F(HttpDriverTest, TellsTheOutageOnceAndBeforeItGivesBack) {
-  std::atomic<int> iStatus{200};
-  Serve([&](const ServedRequest&) { return StatusAnswer(iStatus); });
+  Serve([this](const ServedRequest&) { return StatusAnswer(m_iStatus); });
   StartUp();
-  iStatus = 503;
+  m_iStatus = 503;
   Deliver(1, 1);
   ASSERT_TRUE(m_journal.WaitForCount("back", 1));
   // Some attempts that fail.
   const size_t uRequests = m_pServer->Requests().size();
   ASSERT_TRUE(WaitForRequest([&](const ServedRequest&) { return m_pServer->Requests().size() >= uRequests + 3; }));
-  iStatus = 200;
+  m_iStatus = 200;
   ASSERT_TRUE(m_journal.WaitForCount("up", 2));
   EXPECT_EQ(m_journal.Lines(), (std::vector<std::string>{"up", "down HTTP status 503", "back 1", "up"}));
 }
@@ -347,15 +354,15 @@ TEST_F(HttpDriverTest, ManyRecordsAtFaultAreRejectedAndNoOther) {
 
 // What the server accepted before, and empty batches that it accepts still, say nothing about a record.
 TEST_F(HttpDriverTest, AServerThatRefusesEveryRecordIsDownAndRejectsNone) {
-  std::atomic<bool> bWell{false};
-  Serve([&](const ServedRequest& request) {
-    return StatusAnswer(bWell || request.vecIds.empty() || request.vecIds.back() <= 10 ? 200 : 413);
+  m_bWell = false;
+  Serve([this](const ServedRequest& request) {
+    return StatusAnswer(m_bWell || request.vecIds.empty() || request.vecIds.back() <= 10 ? 200 : 413);
   });
   m_options.uRequests = 1;
   // On the driver's thread: all are there before it sends the first.
-  m_journal.fnOnUp = [this, &bWell, uTimes = 0]() mutable {
+  m_journal.fnOnUp = [this, uTimes = 0]() mutable {
     ++uTimes;
-    bWell = uTimes == 3;
+    m_bWell = uTimes == 3;
     Deliver(uTimes == 1 ? 1 : 11, 138);
   };
   Start();
@@ -393,15 +400,14 @@ TEST_F(HttpDriverTest, ARefusedRecordThatNothingFollowsIsGivenBack) {
 }
 
 TEST_F(HttpDriverTest, AServerThatRefusesEverythingIsDown) {
-  std::atomic<bool> bWell{true};
   m_options.uTimeoutMs = 100;
-  Serve([&](const ServedRequest&) { return StatusAnswer(bWell ? 200 : 400); });
+  Serve([this](const ServedRequest&) { return StatusAnswer(m_bWell ? 200 : 400); });
   StartUp();
-  bWell = false;
+  m_bWell = false;
   Deliver(1, 1);
   ASSERT_TRUE(m_journal.WaitForCount("back 1", 1));
   EXPECT_EQ(m_journal.Count("outcome"), 0U);
-  bWell = true;
+  m_bWell = true;
   ASSERT_TRUE(m_journal.WaitForCount("up", 2));
 }
 
@@ -440,9 +446,8 @@ TEST_F(HttpDriverTest, ATimeOutWhileOthersAreAcceptedIsTheOutcomeOfItsRecords) {
 
 TEST_F(HttpDriverTest, ATimeOutOfAServerThatHasGoneSilentSinceIsAnOutage) {
   m_options.uTimeoutMs = 2000;
-  std::atomic<bool> bSilent{false};
-  Serve([&](const ServedRequest& request) {
-    if (bSilent || Holds(request, 1)) {
+  Serve([this](const ServedRequest& request) {
+    if (!m_bWell || Holds(request, 1)) {
       m_held.Wait();
     }
     return StatusAnswer(200);
@@ -452,17 +457,17 @@ TEST_F(HttpDriverTest, ATimeOutOfAServerThatHasGoneSilentSinceIsAnOutage) {
   ASSERT_TRUE(WaitForRequest([](const ServedRequest& request) { return Holds(request, 1); }));
   Deliver(2, 2);
   ASSERT_TRUE(m_journal.WaitForCount("outcome 2 0", 1));
-  bSilent = true;
+  m_bWell = false;
   ASSERT_TRUE(m_journal.WaitForCount("back 1", 1));
   EXPECT_EQ(m_journal.Lines(), (std::vector<std::string>{"up", "outcome 2 0", "down no answer in time", "back 1"}));
 }
 
 TEST_F(HttpDriverTest, ReopenEndsThePause) {
-  std::atomic<int> iStatus{503};
-  Serve([&](const ServedRequest&) { return StatusAnswer(iStatus, "Retry-After: 3600\r\n"); });
+  m_iStatus = 503;
+  Serve([this](const ServedRequest&) { return StatusAnswer(m_iStatus, "Retry-After: 3600\r\n"); });
   Start();
   ASSERT_TRUE(m_journal.WaitForCount("down HTTP status 503, to be tried again after 3600 s", 1));
-  iStatus = 200;
+  m_iStatus = 200;
   m_pDriver->Reopen();
   ASSERT_TRUE(m_journal.WaitForCount("up", 1));
 }
@@ -614,6 +619,7 @@ TEST_F(HttpDriverTest, EveryRecordHasOneResultWhateverTheServerDoes) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   pLink->Stop();
+  m_pServer.reset();  // it may still be at work on a request that the stop has cut short
   const ServerLinkCounts counts = pLink->GetCounts();
   EXPECT_EQ(counts.u64HeldAtStop, 0U);
   EXPECT_EQ(counts.u64Rejected, 0U);
