@@ -168,6 +168,10 @@ void CHttpDriver::ComeUp() {
 
 void CHttpDriver::StayDown(const std::string& strReason, std::optional<std::chrono::seconds> retryAfter) {
   m_nextAttempt = Clock::now() + m_backOff.Next(retryAfter);
+  if (m_renewAt) {
+    // New connections were asked for meanwhile: that attempt is not put off.
+    m_nextAttempt = std::min(m_nextAttempt, std::max(*m_renewAt, Clock::now()));
+  }
   if (!std::exchange(m_bToldDown, true)) {
     m_pEvents->OnDown(strReason);
   }

@@ -108,6 +108,10 @@ void CNatsWorker::ComeUp() {
 
 void CNatsWorker::StayDown(const std::string& strReason) {
   m_nextAttempt = Clock::now() + m_backOff.Next(std::nullopt);
+  if (m_renewAt) {
+    // A new connection was asked for meanwhile: that attempt is not put off.
+    m_nextAttempt = std::min(m_nextAttempt, std::max(*m_renewAt, Clock::now()));
+  }
   if (!strReason.empty() && !std::exchange(m_bToldDown, true)) {
     Tell([&](ILinkEvents& events) { events.OnDown(strReason); });
   }

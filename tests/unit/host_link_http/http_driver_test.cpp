@@ -472,6 +472,22 @@ TEST_F(HttpDriverTest, ReopenEndsThePause) {
   ASSERT_TRUE(m_journal.WaitForCount("up", 1));
 }
 
+TEST_F(HttpDriverTest, ReopenDuringAnAttemptThatFailsEndsThePauseAfterIt) {
+  Serve([this](const ServedRequest&) {
+    m_held.Wait();
+    return StatusAnswer(m_iStatus, "Retry-After: 3600\r\n");
+  });
+  m_iStatus = 503;
+  m_journal.fnOnDown = [this] { m_iStatus = 200; };
+  Start();
+  ASSERT_TRUE(WaitForRequest([](const ServedRequest&) { return true; }));
+  m_pDriver->Reopen();
+  m_held.Release();
+  ASSERT_TRUE(m_journal.WaitForCount("up", 1));
+  EXPECT_EQ(m_journal.Lines(),
+            (std::vector<std::string>{"down HTTP status 503, to be tried again after 3600 s", "up"}));
+}
+
 TEST_F(HttpDriverTest, AStopDeliversWhatIsWaiting) {
   Serve([](const ServedRequest&) { return StatusAnswer(200); });
   StartUp();
