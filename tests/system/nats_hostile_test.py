@@ -1,7 +1,9 @@
 """The nats link and credentials, TLS, and servers that hang or talk nonsense."""
 
+import re
 import socket
 import ssl
+import subprocess
 import threading
 
 from certificates import make_authority, make_certificate
@@ -124,6 +126,30 @@ class TlsTest(NatsLinkTestCase):
         self.server.start()
         self.configure(self.url(), ca_file=self.authority[0])
         self.expect_down("[Ss]ecure")
+
+    def expect_passphrase_told(self, certificate, **keys):
+        self.serve(self.authority, clients=self.authority[0])
+        self.configure(self.url(), ca_file=self.authority[0], client_cert=certificate, **keys)
+        file = keys.get("client_key", certificate)
+        self.expect_down(f"^tls://127.0.0.1:[0-9]+: the key in {re.escape(str(file))} has a passphrase$")
+        self.assertEqual(self.stop_host(), 0)
+
+    def encrypt(self, key, *form):
+        encrypted = self.dir / "encrypted.key"
+        subprocess.run(["openssl", *form, "-aes256", "-passout", "pass:x", "-in", key, "-out", encrypted], check=True,
+                       capture_output=True)
+        return encrypted
+
+    def test_a_key_that_is_encrypted_is_told_and_nobody_is_asked(self):
+        certificate, key = make_certificate(self.dir, "agent", self.authority)
+        self.expect_passphrase_told(certificate, client_key=self.encrypt(key, "pkey"))
+
+    def test_a_key_of_the_older_form_in_the_certificates_file_is_told_likewise(self):
+        certificate, key = make_certificate(self.dir, "agent", self.authority)
+        both = self.dir / "both.pem"
+        both.write_bytes(certificate.read_bytes() + self.encrypt(key, "ec").read_bytes())
+        self.assertIn("Proc-Type: 4,ENCRYPTED", both.read_text())
+        self.expect_passphrase_told(both)
 
 
 class HangingServerTest(OneServerTestCase):

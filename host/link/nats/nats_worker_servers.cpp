@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/link/append_file.h"
+#include "host/link/nats/key_file.h"
 #include "host/link/nats/nats_worker.h"
 #include "host/protocol/host_status.h"
 #include "platform/log.h"
@@ -163,7 +164,9 @@ bool CNatsWorker::ReadSecrets(NatsSecrets& secrets, std::string& strReason) {
     strSecret = pSecret != nullptr ? *pSecret : "";
     return pSecret != nullptr;
   };
-  return CheckCredentialsFile(m_options.strCredentialsFile, strReason) && Read(m_token, secrets.strToken) &&
+  const std::string& strKey = m_options.strClientKey.empty() ? m_options.strClientCert : m_options.strClientKey;
+  return (strKey.empty() || CheckKeyFile(strKey, strReason)) &&
+         CheckCredentialsFile(m_options.strCredentialsFile, strReason) && Read(m_token, secrets.strToken) &&
          Read(m_password, secrets.strPassword);
 }
 
