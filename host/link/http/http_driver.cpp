@@ -286,12 +286,11 @@ std::chrono::milliseconds CHttpDriver::TimeToWait() {
   if (m_queue.CountAside() > 0) {
     until = std::min(until, m_doubtSince + LongestDoubt());
   }
-  // One that has fallen due since the step began is for the next step.
-  if (m_renewAt && (*m_renewAt > now || CountBusy() == 0)) {
-    until = std::min(until, *m_renewAt);
-  }
   if (m_stopUntil) {
     until = std::min(until, *m_stopUntil);
+  } else if (m_renewAt && (*m_renewAt > now || CountBusy() == 0)) {
+    // One that has fallen due since the step began is for the next step.
+    until = std::min(until, *m_renewAt);
   }
   const std::lock_guard lock(m_mutex);
   m_uWakeAt = m_uWakeAtBytes = std::numeric_limits<size_t>::max();

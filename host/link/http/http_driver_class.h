@@ -60,7 +60,8 @@ class CHttpDriver final : public ILinkDriver {
   void TakeOrders();
   bool IsDone() const;
   void Renew();
-  bool IsRenewalDue() const { return m_renewAt && Clock::now() >= *m_renewAt; }
+  // A stop goes before: it lasts no longer than what is to be delivered.
+  bool IsRenewalDue() const { return !m_stopUntil && m_renewAt && Clock::now() >= *m_renewAt; }
   void BeginRequests();
   // False with a reason when there is no token.
   bool Begin(size_t uSlot, bool bEmpty, std::string& strReason);

@@ -496,6 +496,19 @@ TEST_F(HttpDriverTest, AStopDeliversWhatIsWaiting) {
   EXPECT_EQ(m_journal.Count("outcome"), 500U);
 }
 
+TEST_F(HttpDriverTest, AStopDeliversWhatWaitsForARenewal) {
+  HoldFirstRecord();
+  m_pDriver->Reopen();
+  // Records go out beside the first one until the renewal is due, at the latest after the longest pause of this test.
+  std::this_thread::sleep_for(std::chrono::milliseconds(2 * m_options.uLongestBackOffMs));
+  Deliver(2, 40);
+  std::thread stopper([this] { m_pDriver->Stop(); });
+  EXPECT_TRUE(m_journal.WaitForCount("outcome", 39));
+  m_held.Release();
+  stopper.join();
+  EXPECT_EQ(m_journal.CountDelivered(), 40U);
+}
+
 TEST_F(HttpDriverTest, AStopEndsAgainstAServerThatNeverAnswers) {
   Serve([this](const ServedRequest& request) {
     if (!request.vecIds.empty()) {
