@@ -13,6 +13,9 @@
 namespace {
 
 constexpr std::chrono::seconds kStopGrace{3};
+// How long nothing is sent for the sake of a renewal, and for how many times as long it is put off then.
+constexpr std::chrono::milliseconds kRenewalPatience{10000};
+constexpr int kRenewalPutOff = 6;
 // Nothing is waited for longer; a look at the state costs nothing.
 constexpr std::chrono::milliseconds kLongestWait{60000};
 
@@ -171,9 +174,7 @@ bool CHttpDriver::Step() {
   if (IsDone()) {
     return false;
   }
-  if (IsRenewalDue() && CountBusy() == 0) {
-    Renew();
-  }
+  CheckRenewal();
   CheckDoubt();
   if (!IsRenewalDue()) {
     BeginRequests();
@@ -196,7 +197,7 @@ void CHttpDriver::TakeOrders() {
   m_vecDelivered.clear();
   m_uDeliveredBytes = 0;
   if (std::exchange(m_bReopen, false)) {
-    m_renewAt = m_renewAt.value_or(Clock::now() + m_backOff.Spread());
+    m_renewAt = std::min(m_renewAt.value_or(Clock::time_point::max()), Clock::now() + m_backOff.Spread());
     m_nextAttempt = *m_renewAt;
   }
   if (m_bStop && !m_stopUntil) {
@@ -206,6 +207,22 @@ void CHttpDriver::TakeOrders() {
 
 bool CHttpDriver::IsDone() const {
   return m_stopUntil && (!m_bUp || Clock::now() >= *m_stopUntil || (CountBusy() == 0 && m_queue.IsEmpty()));
+}
+
+void CHttpDriver::CheckRenewal() {
+  if (!IsRenewalDue()) {
+    return;
+  }
+  if (CountBusy() == 0) {
+    Renew();
+  } else if (m_bUp && Clock::now() >= *m_renewAt + RenewalPatience()) {
+    m_renewAt = Clock::now() + kRenewalPutOff * RenewalPatience();
+  }
+}
+
+// Well below the time-out: were nothing else accepted before it, that of a single request would be an outage.
+std::chrono::milliseconds CHttpDriver::RenewalPatience() const {
+  return std::min(kRenewalPatience, std::chrono::milliseconds(m_options.uTimeoutMs / 3));
 }
 
 void CHttpDriver::Renew() {
@@ -291,6 +308,8 @@ std::chrono::milliseconds CHttpDriver::TimeToWait() {
   } else if (m_renewAt && (*m_renewAt > now || CountBusy() == 0)) {
     // One that has fallen due since the step began is for the next step.
     until = std::min(until, *m_renewAt);
+  } else if (m_renewAt && m_bUp) {
+    until = std::min(until, *m_renewAt + RenewalPatience());
   }
   const std::lock_guard lock(m_mutex);
   m_uWakeAt = m_uWakeAtBytes = std::numeric_limits<size_t>::max();

@@ -59,6 +59,9 @@ class CHttpDriver final : public ILinkDriver {
   bool Step();
   void TakeOrders();
   bool IsDone() const;
+  // Nothing is sent while it waits for the requests under way; a slow one puts it off.
+  void CheckRenewal();
+  std::chrono::milliseconds RenewalPatience() const;
   void Renew();
   // A stop goes before: it lasts no longer than what is to be delivered.
   bool IsRenewalDue() const { return !m_stopUntil && m_renewAt && Clock::now() >= *m_renewAt; }
@@ -117,7 +120,7 @@ class CHttpDriver final : public ILinkDriver {
   std::vector<Request> m_vecRequests;  // one a slot of the transfers
   bool m_bUp = false;
   bool m_bToldDown = false;
-  std::optional<Clock::time_point> m_renewAt;    // new connections and credentials, when no request is under way then
+  std::optional<Clock::time_point> m_renewAt;    // new connections and credentials, once no request is under way
   std::optional<Clock::time_point> m_stopUntil;  // a stop has been asked for
   Clock::time_point m_upSince{};
   Clock::time_point m_nextAttempt{};

@@ -488,6 +488,28 @@ TEST_F(HttpDriverTest, ReopenDuringAnAttemptThatFailsEndsThePauseAfterIt) {
             (std::vector<std::string>{"down HTTP status 503, to be tried again after 3600 s", "up"}));
 }
 
+TEST_F(HttpDriverTest, ARenewalWaitsForASlowRequestOnlyForAWhileAndIsMadeLater) {
+  m_options.uTimeoutMs = 3000;
+  HoldFirstRecord();
+  m_pDriver->Reopen();
+  // After the longest pause of this test it is due.
+  std::this_thread::sleep_for(std::chrono::milliseconds(2 * m_options.uLongestBackOffMs));
+  Deliver(2, 4);
+  ASSERT_TRUE(m_journal.WaitForCount("outcome", 3));
+  EXPECT_EQ(m_journal.Count("outcome 1 "), 0U);
+  m_held.Release();
+  ASSERT_TRUE(m_journal.WaitForCount("outcome 1 0", 1));
+  const size_t uConnections = m_pServer->CountConnections();
+  const auto deadline = std::chrono::steady_clock::now() + kHangGuard;
+  for (uint64_t i = 5; m_pServer->CountConnections() == uConnections && std::chrono::steady_clock::now() < deadline;
+       ++i) {
+    Deliver(i, i);
+    ASSERT_TRUE(m_journal.WaitForDelivered(i));
+  }
+  EXPECT_GT(m_pServer->CountConnections(), uConnections);
+  EXPECT_EQ(m_journal.Count("down"), 0U);
+}
+
 TEST_F(HttpDriverTest, AStopDeliversWhatIsWaiting) {
   Serve([](const ServedRequest&) { return StatusAnswer(200); });
   StartUp();

@@ -94,6 +94,11 @@ std::vector<ServedRequest> CScriptedServer::Requests() const {
   return m_vecRequests;
 }
 
+size_t CScriptedServer::CountConnections() const {
+  const std::lock_guard lock(m_mutex);
+  return m_lstThreads.size();
+}
+
 void CScriptedServer::Listen() {
   for (int iFd = accept(m_iListenFd, nullptr, nullptr); iFd >= 0; iFd = accept(m_iListenFd, nullptr, nullptr)) {
     const std::lock_guard lock(m_mutex);

@@ -31,6 +31,8 @@ class CScriptedServer {
 
   std::string Url() const { return "http://127.0.0.1:" + std::to_string(m_uPort) + "/records"; }
   std::vector<ServedRequest> Requests() const;
+  // How many there have been.
+  size_t CountConnections() const;
 
  private:
   void Listen();
@@ -42,7 +44,6 @@ class CScriptedServer {
   std::thread m_thread;
 
   mutable std::mutex m_mutex;  // guards the rest
-  bool m_bStopping = false;
   std::vector<int> m_vecFds;
   std::list<std::thread> m_lstThreads;
   std::vector<ServedRequest> m_vecRequests;
