@@ -31,7 +31,6 @@ class NatsClient:
         while self._line() != b"PONG":
             pass
         self._subscriptions = 0
-        self._reply = None
 
     def close(self):
         self._file.close()
@@ -49,7 +48,8 @@ class NatsClient:
         return line[:-2]
 
     def follow(self, name, sequence):
-        """Sequence and payload of each message of a stream from that sequence on, without end."""
+        """Sequence and payload of each message of a stream from that sequence on, without end. A sequence that is gone is
+        left out."""
         self._subscriptions += 1
         inbox = f"_DELIVER.test.{os.getpid()}.{time.monotonic_ns()}"
         self._send(f"SUB {inbox} {self._subscriptions}\r\n".encode())
@@ -59,13 +59,14 @@ class NatsClient:
         self.api(f"CONSUMER.CREATE.{name}", found, stream_name=name, config=config)
         self._socket.settimeout(None)
         while True:
-            for _, _, _, data in found:
-                yield sequence, data
-                sequence += 1
+            for _, _, _, data, reply in found:
+                # $JS.ACK.[domain.account.]stream.consumer.deliveries.SEQUENCE.of the consumer.time.pending[.token]
+                words = reply.split(".")
+                yield int(words[5 if len(words) == 9 else 7]), data
             found = [self._message()]
 
     def _message(self):
-        """The next message: subject, subscription, header and payload. Where it wants its reply stays in _reply."""
+        """The next message: subject, subscription, header, payload, and where it wants its reply."""
         while True:
             words = self._line().split()
             if words[:1] == [b"PING"]:
@@ -73,8 +74,8 @@ class NatsClient:
             elif words[:1] in ([b"MSG"], [b"HMSG"]):
                 data = self._file.read(int(words[-1]) + 2)[:-2]
                 header = int(words[-2]) if words[0] == b"HMSG" else 0
-                self._reply = words[3].decode() if len(words) == (6 if words[0] == b"HMSG" else 5) else None
-                return words[1].decode(), int(words[2]), data[:header], data[header:]
+                reply = words[3].decode() if len(words) == (6 if words[0] == b"HMSG" else 5) else None
+                return words[1].decode(), int(words[2]), data[:header], data[header:], reply
 
     def acknowledge_as(self, stream, subject):
         """Answers each message of a subject as that stream would, until the server closes the connection."""
@@ -84,8 +85,8 @@ class NatsClient:
         answer = json.dumps({"stream": stream, "seq": 1}).encode()
         try:
             while True:
-                self._message()
-                self._send(f"PUB {self._reply} {len(answer)}\r\n".encode() + answer + b"\r\n")
+                reply = self._message()[4]
+                self._send(f"PUB {reply} {len(answer)}\r\n".encode() + answer + b"\r\n")
         except (NatsError, OSError):
             pass
 
@@ -141,7 +142,7 @@ class NatsClient:
             kept.append(self._message())
         self._send(f"UNSUB {number}\r\n".encode())
         found = []
-        for subject, _, header, data in kept[:count]:
+        for subject, _, header, data, _ in kept[:count]:
             lines = header.decode().split("\r\n")
             found.append((subject, dict(line.split(": ", 1) for line in lines[1:] if line), data))
         return found
