@@ -16,7 +16,7 @@ inline constexpr std::chrono::milliseconds kLongestSpread{2000};
 // Not for several threads at a time.
 class CBackOff {
  public:
-  // The seed decides the pauses; agents that are to differ need different ones. longest: not under kFirstBackOff.
+  // The seed decides the pauses; agents that are to differ need different ones.
   CBackOff(uint64_t u64Seed, std::chrono::milliseconds longest);
 
   // The pause before the next attempt: at random between nothing and a ceiling that doubles with each call. What the

@@ -1,6 +1,9 @@
 """The small HTTP server that comes with the host: what it has answered is whole in its file, come what may."""
 
 import http.client
+import importlib.machinery
+import importlib.util
+import os
 import pathlib
 import resource
 import shutil
@@ -8,6 +11,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+from unittest import mock
 
 RECEIVER = pathlib.Path(__file__).resolve().parents[2] / "scripts" / "http-receiver"
 
@@ -64,6 +68,16 @@ class ReceiverTest(unittest.TestCase):
         self.assertEqual(self.post(b"no gzip", {"Content-Encoding": "gzip"}), 400)
         self.assertEqual(self.post(b"\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\xff\xff\xff", {"Content-Encoding": "gzip"}), 400)
         self.assertEqual(self.file.read_bytes(), b"")
+
+    def test_the_name_of_a_new_file_is_on_disk_before_anything_is_answered(self):
+        loader = importlib.machinery.SourceFileLoader("http_receiver", str(RECEIVER))
+        receiver = importlib.util.module_from_spec(importlib.util.spec_from_loader("http_receiver", loader))
+        with mock.patch("sys.dont_write_bytecode", True):
+            loader.exec_module(receiver)
+        synced = []
+        with mock.patch("os.fsync", lambda descriptor: synced.append(os.readlink(f"/proc/self/fd/{descriptor}"))):
+            receiver.Server(0, self.file).server_close()
+        self.assertEqual(synced, [str(self.dir)])
 
     def test_an_empty_batch_is_accepted(self):
         self.start()
