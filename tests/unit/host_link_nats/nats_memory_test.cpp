@@ -173,8 +173,8 @@ TEST_F(NatsMemoryTest, WithMemoryEachRecordGetsTheAnswerThatItDeserves) {
 // Whichever allocation of the driver's thread fails, each record gets one answer, and the next ones are delivered.
 TEST_F(NatsMemoryTest, WithoutMemoryEachRecordGetsOneAnswerAndTheLinkWorksOn) {
   unsigned int uFailures = 0;
-  // Until some allocations in a row do not come any more. How many there are differs from run to run by a few; those whose
-  // failure is made up for at once are no end.
+  // Until some allocations in a row do not come any more. How many there are differs from run to run by a few; those
+  // whose failure is made up for at once are no end.
   for (unsigned int uNth = 1, uQuiet = 0; uQuiet < 5; ++uNth) {
     const RunResult result = Run(uNth);
     uFailures += result.bSurrendered ? 1 : 0;
