@@ -70,6 +70,10 @@ bool IsNameDurable(const char* pszPath) {
 sqlite3_vfs* g_pBase = nullptr;  // set before the VFS is registered
 
 int OpenFile(sqlite3_vfs* /*pVfs*/, const char* pszPath, sqlite3_file* pFile, int iFlags, int* piOutFlags) {
+  if ((iFlags & SQLITE_OPEN_SUPER_JOURNAL) != 0) {
+    pFile->pMethods = nullptr;
+    return SQLITE_CANTOPEN;
+  }
   bool bDurable = false;
   if ((iFlags & SQLITE_OPEN_WAL) != 0 && pszPath != nullptr) {
     try {

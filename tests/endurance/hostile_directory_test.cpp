@@ -1,5 +1,6 @@
 // A cache directory in which somebody else has put things. Whatever it is, the records of the other senders are loaded,
 // nothing blocks, and nothing outside the directory is touched.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/mount.h>
@@ -14,6 +15,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <numeric>
+#include <string_view>
 
 #include "tests/component/cache_file_fixture.h"
 
@@ -48,6 +51,25 @@ std::string InsertOf(uint64_t u64DataId, const std::string& strText) {
 std::string ContentsOf(const std::string& strFile) {
   std::ifstream file(strFile, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// A rollback journal that undoes nothing and says at its end that strNamed belongs to the same transaction.
+void WriteJournalNaming(const std::string& strNamed, const std::string& strFile) {
+  constexpr std::string_view kMagic("\xd9\xd5\x05\xf9\x20\xa1\x63\xd7");
+  constexpr uint32_t kSectorSize = 512;
+  constexpr uint32_t kPageSize = 4096;
+  constexpr uint32_t kLockPage = 0x40000000 / kPageSize + 1;
+  const auto fnNumber = [](uint32_t u) {
+    const uint32_t uBigEndian = htonl(u);
+    return std::string(reinterpret_cast<const char*>(&uBigEndian), sizeof(uBigEndian));
+  };
+  const uint32_t uPages = static_cast<uint32_t>(std::filesystem::file_size(strFile) / kPageSize);
+  std::string strJournal =
+      std::string(kMagic) + fnNumber(0) + fnNumber(1) + fnNumber(uPages) + fnNumber(kSectorSize) + fnNumber(kPageSize);
+  strJournal.resize(kSectorSize);
+  const uint32_t uSum = std::accumulate(strNamed.begin(), strNamed.end(), uint32_t{0});
+  strJournal += fnNumber(kLockPage) + strNamed + fnNumber(static_cast<uint32_t>(strNamed.size())) + fnNumber(uSum);
+  std::ofstream(strFile + "-journal", std::ios::binary) << strJournal << kMagic;
 }
 
 class HostileDirectoryTest : public CCacheFileTest {
@@ -132,6 +154,33 @@ TEST_F(HostileDirectoryTest, AFifoInPlaceOfASideFileDoesNotBlock) {
   ExpectGoodRecordsAnd({"-wal"});
   EXPECT_TRUE(IsReported("a-journal.db"));
   EXPECT_TRUE(IsReported("a-shm.db"));
+}
+
+TEST_F(HostileDirectoryTest, AFileThatAJournalNamesIsNeitherOpenedNorDeleted) {
+  const std::string strOutside = m_prefix.Root() + "/outside";
+  std::ofstream(strOutside) << std::string("precious\0", 9);
+  const std::string strFifo = m_prefix.Root() + "/fifo";
+  ASSERT_EQ(0, mkfifo(strFifo.c_str(), 0600));
+  const std::string strGoodFile = m_prefix.CacheFile(kOtherProducerText);
+  BuildDatabase(Path("a.db"), kTable + InsertOf(kOddId, "a"));
+  BuildDatabase(Path("b.db"), kTable + InsertOf(kOddId + 1, "b"));
+  BuildDatabase(Path("c.db"), kTable + InsertOf(kOddId + 2, "c"));
+  WriteJournalNaming(strOutside, Path("a.db"));
+  WriteJournalNaming(strFifo, Path("b.db"));
+  WriteJournalNaming(strGoodFile, Path("c.db"));
+  // As a sender's own file, to which it writes.
+  BuildDatabase(m_prefix.CacheFile(kProducerText), std::string(kTable));
+  WriteJournalNaming(strOutside, m_prefix.CacheFile(kProducerText));
+  ExpectGoodRecordsAnd({"a", "b", "c"});
+  m_clock.Advance(1);
+  WriteJournalNaming(strOutside, m_prefix.CacheFile(kProducerText));
+  BeginLife();
+  FileRecord();
+  EXPECT_EQ(1u, Rows().size());
+  m_host.EndLife();
+  EXPECT_EQ(std::string("precious\0", 9), ContentsOf(strOutside));
+  EXPECT_TRUE(std::filesystem::is_fifo(strFifo));
+  EXPECT_FALSE(std::filesystem::exists(Path("a.db-journal")));
 }
 
 TEST_F(HostileDirectoryTest, ThousandsOfFilesAreLookedAtOneByOne) {
