@@ -9,6 +9,7 @@ import shutil
 import signal
 import sqlite3
 import stat
+import struct
 import subprocess
 import time
 import unittest
@@ -37,6 +38,15 @@ def make_file(path, rows, schema=None):
 def row(dataid, sender=FIRST, priv=0, msgtype=1, product="", combo="", record=b"record"):
     text = tagged(dataid, priv, msgtype, sender.encode(), product.encode(), combo.encode(), record)
     return [dataid, priv, msgtype, product, combo, 0, text.decode()]
+
+
+def journal_naming(named, path):
+    """A rollback journal for the file that undoes nothing and says at its end that another file belongs to it."""
+    magic, sector, page = bytes.fromhex("d9d505f920a163d7"), 512, 4096
+    head = magic + struct.pack(">IIIII", 0, 1, path.stat().st_size // page, sector, page)
+    name = os.fsencode(named)
+    end = struct.pack(">I", 0x40000000 // page + 1) + name + struct.pack(">II", len(name), sum(name))
+    return head.ljust(sector, b"\0") + end + magic
 
 
 class ReadTest(CacheToolTestCase):
@@ -378,6 +388,24 @@ class HarmlessTest(CacheToolTestCase):
         self.check_unchanged(self.cache_dir)
         self.assertEqual(len(self.records("cat", "--json")), 49)
         self.output("verify")
+
+    def test_a_file_that_a_journal_names_is_neither_opened_nor_deleted(self):
+        self.cache_dir.mkdir(parents=True)
+        precious = self.dir / "precious"
+        precious.write_bytes(b"precious\0")
+        fifo = self.dir / "fifo"
+        os.mkfifo(fifo)
+        for sender, named in ((FIRST, precious), (SECOND, fifo)):
+            path = self.cache_dir / f"{sender}.db"
+            make_file(path, [row(n, sender) for n in range(1, 50)])
+            path.with_name(path.name + "-journal").write_bytes(journal_naming(named, path))
+        self.check_unchanged(self.cache_dir)
+        self.assertEqual(precious.read_bytes(), b"precious\0")
+        self.assertTrue(fifo.is_fifo())
+        self.assertEqual(len(self.records("cat", "--json")), 98)
+        self.output("verify")
+        for sender in (FIRST, SECOND):
+            self.assertEqual(len(self.records("salvage", self.cache_dir / f"{sender}.db")), 49)
 
 
 if __name__ == "__main__":

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <utility>
 
+#include "db/wal_vfs.h"
 #include "tools/qmcache/interruption.h"
 #include "tools/qmcache/progress.h"
 #include "tools/qmcache/read_only_vfs.h"
@@ -291,14 +292,14 @@ int CCacheReader::OpenConnection(Way way) {
       return SQLITE_CANTOPEN;
     }
     strUri = UriOf(m_pCopy->Path(), "");
-    pszVfs = nullptr;
+    pszVfs = WalVfsName();
     iFlags |= SQLITE_OPEN_READWRITE;
   } else {
-    if (pszVfs == nullptr) {
-      return SQLITE_NOMEM;
-    }
     strUri = UriOf(m_strFile, way == Way::Shared ? "?readonly_shm=1" : "?immutable=1");
     iFlags |= SQLITE_OPEN_READONLY;
+  }
+  if (pszVfs == nullptr) {
+    return SQLITE_NOMEM;  // it would be SQLite's own, which does what these are to prevent
   }
   const int iResult = sqlite3_open_v2(strUri.c_str(), &m_pDb, iFlags, pszVfs);
   if (iResult == SQLITE_OK) {
@@ -319,6 +320,10 @@ void CCacheReader::Restrict() {
   sqlite3_db_config(m_pDb, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   static_cast<void>(
       sqlite3_exec(m_pDb, "PRAGMA temp_store=MEMORY; PRAGMA cell_size_check=1;", nullptr, nullptr, nullptr));
+  if (m_way == Way::Copied) {
+    // Undoes what a journal says. Where the journal names a further file this fails, and then that much is done.
+    static_cast<void>(sqlite3_exec(m_pDb, "PRAGMA schema_version", nullptr, nullptr, nullptr));
+  }
   sqlite3_set_authorizer(m_pDb, Authorize, nullptr);
   sqlite3_progress_handler(m_pDb, kStepsBetweenLooks, StopWhenInterrupted, nullptr);
 }

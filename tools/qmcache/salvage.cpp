@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <unordered_set>
 
+#include "db/wal_vfs.h"
 #include "tools/qmcache/cache_writer.h"
 #include "tools/qmcache/exit_codes.h"
 #include "tools/qmcache/host_absence.h"
@@ -59,11 +60,16 @@ bool BringLogIn(const std::string& strCopy) {
   if (!bLog && stat((strCopy + "-journal").c_str(), &journal) != 0) {
     return true;
   }
+  if (WalVfsName() == nullptr) {
+    return false;  // SQLite's own would delete what a journal names
+  }
   sqlite3* pDb = nullptr;
-  int iResult = sqlite3_open_v2(strCopy.c_str(), &pDb, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr);
+  int iResult = sqlite3_open_v2(strCopy.c_str(), &pDb, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, WalVfsName());
   if (iResult == SQLITE_OK) {
     sqlite3_db_config(pDb, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(pDb, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    // Where the journal names a further file the first read fails once it has undone what the journal says.
+    static_cast<void>(sqlite3_exec(pDb, "PRAGMA schema_version", nullptr, nullptr, nullptr));
     iResult = sqlite3_exec(pDb, "PRAGMA schema_version", nullptr, nullptr, nullptr);
   }
   int iFrames = 0;
