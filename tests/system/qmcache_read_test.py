@@ -1,5 +1,6 @@
 """qmcache reads what the host has written: every record, beside the host and after it, and changes nothing."""
 
+import gzip
 import json
 import os
 import pty
@@ -16,7 +17,7 @@ import unittest
 import uuid
 
 from cache_files import read_file, tagged
-from host_fixture import BIN, PATIENCE, message_bytes
+from host_fixture import BIN, PATIENCE, message_bytes, wait_until
 from ingress_client import COMBO, Connection, combo_payload
 from qmcache_case import DAMAGE, FAILED, NOTHING, USAGE, WELL, CacheToolTestCase, without_id
 from readback_test import all_records
@@ -308,6 +309,79 @@ class ReadTest(CacheToolTestCase):
         self.assertEqual(without_id(after), without_id(before))
         self.assertEqual([r["message"] for r in self.records("cat", "--json", "--sender", SECOND)],
                          [r["message"] for r in before if r["guid"] == SECOND])
+
+    def test_what_is_read_is_not_written_over(self):
+        self.cache_dir.mkdir(parents=True)
+        path = self.cache_dir / f"{FIRST}.db"
+        make_file(path, [row(1)])
+        for suffix in ("-wal", "-shm", "-journal"):
+            path.with_name(path.name + suffix).touch()
+        backup = self.cache_dir / f"{FIRST}1.db.zip"
+        backup.write_bytes(gzip.compress(b"backup"))
+        elsewhere = {"copy.db": path.read_bytes(), "copy.zip": b"PK\x03\x04", "copy.gz": backup.read_bytes(),
+                     "copy.db-wal": b"\x37\x7f\x06\x82" + bytes(100),
+                     "copy.db-journal": bytes.fromhex("d9d505f920a163d7")}
+        for name, data in elsewhere.items():
+            (self.dir / name).write_bytes(data)
+        os.link(path.with_name(path.name + "-wal"), self.dir / "link")
+        (self.dir / "there").symlink_to(self.cache_dir)
+        before = self.footprint()
+        names = [*self.cache_dir.iterdir(), self.cache_dir / "new.jsonl", self.dir / "link",
+                 self.dir / "there" / path.name, *(self.dir / name for name in elsewhere)]
+        for name in names:
+            with self.subTest(name.name):
+                self.output("export", name, status=FAILED)
+                self.output("salvage", self.dir / "copy.db", "--output", name, status=FAILED)
+        self.assertEqual(self.footprint(), before)
+        self.assertEqual({name: (self.dir / name).read_bytes() for name in elsewhere}, elsewhere)
+
+    def test_an_earlier_export_stays_until_the_new_one_is_whole(self):
+        exported = self.dir / "exported.jsonl"
+        exported.write_bytes(b"earlier")
+        self.output("export", exported, status=FAILED)  # there is no directory
+        self.cache_dir.mkdir(parents=True)
+        damaged = self.cache_dir / f"{SECOND}.db"
+        damaged.write_bytes(b"no database" * 100)
+        said = self.output("export", exported, status=DAMAGE)
+        self.assertEqual(said.decode(), f"0 records, {exported} is left as it was\n")
+        self.assertEqual(exported.read_bytes(), b"earlier")
+        make_file(self.cache_dir / f"{FIRST}.db", [row(n, record=b"x" * 1000) for n in range(1, 1000)])
+        make_file(self.cache_dir / "z.db", [])
+        lock = sqlite3.connect(self.cache_dir / "z.db", isolation_level=None)
+        lock.execute("BEGIN EXCLUSIVE")  # the last file is waited for
+        command = [BIN / "qmcache", "--directory", self.cache_dir, "export", exported]
+        with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
+            wait_until(lambda: any(path.stat().st_size for path in self.dir.glob("exported.jsonl.*")), "the export")
+            process.send_signal(signal.SIGTERM)
+            self.assertEqual(process.wait(PATIENCE), 128 + signal.SIGTERM)
+        lock.close()
+        self.assertEqual(exported.read_bytes(), b"earlier")
+        self.assertEqual(list(self.dir.glob("exported*")), [exported])
+        self.output("export", exported, status=DAMAGE)
+        self.assertEqual(exported.read_bytes().count(b"\n"), 999)
+        self.assertEqual(list(self.dir.glob("exported*")), [exported])
+        self.output("export", "--sender", "nobody", exported, status=NOTHING)
+        self.assertEqual(exported.read_bytes(), b"")
+
+    def test_a_pipe_and_a_device_are_written_directly(self):
+        self.cache_dir.mkdir(parents=True)
+        make_file(self.cache_dir / f"{FIRST}.db", [row(1)])
+        expected = self.output("export", "-")
+        self.assertEqual(self.output("export", "/dev/stdout"), expected)
+        with (self.dir / "redirected").open("wb") as file:
+            subprocess.run([BIN / "qmcache", "--directory", self.cache_dir, "export", "/dev/stdout"], stdout=file,
+                           timeout=PATIENCE, check=True)
+        self.assertEqual((self.dir / "redirected").read_bytes(), expected)
+        fifo = self.dir / "fifo"
+        os.mkfifo(fifo)
+        with subprocess.Popen(["cat", fifo], stdout=subprocess.PIPE) as reader:
+            self.assertEqual(self.output("export", fifo).decode(), f"1 records written to {fifo}\n")
+            self.assertEqual(reader.communicate(timeout=PATIENCE)[0], expected)
+        self.output("export", "/dev/null")
+        self.output("export", "/dev/full", status=FAILED)
+        self.output("export", self.dir, status=FAILED)
+        (self.dir / "link").symlink_to(self.dir / "redirected")
+        self.output("export", self.dir / "link", status=FAILED)
 
     def start_without_destination_again(self):
         self.out.mkdir(exist_ok=True)

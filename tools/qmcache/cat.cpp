@@ -4,7 +4,9 @@
 #include <iterator>
 
 #include "host/link/record_line.h"
+#include "tools/qmcache/exit_codes.h"
 #include "tools/qmcache/output.h"
+#include "tools/qmcache/output_guard.h"
 #include "tools/qmcache/record_json.h"
 #include "tools/qmcache/scan.h"
 #include "tools/qmcache/verbs.h"
@@ -33,7 +35,9 @@ int Print(const Options& options, COutput& output, bool bJson, bool bProgress, u
     }
     output.Line("");
   });
-  output.Finish();
+  if (u64Count > 0 || !(troubles.bDamage || troubles.bFailed)) {
+    output.Finish();
+  }
   return troubles.ExitCode(u64Count == 0 && !options.filter.IsEmpty());
 }
 
@@ -47,13 +51,19 @@ int RunCat(const Options& options) {
 }
 
 int RunExport(const Options& options) {
+  if (const std::string strObjection = ObjectionTo(options.strOutput, options.installation.strCacheDirectory);
+      !strObjection.empty()) {
+    Complain(strObjection);
+    return kExitFailed;
+  }
   COutput output(options.strOutput);
   uint64_t u64Count = 0;
   const int iExitCode = Print(options, output, true, !output.IsTerminal(), u64Count);
-  if (options.strOutput != "-") {
+  if (!output.IsStandardOutput()) {
+    const char* pszText = output.IsFinished() ? "{} records written to {}" : "{} records, {} is left as it was";
     COutput summary;
     summary.Line(options.bJson ? fmt::format(R"({{"records":{}}})", u64Count)
-                               : fmt::format("{} records written to {}", u64Count, Printable(options.strOutput)));
+                               : fmt::format(fmt::runtime(pszText), u64Count, Printable(options.strOutput)));
     summary.Finish();
   }
   return iExitCode;

@@ -7,7 +7,9 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <system_error>
+#include <utility>
 
 #include "platform/log_escape.h"
 #include "tools/qmcache/interruption.h"
@@ -19,6 +21,17 @@ constexpr size_t kFlushSize = 65536;
 
 [[noreturn]] void ThrowErrno(const std::string& strWhat) {
   throw std::system_error(errno, std::generic_category(), strWhat);
+}
+
+// A directory that cannot be opened for reading keeps the name all the same.
+void SyncDirectoryOf(const std::string& strFile) {
+  const size_t uSlash = strFile.rfind('/');
+  const std::string strDirectory = uSlash == std::string::npos ? "." : strFile.substr(0, uSlash + 1);
+  const int iDirectory = open(strDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (iDirectory >= 0) {
+    static_cast<void>(fsync(iDirectory));
+    close(iDirectory);
+  }
 }
 
 }  // namespace
@@ -38,35 +51,58 @@ size_t DirectionMarkLength(std::string_view svText) {
 COutput::COutput() : m_iDescriptor(STDOUT_FILENO), m_strName("standard output") {}
 
 COutput::COutput(const std::string& strPath) : COutput() {
-  if (strPath == "-") {
+  struct stat info {};
+  struct stat standard {};
+  const bool bThere = stat(strPath.c_str(), &info) == 0;
+  if (strPath == "-" || (bThere && fstat(STDOUT_FILENO, &standard) == 0 && info.st_dev == standard.st_dev &&
+                         info.st_ino == standard.st_ino)) {
     return;
   }
-  constexpr mode_t kOwnerOnly = 0600;
   m_strName = strPath;
-  m_iDescriptor =
-      open(strPath.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, kOwnerOnly);
-  if (m_iDescriptor < 0) {
-    ThrowErrno("cannot write " + strPath);
+  if (bThere && (S_ISFIFO(info.st_mode) || S_ISCHR(info.st_mode))) {
+    OpenDirectly();
+    return;
   }
-  m_bOwned = true;
-  struct stat info {};
-  if (fstat(m_iDescriptor, &info) != 0 || !S_ISREG(info.st_mode)) {
-    close(m_iDescriptor);
-    m_bOwned = false;
+  if (bThere && !S_ISREG(info.st_mode)) {
     throw std::system_error(EINVAL, std::generic_category(), "cannot write " + strPath + ", it is no regular file");
   }
-  if (ftruncate(m_iDescriptor, 0) != 0) {
-    const int iError = errno;
-    close(m_iDescriptor);
-    m_bOwned = false;
-    throw std::system_error(iError, std::generic_category(), "cannot write " + strPath);
+  if (lstat(strPath.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+    throw std::system_error(ELOOP, std::generic_category(), "cannot write " + strPath);
   }
+  MakeTemporary();
 }
 
 COutput::~COutput() {
   if (m_bOwned) {
     close(m_iDescriptor);
   }
+  if (!m_strTemporary.empty()) {
+    unlink(m_strTemporary.c_str());
+  }
+}
+
+void COutput::OpenDirectly() {
+  int iDescriptor = -1;
+  do {
+    EndIfInterrupted();
+    iDescriptor = open(m_strName.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);  // a pipe waits for its reader
+  } while (iDescriptor < 0 && errno == EINTR);
+  if (iDescriptor < 0) {
+    ThrowErrno("cannot write " + m_strName);
+  }
+  m_iDescriptor = iDescriptor;
+  m_bOwned = true;
+}
+
+void COutput::MakeTemporary() {
+  std::string strTemporary = m_strName + ".XXXXXX";
+  const int iDescriptor = mkostemp(strTemporary.data(), O_CLOEXEC);  // its owner's alone
+  if (iDescriptor < 0) {
+    ThrowErrno("cannot write " + strTemporary);
+  }
+  m_iDescriptor = iDescriptor;
+  m_bOwned = true;
+  m_strTemporary = std::move(strTemporary);
 }
 
 void COutput::EndLine() {
@@ -98,9 +134,14 @@ void COutput::Flush() {
 
 void COutput::Finish() {
   Flush();
-  if (m_bOwned && fsync(m_iDescriptor) != 0) {
-    ThrowErrno("cannot write " + m_strName);
+  if (!m_strTemporary.empty()) {
+    if (fsync(m_iDescriptor) != 0 || rename(m_strTemporary.c_str(), m_strName.c_str()) != 0) {
+      ThrowErrno("cannot write " + m_strName);
+    }
+    m_strTemporary.clear();
+    SyncDirectoryOf(m_strName);
   }
+  m_bFinished = true;
 }
 
 bool COutput::IsTerminal() const {

@@ -14,7 +14,9 @@ class COutput {
  public:
   // Standard output.
   COutput();
-  // A new file, or an existing regular one that is emptied; "-" is standard output.
+  // A file, which is written beside that name and gets it in Finish: until then an earlier file of the name stays as it
+  // is, and without Finish it does for good. A pipe or a character device is written at once; "-", and whatever else
+  // names it, is standard output.
   explicit COutput(const std::string& strPath);
   // Does not write what is still buffered: that is Finish's, which can fail.
   ~COutput();
@@ -26,15 +28,21 @@ class COutput {
   // Writes when enough is buffered.
   void EndLine();
   void Line(std::string_view svText);
-  // Writes what is buffered; of a file of its own also to the disk.
+  // Writes what is buffered; of a file of its own also to the disk, and gives it its name.
   void Finish();
+  bool IsFinished() const { return m_bFinished; }
+  bool IsStandardOutput() const { return !m_bOwned; }
   bool IsTerminal() const;
 
  private:
   void Flush();
+  void OpenDirectly();
+  void MakeTemporary();
 
   int m_iDescriptor;
   bool m_bOwned = false;
+  bool m_bFinished = false;
+  std::string m_strTemporary;  // the file until it gets its name; empty: there is none
   std::string m_strName;
   std::string m_strBuffer;
 };

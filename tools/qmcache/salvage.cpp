@@ -20,6 +20,7 @@
 #include "tools/qmcache/interruption.h"
 #include "tools/qmcache/log_walk.h"
 #include "tools/qmcache/output.h"
+#include "tools/qmcache/output_guard.h"
 #include "tools/qmcache/page_file.h"
 #include "tools/qmcache/page_salvage.h"
 #include "tools/qmcache/private_copy.h"
@@ -246,7 +247,12 @@ bool IsPartOf(const std::string& strOutput, const std::string& strFile) {
 int RunSalvage(const Options& options) {
   std::string strError;
   if (IsPartOf(options.strOutput, options.strDamaged)) {
-    Complain(options.strOutput + " is what is to be salvaged; it is not written over");
+    strError = options.strOutput + " is what is to be salvaged; it is not written over";
+  } else {
+    strError = ObjectionTo(options.strOutput, options.installation.strCacheDirectory);
+  }
+  if (!strError.empty()) {
+    Complain(strError);
     return kExitFailed;
   }
   CHostAbsence absence;
@@ -271,7 +277,7 @@ int RunSalvage(const Options& options) {
   Salvage(options, copy, output ? &*output : nullptr, summary);
   const std::string strSummary =
       options.bJson ? AsJson(summary, options.bIntoCache) : AsText(summary, options.bIntoCache);
-  if (options.bIntoCache || options.strOutput != "-") {
+  if (!output || !output->IsStandardOutput()) {
     COutput standard;
     standard.Line(strSummary);
     standard.Finish();
