@@ -16,7 +16,7 @@ RECORDS = 200 if SANITIZED else 1500
 class Readers(threading.Thread):
     """Runs every reading verb, over and over; keeps what went wrong."""
 
-    VERBS = (["ls"], ["cat", "--json"], ["verify"], ["export", "-"], ["show", "1"], ["ls", "--json"])
+    VERBS = (["ls"], ["cat", "--json"], ["verify"], ["export", "-"], ["show", "1"], ["ls", "--json"], ["salvage"])
 
     def __init__(self, directory, first):
         super().__init__()
@@ -33,6 +33,8 @@ class Readers(threading.Thread):
     def run(self):
         while not self._stopping.is_set():
             verb = self.VERBS[(self.runs + self._first) % len(self.VERBS)]
+            if verb == ["salvage"]:
+                verb = ["salvage", next(self._directory.glob("*.db"))]
             done = subprocess.run([BIN / "qmcache", "--directory", self._directory, *verb], capture_output=True,
                                   timeout=PATIENCE, check=False)
             self.runs += 1
@@ -93,11 +95,9 @@ class LoadTest(CacheToolTestCase):
         self.put(lines=["first"])
         self.read_while(lambda long_enough: sent.update(self.produce(long_enough)))
         # A reader that had kept a transaction open would have kept the log from being shortened.
-        self.put(*[], lines=["x" * 200] * 60)
+        self.put(lines=["x" * 200] * 60)
         for log in self.cache_dir.glob("*-wal"):
             self.assertLess(log.stat().st_size, 1 << 20)
-        found = {record["message"] if "message" in record else None for record in self.records("cat", "--json")}
-        self.assertGreater(len(found), 1)
         self.assertEqual(len(self.records("cat", "--json")), len(sent) + 61)
         self.assertEqual(self.stop_host(), 0)
         self.assertEqual(len(read_copy(self.cache_dir)), len(sent) + 61)

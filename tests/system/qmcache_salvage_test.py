@@ -8,15 +8,43 @@ import re
 import shutil
 import sqlite3
 import subprocess
+import threading
 import unittest
 
-from cache_files import read_file
+from cache_files import read_file, tagged
 from host_fixture import PATIENCE
 from qmcache_case import DAMAGE, FAILED, WELL, CacheToolTestCase
 
 SENDER = "11111111-1111-1111-1111-111111111111"
 PAGE = 4096
 COUNT = 1200
+
+
+class Writer(threading.Thread):
+    """Adds records to a file and truncates its log, without a pause."""
+
+    def __init__(self, path):
+        super().__init__()
+        self._path = path
+        self._stopping = threading.Event()
+        self.committed = 0
+
+    def stop(self):
+        self._stopping.set()
+        self.join()
+
+    def run(self):
+        connection = sqlite3.connect(self._path, isolation_level=None, timeout=PATIENCE)
+        connection.execute("PRAGMA journal_mode=WAL")
+        connection.execute("PRAGMA synchronous=OFF")
+        while not self._stopping.is_set():
+            number = self.committed + 1
+            text = tagged(number, 0, 1, SENDER.encode(), b"", b"", b"x" * 300).decode()
+            connection.execute("INSERT INTO logcache VALUES (?, 0, 1, '', '', 0, ?, NULL, NULL)", (number, text))
+            self.committed = number
+            if number % 20 == 0:
+                connection.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+        connection.close()
 
 
 class SalvageTestCase(CacheToolTestCase):
@@ -394,6 +422,19 @@ class BackupTest(SalvageTestCase):
                 self.output("verify")
                 _, summary = self.salvage(path=self.sound, status=WELL)
                 self.assertTrue(summary["whole"])
+
+    def test_a_file_that_is_written_to_gives_all_that_was_there_before(self):
+        shutil.copy2(self.sound, self.damaged)
+        writer = Writer(self.damaged)
+        writer.start()
+        try:
+            for _ in range(5):
+                before = writer.committed + COUNT
+                found, summary = self.salvage(status=WELL)
+                self.assertGreaterEqual(len(found), before)
+                self.assertTrue(summary["whole"])
+        finally:
+            writer.stop()
 
     def test_the_hosts_data_directory_is_held_while_records_are_written_back(self):
         self.write_config(ingress={"socket": self.dir / "other"})

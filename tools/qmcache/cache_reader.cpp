@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <string_view>
@@ -18,6 +17,7 @@
 #include "tools/qmcache/interruption.h"
 #include "tools/qmcache/progress.h"
 #include "tools/qmcache/read_only_vfs.h"
+#include "tools/qmcache/sqlite_uri.h"
 
 namespace {
 
@@ -87,26 +87,6 @@ int StopWhenInterrupted(void* /*pArg*/) {
 
 std::string ErrnoText() {
   return std::strerror(errno);
-}
-
-// The path as an SQLite URI, with its directory's symbolic links resolved, so that SQLite can be told to follow none.
-std::string UriOf(const std::string& strPath, const char* pszQuery) {
-  const size_t uSlash = strPath.rfind('/');
-  const std::string strDirectory = uSlash == std::string::npos ? "." : strPath.substr(0, uSlash + 1);
-  const std::string strName = uSlash == std::string::npos ? strPath : strPath.substr(uSlash + 1);
-  const std::unique_ptr<char, decltype(&std::free)> pszResolved(realpath(strDirectory.c_str(), nullptr), &std::free);
-  if (pszResolved == nullptr) {
-    return {};
-  }
-  std::string strUri = "file:";
-  for (const char c : std::string(pszResolved.get()) + "/" + strName) {
-    if (c == '%' || c == '?' || c == '#') {
-      strUri += fmt::format("%{:02x}", static_cast<unsigned char>(c));
-    } else {
-      strUri += c;
-    }
-  }
-  return strUri + pszQuery;
 }
 
 // Size of a file beside the database; -1 when there is none. False when it is no regular file.

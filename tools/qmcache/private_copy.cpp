@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -16,6 +17,7 @@
 
 #include "tools/qmcache/interruption.h"
 #include "tools/qmcache/progress.h"
+#include "tools/qmcache/snapshot.h"
 
 namespace {
 
@@ -112,6 +114,25 @@ Looks LookAtAll(const std::string& strFile) {
     looks[i] = LookAt(strFile + kParts[i]);
   }
   return looks;
+}
+
+// Whether the last change is so long ago that one more would show: the kernel stamps files with a clock that moves in
+// steps of some milliseconds.
+bool HasSettled(const Looks& looks) {
+  constexpr int64_t kSettledNs = 20'000'000;
+  constexpr int64_t kSecondNs = 1'000'000'000;
+  constexpr int64_t kClockSeconds = 10;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return std::all_of(looks.begin(), looks.end(), [&](const std::optional<Look>& look) {
+    if (!look) {
+      return true;
+    }
+    const int64_t i64Seconds = now.tv_sec - look->time.tv_sec;
+    const int64_t i64Ns = i64Seconds * kSecondNs + now.tv_nsec - look->time.tv_nsec;
+    // A time far in the future comes from a clock that was set.
+    return i64Seconds < -kClockSeconds || i64Seconds > 1 || i64Ns > kSettledNs;
+  });
 }
 
 // Copies one file. pu64Lost null: a block that cannot be read is a failure.
@@ -213,17 +234,36 @@ bool CPrivateCopy::TakeWhole(const std::string& strFile, std::string& strError) 
   return false;
 }
 
-bool CPrivateCopy::TakeWhatIsReadable(const std::string& strFile, uint64_t& u64LostBytes, std::string& strError) {
-  u64LostBytes = 0;
-  for (const char* pszPart : kParts) {
-    if (*pszPart != '\0' && !LookAt(strFile + pszPart)) {
-      continue;
+bool CPrivateCopy::TakeWhatIsReadable(const std::string& strFile, uint64_t& u64LostBytes, bool& bChanged,
+                                      std::string& strError) {
+  constexpr int kTries = 5;
+  constexpr useconds_t kPauseUs = 50000;
+  bChanged = false;
+  for (int iTry = 0; iTry < kTries; ++iTry) {
+    const Looks before = LookAtAll(strFile);
+    const bool bSettled = HasSettled(before);
+    const bool bCopied = CopyWhatIsReadable(strFile, u64LostBytes, strError);
+    if (bSettled && before == LookAtAll(strFile)) {
+      return bCopied;
     }
-    if (!CopyFile(strFile + pszPart, m_strPath + pszPart, &u64LostBytes, strError)) {
-      return false;
-    }
+    usleep(kPauseUs);
   }
-  return true;
+  RemoveFiles();
+  u64LostBytes = 0;
+  if (TakeSnapshot(strFile, m_strPath)) {
+    return true;
+  }
+  bChanged = true;
+  return CopyWhatIsReadable(strFile, u64LostBytes, strError);
+}
+
+bool CPrivateCopy::CopyWhatIsReadable(const std::string& strFile, uint64_t& u64LostBytes, std::string& strError) const {
+  RemoveFiles();
+  u64LostBytes = 0;
+  return std::all_of(kParts.begin(), kParts.end(), [&](const char* pszPart) {
+    return (*pszPart != '\0' && !LookAt(strFile + pszPart)) ||
+           CopyFile(strFile + pszPart, m_strPath + pszPart, &u64LostBytes, strError);
+  });
 }
 
 std::string CPrivateCopy::KeepLog(std::string& strError) const {

@@ -17,8 +17,10 @@ class CPrivateCopy {
   // Copies the database, its log and its journal. False with a reason when one cannot be read, or when somebody went on
   // changing them while they were copied.
   [[nodiscard]] bool TakeWhole(const std::string& strFile, std::string& strError);
-  // The same, but goes on over what the disk does not give: such blocks are zeros in the copy and counted.
-  [[nodiscard]] bool TakeWhatIsReadable(const std::string& strFile, uint64_t& u64LostBytes, std::string& strError);
+  // The same, but goes on over what the disk does not give: such blocks are zeros in the copy and counted. bChanged: it
+  // was written to while it was copied, again and again, and the copy is of no one moment.
+  [[nodiscard]] bool TakeWhatIsReadable(const std::string& strFile, uint64_t& u64LostBytes, bool& bChanged,
+                                        std::string& strError);
   // The contents of a gzip file, as far as they can be unpacked; bCutShort tells that they end too early or are damaged.
   // False with a reason when nothing came out.
   [[nodiscard]] bool Unpack(const std::string& strFile, bool& bCutShort, std::string& strError);
@@ -32,6 +34,7 @@ class CPrivateCopy {
 
  private:
   void RemoveFiles() const;
+  bool CopyWhatIsReadable(const std::string& strFile, uint64_t& u64LostBytes, std::string& strError) const;
 
   std::string m_strDirectory;
   std::string m_strPath;

@@ -33,6 +33,7 @@ namespace {
 struct Preparation {
   bool bCutShort = false;     // a backup that cannot be unpacked to its end
   uint64_t u64LostBytes = 0;  // that the disk does not give
+  bool bChanged = false;      // it was written to while it was copied
   bool bLogLeftOut = false;   // the write-ahead log could not be brought in, or not to its end
   std::string strKeptLog;     // where it is then
   LogWalk log;
@@ -86,7 +87,7 @@ bool Prepare(const std::string& strFile, CPrivateCopy& copy, Preparation& prepar
   if (IsGzip(strFile)) {
     return copy.Unpack(strFile, preparation.bCutShort, strError);
   }
-  if (!copy.TakeWhatIsReadable(strFile, preparation.u64LostBytes, strError)) {
+  if (!copy.TakeWhatIsReadable(strFile, preparation.u64LostBytes, preparation.bChanged, strError)) {
     return false;
   }
   CPageFile file;
@@ -134,7 +135,7 @@ struct Summary {
 
   bool IsWhole() const {
     return report.IsWhole() && !preparation.bCutShort && preparation.u64LostBytes == 0 && !preparation.bLogLeftOut &&
-           u64NoSender == 0;
+           !preparation.bChanged && u64NoSender == 0;
   }
 };
 
@@ -151,6 +152,7 @@ std::string AsJson(const Summary& summary, bool bIntoCache) {
                                  {"backup_cut_short", summary.preparation.bCutShort},
                                  {"unreadable_bytes", summary.preparation.u64LostBytes},
                                  {"log_left_out", summary.preparation.bLogLeftOut},
+                                 {"changed_while_copied", summary.preparation.bChanged},
                                  {"whole", summary.IsWhole()}};
   if (bIntoCache) {
     json["written"] = summary.u64Written;
@@ -182,6 +184,10 @@ std::string AsText(const Summary& summary, bool bIntoCache) {
   fnTell(report.bFreeListDamaged,
          "the list of free pages is damaged: records that had been delivered may be among these");
   fnTell(summary.preparation.bCutShort, "the backup cannot be unpacked to its end");
+  fnTell(
+      summary.preparation.bChanged,
+      "the file was written to while it was copied: records may be missing that are in it, and what is told of damage "
+      "may be wrong; try again, or stop the host");
   fnTell(
       summary.preparation.bLogLeftOut,
       "the write-ahead log beside the file is damaged: records that stood in it may be missing, and ones that had been "
