@@ -108,6 +108,7 @@ class ReadTest(CacheToolTestCase):
         self.assertEqual(messages("--sender", SECOND.lower()), ["other"])
         self.assertEqual(messages("--sender", "a service", "--priority", "high"), ["high"])
         self.assertEqual(sorted(messages("--priority", "high", "--priority", "low")), ["high", "low", "other"])
+        self.assertEqual(sorted(messages("--sender", "a service", "--sender", SECOND)), ["high", "low", "other"])
         self.output("cat", "--priority", "real", status=NOTHING)
         self.output("cat", "--priority", "urgent", status=USAGE)
         self.output("cat", "--since", "yesterday", status=USAGE)

@@ -118,6 +118,18 @@ class RejectedTest(HttpLinkTestCase, CacheToolTestCase):
                          [str(file).encode() + b":1", str(file).encode() + b":5"])
         self.assertEqual(self.records("rejected", file, status=DAMAGE), self.records("rejected", file, status=DAMAGE))
 
+    def test_filters_may_stand_before_the_files(self):
+        self.refuse()
+        self.start_up()
+        self.put("--sender", "one", "--priority", "high", lines=["high"])
+        self.put("--sender", "two", "--priority", "low", lines=["low"])
+        self.wait_for_rejected(2)
+        file = self.log_dir / "qmlogcacheerror.log"
+        messages = lambda *arguments: [r["message"] for r in self.records("rejected", *arguments, file)]
+        self.assertEqual(messages("--sender", "one"), ["high"])
+        self.assertEqual(messages("--priority", "low"), ["low"])
+        self.assertEqual(sorted(messages("--sender", "one", "--sender", "two")), ["high", "low"])
+
     def test_what_cannot_be_read_is_told(self):
         self.output("rejected", "--log-directory", self.dir / "none", status=FAILED)
         (self.dir / "link.log").symlink_to(self.config)

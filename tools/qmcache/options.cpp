@@ -38,9 +38,13 @@ struct Texts {
 };
 
 void AddFilter(CLI::App& verb, Options& options, Texts& texts, const char* pszSince) {
-  verb.add_option("--sender", options.filter.vecSenders, "Only of this sender: a GUID, or a name as qmsend takes it")
+  verb.add_option("--sender", options.filter.vecSenders,
+                  "Only of this sender: a GUID, or a name as qmsend takes it; may be repeated")
+      ->allow_extra_args(false)
       ->type_name("GUID|NAME");
-  verb.add_option("--priority", options.filter.vecPriorities, "Only of this priority: low, normal, high, real or other")
+  verb.add_option("--priority", options.filter.vecPriorities,
+                  "Only of this priority: low, normal, high, real or other; may be repeated")
+      ->allow_extra_args(false)
       ->check(CLI::IsMember(std::vector<std::string>{"low", "normal", "high", "real", "other"}).description(""))
       ->type_name("PRIORITY");
   texts.vecSince.push_back(verb.add_option("--since", texts.strSince, pszSince)->type_name("TIME"));
