@@ -118,6 +118,25 @@ class RejectedTest(HttpLinkTestCase, CacheToolTestCase):
                          [str(file).encode() + b":1", str(file).encode() + b":5"])
         self.assertEqual(self.records("rejected", file, status=DAMAGE), self.records("rejected", file, status=DAMAGE))
 
+    def test_the_line_that_is_being_written_is_no_damage(self):
+        self.refuse()
+        self.start_up()
+        self.put(lines=["one"])
+        self.wait_for_rejected(1)
+        line = (self.log_dir / "qmlogcacheerror.log").read_bytes().splitlines(keepends=True)[0]
+        logs = self.dir / "logs"
+        logs.mkdir()
+        newest, older = logs / "qmlogcacheerror.log", logs / "qmlogcacheerror.1.log"
+        for length in (10, len(line) // 2, len(line) - 3):
+            newest.write_bytes(line + line[:length])
+            done = self.tool("rejected", "--log-directory", logs)
+            self.assertEqual((done.returncode, done.stdout.count(b"\n")), (WELL, 1))
+            self.assertIn(b"ends without a newline", done.stderr)
+        older.write_bytes(line[:-10])  # nobody goes on with that one
+        done = self.tool("rejected", older, newest)
+        self.assertEqual((done.returncode, done.stdout.count(b"\n")), (DAMAGE, 1))
+        self.assertIn(b"qmlogcacheerror.1.log:1: the line is cut", done.stderr)
+
     def test_filters_may_stand_before_the_files(self):
         self.refuse()
         self.start_up()

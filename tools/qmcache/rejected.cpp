@@ -56,6 +56,10 @@ bool AgeOf(std::string_view svName, uint32_t& uAge) {
   return svName.front() == '.' && result.ec == std::errc() && result.ptr == svName.data() + svName.size();
 }
 
+std::string_view NameOf(std::string_view svPath) {
+  return svPath.substr(svPath.rfind('/') + 1);  // all of it without a slash
+}
+
 std::vector<std::string> FindLogFiles(const std::string& strDirectory) {
   const std::unique_ptr<DIR, DirectoryClose> pDirectory(opendir(strDirectory.c_str()));
   if (pDirectory == nullptr) {
@@ -180,9 +184,8 @@ class CRejected {
         TellDamaged(file, u64Line + 1);
       }
     }
-    // A line without an end is still being written, or was cut.
     if (!strBuffer.empty()) {
-      TakeLine(file, strBuffer, ++u64Line);
+      TakeUnendedLine(file, strBuffer, ++u64Line);
     }
   }
 
@@ -193,6 +196,19 @@ class CRejected {
       uBegin = uEnd + 1;
     }
     strBuffer.erase(0, uBegin);
+  }
+
+  // Nobody goes on with a line of a file that was rotated away, so there it was cut.
+  void TakeUnendedLine(const LogFile& file, const std::string& strLine, uint64_t u64Line) {
+    uint32_t uAge = 0;
+    RejectedRecord rejected;
+    const bool bWrittenTo = AgeOf(NameOf(file.strPath), uAge) && uAge == 0;
+    if (bWrittenTo && ParseRejectedLine(strLine, rejected) != RejectedLine::Record) {
+      Complain(fmt::format("{}:{}: the file ends without a newline, its last line is still being written or was cut",
+                           file.strPath, u64Line));
+    } else {
+      TakeLine(file, strLine, u64Line);
+    }
   }
 
   void TakeLine(const LogFile& file, std::string_view svLine, uint64_t u64Line) {
