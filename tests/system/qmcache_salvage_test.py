@@ -333,6 +333,20 @@ class BackupTest(SalvageTestCase):
         self.assertEqual(len(rows), COUNT)
         self.assertEqual([row["combo"] for row in rows], [b"changed"] * (COUNT - 1) + [b"c"])
 
+    def test_a_column_that_is_no_number_comes_back_as_the_text_has_it(self):
+        (dataid,) = [record["dataid"] for record in self.whole[:1]]
+        before = read_file(self.sound)[0]
+        shutil.copy2(self.sound, self.damaged)
+        self.sound.unlink()
+        connection = sqlite3.connect(self.damaged)
+        connection.execute("UPDATE logcache SET priv = 'x', msgtype = x'00', datatype = 7 WHERE dataid = ?",
+                           (int(dataid, 16),))
+        connection.commit()
+        connection.close()
+        self.output("salvage", "--into-cache", self.damaged)
+        self.assertEqual(read_file(self.sound)[0], before)
+        self.assertNotEqual((before["priv"], before["msgtype"]), (0, 0))
+
     def test_a_file_that_is_damaged_itself_is_not_written_to(self):
         self.break_file()
         done = self.tool("salvage", "--into-cache", self.sound)

@@ -15,9 +15,6 @@
 
 namespace {
 
-constexpr int64_t kPlain = 0;
-constexpr int64_t kBase64 = 1;
-
 // The decoder's result ends at its terminating zero, and so does what the component reads.
 bool DecodePayload(const std::string& strEncoded, std::string& strText) {
   if (strEncoded.size() > INT_MAX) {

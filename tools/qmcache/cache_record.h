@@ -8,6 +8,10 @@
 #include <string_view>
 #include <vector>
 
+// What datatype says of data.
+inline constexpr int64_t kPlain = 0;
+inline constexpr int64_t kBase64 = 1;
+
 // A row's values. What is not of the column's type is missing.
 struct StoredRow {
   int64_t i64RowId = 0;

@@ -34,11 +34,11 @@ void BindText(sqlite3_stmt* pStmt, int iAt, const std::string& strText) {
 int Insert(sqlite3_stmt* pStmt, const StoredRow& row) {
   int iColumn = 0;
   sqlite3_bind_int64(pStmt, ++iColumn, row.i64RowId);
-  sqlite3_bind_int64(pStmt, ++iColumn, row.priv.value_or(0));
-  sqlite3_bind_int64(pStmt, ++iColumn, row.msgType.value_or(0));
+  sqlite3_bind_int64(pStmt, ++iColumn, *row.priv);
+  sqlite3_bind_int64(pStmt, ++iColumn, *row.msgType);
   BindText(pStmt, ++iColumn, *row.product);
   BindText(pStmt, ++iColumn, *row.combo);
-  sqlite3_bind_int64(pStmt, ++iColumn, row.dataType.value_or(0));
+  sqlite3_bind_int64(pStmt, ++iColumn, *row.dataType);
   BindText(pStmt, ++iColumn, *row.data);
   const int iResult = sqlite3_step(pStmt);
   sqlite3_reset(pStmt);
@@ -51,8 +51,12 @@ CCacheWriter::CCacheWriter(std::string strDirectory) : m_strDirectory(std::move(
 
 CCacheWriter::~CCacheWriter() = default;
 
-void CCacheWriter::Add(const StoredRow& row, const std::string& strSender) {
-  m_vecWaiting.push_back({strSender, row});
+void CCacheWriter::Add(const StoredRow& row, const CacheRecord& record) {
+  Waiting& waiting = m_vecWaiting.emplace_back(Waiting{record.strGuid, row});
+  // Columns may be what they cannot be, where the text is right.
+  waiting.row.priv = record.iPriv;
+  waiting.row.msgType = record.iMsgType;
+  waiting.row.dataType = row.dataType == kBase64 ? kBase64 : kPlain;
   m_uBytes += row.data ? row.data->size() : 0;
   if (m_vecWaiting.size() >= kRowsAtOnce || m_uBytes >= kBytesAtOnce) {
     Finish();

@@ -207,7 +207,7 @@ void Salvage(const Options& options, const CPrivateCopy& copy, COutput* pOutput,
       json.Append(pOutput->Buffer(), record);
       pOutput->Line("");
     } else if (IsSenderId(record.strGuid) && row.product && row.combo) {
-      writer.Add(row, record.strGuid);
+      writer.Add(row, record);
     } else {
       ++summary.u64NoSender;
     }
