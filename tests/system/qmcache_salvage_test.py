@@ -12,7 +12,7 @@ import threading
 import unittest
 
 from cache_files import read_file, tagged
-from host_fixture import PATIENCE
+from host_fixture import BIN, PATIENCE
 from qmcache_case import DAMAGE, FAILED, WELL, CacheToolTestCase
 
 SENDER = "11111111-1111-1111-1111-111111111111"
@@ -369,6 +369,18 @@ class BackupTest(SalvageTestCase):
         known = {record["dataid"]: record for record in self.whole}
         for record in found:
             self.assertEqual(record, known[record["dataid"]])
+
+    def test_a_backup_that_unpacks_without_an_end_leaves_room(self):
+        bomb = self.work / f"{SENDER}3.db.zip"
+        bomb.write_bytes(gzip.compress(bytes(200 << 20)))
+        small = self.dir / "small"
+        small.mkdir()
+        script = ('mount -t tmpfs -o size=60m tmpfs "$TMPDIR"; "$0" "$@"; status=$?; ls -A "$TMPDIR"; exit $status')
+        command = ["unshare", "--map-root-user", "--mount", "sh", "-c", script, BIN / "qmcache", "salvage", bomb]
+        done = subprocess.run(command, capture_output=True, timeout=PATIENCE, check=False,
+                              env={**os.environ, "TMPDIR": str(small)})
+        self.assertEqual((done.returncode, done.stdout), (FAILED, b""))
+        self.assertIn(b"not enough room", done.stderr)
 
     def test_rows_in_the_log_are_brought_in(self):
         self.start_with_link_down()

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -12,6 +13,7 @@
 #include <ctime>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 #include <vector>
 
@@ -66,6 +68,20 @@ void WriteAll(int iFile, const char* pData, size_t uSize) {
     }
     pData += iWritten;
     uSize -= static_cast<size_t>(iWritten);
+  }
+}
+
+// Some of the file system stays free for everybody else: what is copied may be made to be endless.
+void CheckRoom(int iFile, const std::string& strFrom) {
+  constexpr uint64_t kShare = 20;
+  constexpr uint64_t kMostReserved = uint64_t{1} << 30;
+  struct statvfs room {};
+  if (fstatvfs(iFile, &room) != 0) {
+    ThrowErrno("cannot tell how much room is left for temporary files");
+  }
+  const uint64_t u64Reserved = std::min(uint64_t{room.f_blocks} * room.f_frsize / kShare, kMostReserved);
+  if (uint64_t{room.f_bavail} * room.f_frsize < u64Reserved) {
+    throw std::runtime_error("not enough room for a copy of " + strFrom + "; TMPDIR says where it is made");
   }
 }
 
@@ -166,6 +182,7 @@ bool CopyFile(const std::string& strFrom, const std::string& strTo, uint64_t* pu
     if (iRead == 0) {
       break;  // it has become shorter
     }
+    CheckRoom(to.Get(), strFrom);
     WriteAll(to.Get(), vecBlock.data(), static_cast<size_t>(iRead));
     iAt += iRead;
     CProgress::Step(static_cast<uint64_t>(iRead));
@@ -286,6 +303,9 @@ bool CPrivateCopy::Unpack(const std::string& strFile, bool& bCutShort, std::stri
   while ((iRead = gzread(pFile.get(), vecBlock.data(), static_cast<unsigned int>(vecBlock.size()))) > 0) {
     EndIfInterrupted();
     CProgress::Step(0);  // how much is to come out is not known
+    if (u64Size % kBlockSize == 0) {
+      CheckRoom(to.Get(), strFile);
+    }
     WriteAll(to.Get(), vecBlock.data(), static_cast<size_t>(iRead));
     u64Size += static_cast<uint64_t>(iRead);
   }

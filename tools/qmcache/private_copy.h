@@ -6,7 +6,8 @@
 #include <cstdint>
 #include <string>
 
-// Throws Interruption, and std::system_error when the temporary directory (TMPDIR, else /var/tmp) cannot be written.
+// Throws Interruption, std::system_error when the temporary directory (TMPDIR, else /var/tmp) cannot be written, and
+// std::runtime_error when a copy would fill its file system but for a reserve: a twentieth of it, at most 1 GiB.
 class CPrivateCopy {
  public:
   CPrivateCopy();
