@@ -351,7 +351,7 @@ class ReadTest(CacheToolTestCase):
         lock = sqlite3.connect(self.cache_dir / "z.db", isolation_level=None)
         lock.execute("BEGIN EXCLUSIVE")  # the last file is waited for
         command = [BIN / "qmcache", "--directory", self.cache_dir, "export", exported]
-        with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
+        with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as process:
             wait_until(lambda: any(path.stat().st_size for path in self.dir.glob("exported.jsonl.*")), "the export")
             process.send_signal(signal.SIGTERM)
             self.assertEqual(process.wait(PATIENCE), 128 + signal.SIGTERM)

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <memory>
+#include <utility>
 
 #include "db/wal_vfs.h"
 #include "tools/qmcache/interruption.h"

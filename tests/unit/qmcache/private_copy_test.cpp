@@ -5,11 +5,14 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string>
+#include <system_error>
 
 namespace {
 
