@@ -9,7 +9,7 @@
 // |               | max_files          | 5                    | files a log channel keeps, 2 to 1000                  |
 // | [storage]     | sync               | full                 | full: a write (file link, too) survives a power cut;  |
 // |               |                    |                      | normal: a killed process                              |
-// | [router]      | completion_threads | 1                    | threads that complete sends, 1 to 64; one keeps order |
+// | [router]      | completion_threads | 1                    | threads that complete sends, 1 to 64; 1: in order |
 // |               | reply_timeout_ms   | 30000                | how long a message may stay unanswered, 1 to 3600000  |
 // | [ingress]     | socket             | data/qmhost.sock     | Unix socket for producers, at most 107 bytes          |
 // |               | allowed_users      |                      | users beside root and the host's: names or numbers    |

@@ -46,7 +46,7 @@ class IHostContext : public IComponentContext {
 };
 
 struct RouterOptions {
-  unsigned int uCompletionThreads = 1;   // one keeps results in order
+  unsigned int uCompletionThreads = 1;   // one delivers in order; results, too, but for those given during a delivery
   unsigned int uReplyTimeoutMs = 30000;  // how long a producer's message may stay unanswered
 };
 
