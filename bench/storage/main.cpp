@@ -29,9 +29,9 @@ void RequireDisk(const std::string& strDirectory) {
 
 int main(int iArguments, char** ppszArguments) {
   try {
-    const BenchOptions options = ParseBenchOptions(
-        iArguments, ppszArguments,
-        {"storage_insert", "storage_insert_delete", "storage_senders", "storage_save", "storage_load", "storage_drain"});
+    const BenchOptions options = ParseBenchOptions(iArguments, ppszArguments,
+                                                   {"storage_insert", "storage_insert_delete", "storage_senders",
+                                                    "storage_save", "storage_load", "storage_drain"});
     RequireDisk(options.strDirectory);
     struct Group {
       const char* pszName;
