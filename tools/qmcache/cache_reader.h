@@ -61,6 +61,8 @@ class CCacheReader {
 
  private:
   enum class Way { Shared, AsItStands, Copied };
+  // How often it is tried while somebody writes.
+  static constexpr int kTries = 20;
 
   FileState OpenOnce(bool& bAgain);
   FileState ChooseWay(Way& way, bool& bUsesLog);

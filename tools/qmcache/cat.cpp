@@ -7,6 +7,7 @@
 #include "tools/qmcache/exit_codes.h"
 #include "tools/qmcache/output.h"
 #include "tools/qmcache/output_guard.h"
+#include "tools/qmcache/printable.h"
 #include "tools/qmcache/record_json.h"
 #include "tools/qmcache/scan.h"
 #include "tools/qmcache/verbs.h"

@@ -10,6 +10,7 @@
 
 #include "host/link/record_line.h"
 #include "tools/qmcache/output.h"
+#include "tools/qmcache/printable.h"
 #include "tools/qmcache/scan.h"
 #include "tools/qmcache/size_text.h"
 #include "tools/qmcache/time_text.h"

@@ -4,15 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
 #include <utility>
 
-#include "platform/log_escape.h"
 #include "tools/qmcache/interruption.h"
+#include "tools/qmcache/printable.h"
 #include "tools/qmcache/progress.h"
 
 namespace {
@@ -35,18 +34,6 @@ void SyncDirectoryOf(const std::string& strFile) {
 }
 
 }  // namespace
-
-size_t DirectionMarkLength(std::string_view svText) {
-  constexpr std::array<std::string_view, 18> kMarks = {"\u2028", "\u2029", "\u061C", "\u200B", "\u200C", "\u200D",
-                                                       "\u200E", "\u200F", "\u202A", "\u202B", "\u202C", "\u202D",
-                                                       "\u202E", "\u2066", "\u2067", "\u2068", "\u2069", "\uFEFF"};
-  for (const std::string_view svMark : kMarks) {
-    if (svText.starts_with(svMark)) {
-      return svMark.size();
-    }
-  }
-  return 0;
-}
 
 COutput::COutput() : m_iDescriptor(STDOUT_FILENO), m_strName("standard output") {}
 
@@ -146,25 +133,6 @@ void COutput::Finish() {
 
 bool COutput::IsTerminal() const {
   return !m_bOwned && isatty(m_iDescriptor) == 1;
-}
-
-std::string Printable(std::string_view svText) {
-  std::string strEscaped;
-  AppendEscapedLogText(svText, &strEscaped);
-  std::string strText;
-  for (size_t uAt = 0; uAt < strEscaped.size();) {
-    const size_t uMark = DirectionMarkLength(std::string_view(strEscaped).substr(uAt));
-    if (uMark == 0) {
-      strText += strEscaped[uAt++];
-      continue;
-    }
-    for (const size_t uEnd = uAt + uMark; uAt < uEnd; ++uAt) {
-      constexpr char kHexDigits[] = "0123456789abcdef";
-      const auto cByte = static_cast<unsigned char>(strEscaped[uAt]);
-      strText.append("\\x").append(1, kHexDigits[cByte >> 4]).append(1, kHexDigits[cByte & 0xF]);
-    }
-  }
-  return strText;
 }
 
 void Complain(std::string_view svText) {

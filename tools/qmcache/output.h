@@ -47,14 +47,6 @@ class COutput {
   std::string m_strBuffer;
 };
 
-// The text as one line that no terminal acts upon: control characters, bytes that are not UTF-8 and marks that change
-// the direction of text are written as \n, \t, \xhh; a backslash as two.
-[[nodiscard]] std::string Printable(std::string_view svText);
-
-// Length of the mark at the front of svText, which begins with a whole character; 0 when there is none. Marks by which a
-// text can make itself look like another one: U+061C, U+200B-U+200F, U+2028-U+202E, U+2066-U+2069, U+FEFF.
-[[nodiscard]] size_t DirectionMarkLength(std::string_view svText);
-
 // "qmcache: " and the text, made printable, on standard error; a progress bar that is shown there is taken away first.
 void Complain(std::string_view svText);
 

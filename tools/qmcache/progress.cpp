@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "tools/qmcache/output.h"
+#include "tools/qmcache/printable.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <iterator>
 
 #include "host/link/record_line.h"
-#include "tools/qmcache/output.h"
+#include "tools/qmcache/printable.h"
 
 namespace {
 constexpr int32_t kPublicPriv = 10;

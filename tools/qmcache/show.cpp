@@ -7,6 +7,7 @@
 
 #include "host/link/record_line.h"
 #include "tools/qmcache/output.h"
+#include "tools/qmcache/printable.h"
 #include "tools/qmcache/record_json.h"
 #include "tools/qmcache/scan.h"
 #include "tools/qmcache/time_text.h"

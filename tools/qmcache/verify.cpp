@@ -6,6 +6,7 @@
 
 #include "tools/qmcache/log_walk.h"
 #include "tools/qmcache/output.h"
+#include "tools/qmcache/printable.h"
 #include "tools/qmcache/scan.h"
 #include "tools/qmcache/verbs.h"
 

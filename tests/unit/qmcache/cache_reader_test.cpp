@@ -11,7 +11,7 @@
 
 #include "db/log_cache_db.h"
 #include "tests/unit/platform/temporary_directory.h"
-#include "tools/qmcache/output.h"
+#include "tools/qmcache/printable.h"
 #include "tools/qmcache/read_only_vfs.h"
 #include "tools/qmcache/size_text.h"
 
