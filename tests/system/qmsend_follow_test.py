@@ -93,7 +93,7 @@ class FollowTestCase(HostTestCase):
     def noted_offset(self):
         try:
             fields = dict(line.split(" ", 1) for line in self.position.read_text().split("\n") if " " in line)
-            return int(fields["offset"])
+            return int(fields["offset"]) if int(fields["inode"]) != 0 else None  # there was no log
         except FileNotFoundError:
             return None
 
@@ -369,6 +369,33 @@ class RestartTest(FollowTestCase):
         lines += self.lines(2)
         self.append(*lines[3:])
         self.start_host()
+        self.wait_arrived(lines)
+        self.check_once(lines)
+
+    def make_rotated(self, lines):
+        """A log that is there and rotated already when it is first seen."""
+        for name, part in (("app.log.1", lines[:3]), ("app.log", lines[3:])):
+            (self.dir / name).write_bytes(b"".join(line + b"\n" for line in part))
+        for name in ("app.log.1", "app.log"):
+            (self.dir / name).rename(self.logs / name)
+
+    def test_a_log_that_is_rotated_before_it_is_first_seen_is_sent_whole(self):
+        self.start_host()
+        self.follow()
+        self.wait_said("it is waited for")
+        lines = self.lines(5)
+        self.make_rotated(lines)
+        self.wait_arrived(lines)
+        self.check_once(lines)
+
+    def test_a_log_that_is_rotated_before_any_run_has_seen_it_is_sent_whole(self):
+        self.follow()
+        self.wait_said("it is waited for")
+        self.assertEqual(self.end_follower(signal.SIGKILL), -signal.SIGKILL)
+        lines = self.lines(5)
+        self.make_rotated(lines)
+        self.start_host()
+        self.follow()
         self.wait_arrived(lines)
         self.check_once(lines)
 

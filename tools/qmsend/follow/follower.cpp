@@ -40,14 +40,21 @@ bool CFollower::Prepare() {
   std::string strError;
   FollowPosition position;
   timespec noted{};
+  bool bResumes = false;
   bool bGood = m_builder.Configure(m_options.message, strError) && m_position.Lock(strError);
   if (bGood) {
     const auto loaded = m_position.Load(m_options.strFollow, position, noted, strError);
-    m_bResumes = loaded == CPositionFile::Loaded::Some;
+    bResumes = loaded == CPositionFile::Loaded::Some;
     bGood = loaded != CPositionFile::Loaded::Failed;
   }
-  if (bGood && !m_bResumes && !CLogFile::Open(m_options.strFollow, strError)) {
-    bGood = errno == ENOENT;  // which is waited for
+  if (bGood && !bResumes && !CLogFile::Open(m_options.strFollow, strError)) {
+    // It is waited for, and so is what it may have been rotated to before it is first seen, by this run or the next.
+    bGood = errno == ENOENT;
+    bResumes = true;
+    position.strLog = m_options.strFollow;
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &noted);  // the clock of files
+    std::string strLater;                            // is told where a position of the log cannot be noted either
+    static_cast<void>(bGood && m_position.Note(position, strLater));
   }
   if (!bGood) {
     m_terminal.Line(strError);
@@ -61,7 +68,7 @@ bool CFollower::Prepare() {
   m_pEngine = std::make_unique<CSendEngine>(std::move(settings), events);
   m_pTail = std::make_unique<CLogTail>(m_options.strFollow, m_options.mode, 0,
                                        [this](const std::string& strLine) { m_terminal.Line(strLine); });
-  if (m_bResumes) {
+  if (bResumes) {
     m_pTail->StartAt(position, noted);
   } else {
     m_pTail->StartAtBeginning();
@@ -119,7 +126,7 @@ void CFollower::FindLog(Clock::time_point now) {
   if (!m_pTail->Here().pFile && now >= m_nextRead && !m_pTail->Read()) {
     m_nextRead = now + kPollInterval;
   }
-  if (!m_bResumes && !m_lines.Mark().pFile && m_pTail->Here().pFile) {
+  if (!m_lines.Mark().pFile && m_pTail->Here().pFile) {
     m_lines.Skip(m_pTail->Here());
   }
 }

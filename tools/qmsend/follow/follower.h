@@ -62,7 +62,6 @@ class CFollower : private ISendEvents {
   CInterrupt m_interrupt;
   CTerminal m_terminal;
   CPositionFile m_position;
-  bool m_bResumes = false;  // where an earlier run has noted
   CMessageBuilder m_builder;
   std::unique_ptr<CSendEngine> m_pEngine;
   std::unique_ptr<CLogTail> m_pTail;

@@ -47,7 +47,7 @@ void CLogTail::StartAt(const FollowPosition& position, const timespec& noted) {
 
 // False when what may hold the position cannot be read now.
 bool CLogTail::Resume() {
-  const auto& [position, noted] = *m_start;
+  auto& [position, noted] = *m_start;
   std::string strError;
   auto pFile = FindPosition(m_strLog, position, strError);
   if (!pFile && !strError.empty()) {
@@ -68,13 +68,19 @@ bool CLogTail::Resume() {
     TellWaitsFor(successor.strError);
     return false;
   }
-  m_strTold.clear();
-  m_fnTell("warning: what was read last of " + m_strLog + ", up to " + Byte(position.u64Offset) +
-           ", is not there any more: truncated, removed or compressed, and compressed files are not read. What stood "
-           "behind it is not sent");
+  if (position.IsOfAFile()) {
+    m_strTold.clear();
+    m_fnTell("warning: what was read last of " + m_strLog + ", up to " + Byte(position.u64Offset) +
+             ", is not there any more: truncated, removed or compressed, and compressed files are not read. What stood "
+             "behind it is not sent");
+    position = {};
+  }
   TakeSuccessor(successor);
+  if (!m_pFile && !OpenLog()) {
+    return false;
+  }
   m_start.reset();
-  return m_pFile || OpenLog();
+  return true;
 }
 
 void CLogTail::LimitRecords(size_t uMaxRecord) {

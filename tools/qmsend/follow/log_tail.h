@@ -26,7 +26,8 @@ class CLogTail {
   // ordinary.
   CLogTail(std::string strLog, RecordMode mode, size_t uMaxRecord, Tell fnTell);
 
-  // Either goes first: at the beginning of the log, or behind the position. What is open by then is read even if it is
+  // Either goes first: at the beginning of the log, or behind the position; noted: when it was written. A position of no
+  // file is before whatever was written since. What is open by then is read even if it is
   // renamed or removed; what is not is looked for by Read.
   void StartAtBeginning();
   void StartAt(const FollowPosition& position, const timespec& noted);

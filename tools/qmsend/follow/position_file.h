@@ -16,6 +16,9 @@ struct FollowPosition {
   uint64_t u64Offset = 0;  // of the first byte that is not settled
   std::string strHead;     // first bytes of the file
   std::string strBefore;   // bytes right before the offset
+
+  // False: nothing was read, and there was no log when it was noted.
+  bool IsOfAFile() const { return u64Inode != 0; }
 };
 
 class CPositionFile {
