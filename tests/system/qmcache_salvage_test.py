@@ -21,7 +21,10 @@ COUNT = 1200
 
 
 class Writer(threading.Thread):
-    """Adds records to a file and truncates its log, without a pause."""
+    """Writes records to a file and truncates its log, without a pause. So many are added; then the last one is written
+    over, so that a slow reader has no more to read."""
+
+    MOST = 3000
 
     def __init__(self, path):
         super().__init__()
@@ -37,12 +40,17 @@ class Writer(threading.Thread):
         connection = sqlite3.connect(self._path, isolation_level=None, timeout=PATIENCE)
         connection.execute("PRAGMA journal_mode=WAL")
         connection.execute("PRAGMA synchronous=OFF")
+        writes = 0
         while not self._stopping.is_set():
-            number = self.committed + 1
+            number = min(self.committed + 1, self.MOST)
             text = tagged(number, 0, 1, SENDER.encode(), b"", b"", b"x" * 300).decode()
-            connection.execute("INSERT INTO logcache VALUES (?, 0, 1, '', '', 0, ?, NULL, NULL)", (number, text))
-            self.committed = number
-            if number % 20 == 0:
+            if number > self.committed:
+                connection.execute("INSERT INTO logcache VALUES (?, 0, 1, '', '', 0, ?, NULL, NULL)", (number, text))
+                self.committed = number
+            else:
+                connection.execute("UPDATE logcache SET data = ? WHERE dataid = ?", (text, number))
+            writes += 1
+            if writes % 20 == 0:
                 connection.execute("PRAGMA wal_checkpoint(TRUNCATE)")
         connection.close()
 
