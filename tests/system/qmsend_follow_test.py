@@ -542,6 +542,7 @@ class KillTest(FollowTestCase):
     def test_no_line_is_lost_by_kills_of_either_program_under_load_and_rotations(self):
         self.start_host()
         self.follow("--quiet")
+        wait_until(self.position.exists, "the first follower to have begun")  # before that it can promise nothing
         lines = self.lines(self.LINES)
         writer = threading.Thread(target=self.write_and_rotate, args=(lines,))
         writer.start()
