@@ -194,7 +194,7 @@ std::string ReadGuid(std::string_view svValue, std::string& strRead) {
 
 std::string ReadLoopbackAddress(std::string_view svValue, std::string& strAddress, uint16_t& uPort) {
   const size_t uColon = svValue.rfind(':');
-  const std::string strForm = Quoted(svValue) + " is not an address and a port, such as 127.0.0.1:9478 or [::1]:9478";
+  std::string strForm = Quoted(svValue) + " is not an address and a port, such as 127.0.0.1:9478 or [::1]:9478";
   if (uColon == std::string_view::npos) {
     return strForm;
   }
