@@ -1,4 +1,6 @@
 // qmhost: loads plug-ins, routes messages between them and local producers, and carries records to their destination.
+#include <sqlite3.h>
+
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cstdio>
@@ -65,6 +67,8 @@ int RunMain(int iArguments, char** ppszArguments) {
 int main(int iArguments, char** ppszArguments) {
   try {
     FillStandardDescriptors();
+    // SQLite's count of its memory is a lock of the whole process for each allocation, and nobody asks for it.
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
     return RunMain(iArguments, ppszArguments);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "qmhost: %s\n", error.what());

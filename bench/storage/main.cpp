@@ -3,6 +3,7 @@
 //
 // Usage: storage_bench [--quick] [--rounds N] [--directory DIR] [GROUP...]
 #include <linux/magic.h>
+#include <sqlite3.h>
 #include <sys/vfs.h>
 
 #include <cstdio>
@@ -33,6 +34,7 @@ int main(int iArguments, char** ppszArguments) {
                                                    {"storage_insert", "storage_insert_delete", "storage_senders",
                                                     "storage_save", "storage_load", "storage_drain"});
     RequireDisk(options.strDirectory);
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);  // as the host does
     struct Group {
       const char* pszName;
       void (*pfnRun)(const BenchOptions& options);
