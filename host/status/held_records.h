@@ -19,7 +19,8 @@ struct HeldRecords {
   std::optional<uint64_t> optEarlier;  // of earlier runs; nothing when it is not known
   bool bAtMost = false;                // some of them may have been dropped
   bool bAbout = false;                 // some that were refused may be held as well
-  // Age of the oldest record of this run: it is no younger, and older if it is stuck behind newer ones. Nothing when none is held, or the history does not tell.
+  // Age of the oldest record of this run: it is no younger, and older if it is stuck behind newer ones. Nothing when
+  // none is held, or the history does not tell.
   std::optional<std::chrono::seconds> optOldest;
 };
 

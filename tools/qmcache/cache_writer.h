@@ -18,8 +18,8 @@ class CCacheWriter {
   CCacheWriter(const CCacheWriter&) = delete;
   CCacheWriter& operator=(const CCacheWriter&) = delete;
 
-  // Takes a record for its sender's file; row: where it stood, with product, combo and data. Throws std::runtime_error when a file cannot be written or is damaged itself:
-  // what is written to such a file would be lost with it.
+  // Takes a record for its sender's file; row: where it stood, with product, combo and data. Throws std::runtime_error
+  // when a file cannot be written or is damaged itself: what is written to such a file would be lost with it.
   void Add(const StoredRow& row, const CacheRecord& record);
   // Writes what is left.
   void Finish();

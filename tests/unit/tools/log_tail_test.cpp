@@ -43,6 +43,12 @@ class LogTailTest : public ::testing::Test {
     return vecLines;
   }
 
+  // The position behind the last line that was read.
+  FollowPosition End() const {
+    return {m_strLog,        m_end.pFile->Device(), m_end.pFile->Inode(),
+            m_end.u64Offset, m_end.pFile->Head(),   m_end.strBefore};
+  }
+
   using Lines = std::vector<std::string>;
   std::string m_strDirectory;
   std::string m_strLog;
@@ -209,8 +215,7 @@ TEST_F(LogTailTest, APositionInALogThatMayNotBeReadIsWaitedFor) {
   CLogTail tail(m_strLog, RecordMode::Lines, 1000, m_fnTell);
   tail.StartAtBeginning();
   All(tail);
-  const FollowPosition position{m_strLog,        m_end.pFile->Device(), m_end.pFile->Inode(),
-                                m_end.u64Offset, m_end.pFile->Head(),   m_end.strBefore};
+  const FollowPosition position = End();
   Append(m_strLog, "new\n");
   ASSERT_EQ(::chmod(m_strLog.c_str(), 0), 0);
   CLogTail again(m_strLog, RecordMode::Lines, 1000, m_fnTell);
@@ -230,8 +235,7 @@ TEST_F(LogTailTest, APositionInARotatedFileThatMayNotBeReadIsWaitedFor) {
   CLogTail tail(m_strLog, RecordMode::Lines, 1000, m_fnTell);
   tail.StartAtBeginning();
   All(tail);
-  const FollowPosition position{m_strLog,        m_end.pFile->Device(), m_end.pFile->Inode(),
-                                m_end.u64Offset, m_end.pFile->Head(),   m_end.strBefore};
+  const FollowPosition position = End();
   Append(m_strLog, "old 2\n");
   std::filesystem::rename(m_strLog, m_strLog + ".1");
   Age(m_strLog + ".1", 100);
