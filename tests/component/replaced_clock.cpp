@@ -46,6 +46,8 @@ void CReplacedClock::Reset() {
   const std::lock_guard<std::mutex> guard(m_mutex);
   m_mapSleeps.clear();
   m_mapEventWaits.clear();
+  m_bHoldEventWaits = false;
+  m_counted.notify_all();
 }
 
 void CReplacedClock::SetRealWaitEvent(WaitEventFunc pfnWaitEvent) {
@@ -91,6 +93,29 @@ bool CReplacedClock::WaitForEventWaits(unsigned int dwMilliseconds, uint64_t uMo
   return m_counted.wait_for(lock, kHangGuard, [&] { return m_mapEventWaits[dwMilliseconds] >= u64Goal; });
 }
 
+bool CReplacedClock::HoldEventWaits() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_bHoldEventWaits = true;
+  return m_counted.wait_for(lock, kHangGuard, [&] { return m_iHeldEventWaits > 0; });
+}
+
+void CReplacedClock::ReleaseEventWaits() {
+  const std::lock_guard<std::mutex> guard(m_mutex);
+  m_bHoldEventWaits = false;
+  m_counted.notify_all();
+}
+
+void CReplacedClock::StayWhileHeld() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  if (!m_bHoldEventWaits) {
+    return;
+  }
+  ++m_iHeldEventWaits;
+  m_counted.notify_all();
+  m_counted.wait(lock, [&] { return !m_bHoldEventWaits; });
+  --m_iHeldEventWaits;
+}
+
 void CReplacedClock::Sleep(unsigned int uSeconds) {
   {
     std::array<char, 17> szName{};
@@ -113,7 +138,9 @@ int CReplacedClock::WaitEvent(void* hEvent, unsigned int dwMilliseconds) {
     m_counted.notify_all();
   }
   const auto dwShort = static_cast<unsigned int>(dwMilliseconds / m_uEventDivisor);
-  return m_pfnRealWaitEvent.load()(hEvent, std::max(dwShort, 1U));
+  const int iRet = m_pfnRealWaitEvent.load()(hEvent, std::max(dwShort, 1U));
+  StayWhileHeld();
+  return iRet;
 }
 
 #define HOST_EXPORT __attribute__((visibility("default")))

@@ -41,6 +41,10 @@ class CReplacedClock {
   uint64_t EventWaits(unsigned int dwMilliseconds);
   // Waits until uMore further event waits of that length have begun; false when they do not come.
   [[nodiscard]] bool WaitForEventWaits(unsigned int dwMilliseconds, uint64_t uMore);
+  // Keeps every event wait from returning until ReleaseEventWaits, and returns once one is kept; false when none comes.
+  // What the caller does meanwhile is over before the waiting thread looks at it.
+  [[nodiscard]] bool HoldEventWaits();
+  void ReleaseEventWaits();
 
   // The functions' side.
   void Sleep(unsigned int uSeconds);
@@ -48,6 +52,8 @@ class CReplacedClock {
   int WaitEvent(void* hEvent, unsigned int dwMilliseconds);
 
  private:
+  void StayWhileHeld();
+
   std::atomic<bool> m_bFrozen{false};
   std::atomic<time_t> m_tShown{0};  // frozen: the time; else what is added to the real time
   std::atomic<uint64_t> m_uSleepDivisor{1};
@@ -59,6 +65,8 @@ class CReplacedClock {
   std::condition_variable m_counted;
   std::map<std::string, uint64_t> m_mapSleeps;
   std::map<unsigned int, uint64_t> m_mapEventWaits;
+  bool m_bHoldEventWaits = false;
+  int m_iHeldEventWaits = 0;
 };
 
 #endif  // QMLOGCACHE_TESTS_COMPONENT_REPLACED_CLOCK_H_
