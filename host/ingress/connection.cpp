@@ -6,6 +6,7 @@
 #include <boost/asio/error.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/system/error_code.hpp>
+#include <ctime>
 #include <exception>
 #include <utility>
 
@@ -15,9 +16,19 @@ using boost::system::error_code;
 
 constexpr unsigned int kMessagesATurn = 256;
 constexpr unsigned int kReadsATurn = 16;
+// A component that writes each record to a slow disk would keep the thread for seconds: the answers and all the other
+// connections would wait. Somewhat more than the clock's step.
+constexpr int64_t kLongestTurnMs = 20;
 constexpr size_t kMaxOutput = 1U << 20;
 // A write buffer that one burst made larger than this is not kept.
 constexpr size_t kKeptOutput = 256U << 10;
+
+// Asked for each message; its steps are those of the kernel's timer.
+int64_t CoarseMilliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
 
 bool IsRetry(const error_code& error) {
   return error == boost::asio::error::would_block || error == boost::asio::error::try_again ||
@@ -94,6 +105,7 @@ void CConnection::Turn() {
     return;
   }
   m_bUsed = true;
+  m_i64TurnEnd = CoarseMilliseconds() + kLongestTurnMs;
   m_pAnswers->HoldWakes();
   const Pause pause = TakeAndRead();
   if (pause == Pause::NeedBytes) {
@@ -158,7 +170,7 @@ CConnection::Pause CConnection::TakeFrames(unsigned int& uMessages) {
     if (svData.size() - kIngressPrefixSize < uLength) {
       return Pause::NeedBytes;
     }
-    if (uMessages == kMessagesATurn) {
+    if (IsTurnOver(uMessages)) {
       return Pause::TurnOver;
     }
     const std::string_view svFrame = svData.substr(kIngressPrefixSize, uLength);
@@ -176,6 +188,11 @@ CConnection::Pause CConnection::TakeFrames(unsigned int& uMessages) {
     m_bAnyFrame = true;
     m_buffer.Consume(kIngressPrefixSize + uLength);
   }
+}
+
+// Each turn takes a message at least.
+bool CConnection::IsTurnOver(unsigned int uMessages) const {
+  return uMessages == kMessagesATurn || (uMessages > 0 && CoarseMilliseconds() >= m_i64TurnEnd);
 }
 
 bool CConnection::TakeHello(std::string_view svFrame) {

@@ -1,8 +1,8 @@
 // One producer's connection.
 //
-// Everything but the answer box runs on the connection's strand, in turns: a turn reads what is there, delivers a
-// bounded number of messages and writes their answers together. While answers wait for the producer to read them beyond
-// a bound, nothing is read from it.
+// Everything but the answer box runs on the connection's strand, in turns: a turn reads what is there, delivers messages
+// up to a bounded number and for a bounded time, and writes their answers together; then the other connections have
+// theirs. While answers wait for the producer to read them beyond a bound, nothing is read from it.
 #ifndef QMLOGCACHE_HOST_INGRESS_CONNECTION_H_
 #define QMLOGCACHE_HOST_INGRESS_CONNECTION_H_
 
@@ -10,6 +10,7 @@
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/strand.hpp>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -59,6 +60,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   void Turn();
   Pause TakeAndRead();
   Pause TakeFrames(unsigned int& uMessages);
+  bool IsTurnOver(unsigned int uMessages) const;
   bool TakeHello(std::string_view svFrame);
   Pause TakeMessage(std::string_view svFrame);
   // True when bytes came; clears bMore when the socket held no more than these.
@@ -83,6 +85,7 @@ class CConnection : public std::enable_shared_from_this<CConnection> {
   std::string m_strWriting;
   size_t m_uWritten = 0;
   State m_state = State::Hello;
+  int64_t m_i64TurnEnd = 0;          // milliseconds of the coarse clock
   Clock::time_point m_frameSince;    // when the unfinished frame (or the wait for the hello) began
   Clock::time_point m_writingSince;  // when m_strWriting was begun
   bool m_bUnfinished = true;         // m_frameSince counts

@@ -1,6 +1,8 @@
 // What a well-behaved producer gets.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -180,6 +182,63 @@ TEST_F(IngressMessagesTest, ManyProducersAreServedAtOnce) {
     thread.join();
   }
   EXPECT_EQ(m_pRouter->Deliveries().size(), kProducers * kCount);
+}
+
+// A component that takes its time with each message, and with the last one until the test lets it go.
+class IngressSlowComponentTest : public IngressTest {
+ protected:
+  static constexpr size_t kMessages = 200;  // fewer than a turn may take
+
+  void ServeSlowly() {
+    m_options.uThreads = 1;
+    Serve([this](const Delivery& delivery) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      if (delivery.u64Cookie == kMessages - 1) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_bInTime = m_changed.wait_for(lock, std::chrono::seconds(30), [this] { return m_bGoOn; });
+      }
+      delivery.Reply();
+      return 0U;
+    });
+  }
+  void LetTheLastOneGo() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_bGoOn = true;
+    m_changed.notify_all();
+  }
+  static std::string AllMessages() {
+    std::string strBytes;
+    for (size_t i = 0; i < kMessages; ++i) {
+      AppendMessage(strBytes, {10101, i, GUID{}, "x"});
+    }
+    return strBytes;
+  }
+
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  bool m_bGoOn = false;
+  std::atomic<bool> m_bInTime = false;
+};
+
+TEST_F(IngressSlowComponentTest, HoldsUpNoOtherProducersWelcome) {
+  ServeSlowly();
+  CTestProducer busy(Path());
+  ASSERT_TRUE(busy.SendBytes(AllMessages()));
+  ASSERT_TRUE(m_pRouter->WaitForCount(1));
+  const CTestProducer other(Path());
+  LetTheLastOneGo();
+  EXPECT_EQ(busy.ReadAnswers(kMessages).size(), kMessages);
+  EXPECT_TRUE(m_bInTime);
+}
+
+TEST_F(IngressSlowComponentTest, HoldsUpNoAnswerThatIsReady) {
+  ServeSlowly();
+  CTestProducer producer(Path());
+  ASSERT_TRUE(producer.SendBytes(AllMessages()));
+  EXPECT_EQ(producer.ReadAnswers(1).size(), 1U);
+  LetTheLastOneGo();
+  EXPECT_EQ(producer.ReadAnswers(kMessages - 1).size(), kMessages - 1);
+  EXPECT_TRUE(m_bInTime);
 }
 
 TEST_F(IngressMessagesTest, LongAnswerTextsAreCut) {
