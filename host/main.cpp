@@ -11,6 +11,7 @@
 #include "host/config/host_config.h"
 #include "host/host.h"
 #include "host/protocol/standard_descriptors.h"
+#include "host/service/thread_left_behind.h"
 #include "platform/file_info.h"
 
 namespace {
@@ -65,13 +66,14 @@ int RunMain(int iArguments, char** ppszArguments) {
 }  // namespace
 
 int main(int iArguments, char** ppszArguments) {
+  int iStatus = kExitFailed;
   try {
     FillStandardDescriptors();
     // SQLite's count of its memory is a lock of the whole process for each allocation, and nobody asks for it.
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
-    return RunMain(iArguments, ppszArguments);
+    iStatus = RunMain(iArguments, ppszArguments);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "qmhost: %s\n", error.what());
-    return kExitFailed;
   }
+  return ExitStatus(iStatus);
 }

@@ -8,6 +8,7 @@
 #include "host/link/nats/nats_names.h"
 #include "host/protocol/host_status.h"
 #include "host/router/thread_setup.h"
+#include "host/service/thread_left_behind.h"
 #include "platform/log.h"
 
 namespace {
@@ -67,6 +68,7 @@ void CNatsWorker::Stop() {
   m_bAbandoned = true;
   m_condition.wait(lock, [this] { return !m_bTelling; });
   lock.unlock();
+  NoteThreadLeftBehind();
   m_thread.detach();
   LogPrint(m_hLog, kLogWarning, "nats link: a call of libnats does not return, and its thread is left behind");
 }

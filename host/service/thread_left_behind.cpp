@@ -1,0 +1,22 @@
+#include "host/service/thread_left_behind.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+
+namespace {
+std::atomic<bool> g_bLeftBehind{false};
+}  // namespace
+
+void NoteThreadLeftBehind() noexcept {
+  g_bLeftBehind = true;
+}
+
+int ExitStatus(int iStatus) noexcept {
+  if (g_bLeftBehind) {
+    std::fflush(nullptr);
+    _exit(iStatus);
+  }
+  return iStatus;
+}
