@@ -22,7 +22,7 @@ using std::chrono::seconds;
 
 // What the counting of rows may take of each tick, and of the start.
 constexpr milliseconds kCountBudget{50};
-constexpr milliseconds kEarlierBudget{20};
+constexpr milliseconds kEarlierBudget{200};  // each file is found empty once
 constexpr milliseconds kFirstCountBudget{500};
 constexpr seconds kRateSpan{60};
 constexpr size_t kRememberedFiles = 8;
