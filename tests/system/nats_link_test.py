@@ -56,6 +56,7 @@ class DeliveryTest(OneServerTestCase):
 
     def test_every_record_is_settled_when_connections_are_renewed_in_the_middle_of_the_stream(self):
         client = self.make_stream()
+        self.configure(self.server.url, timeout_ms=60000)  # however long the server is frozen on a busy machine
         self.start_up()
         lines = [f"line {n}" for n in range(3000)]
         sender = threading.Thread(target=self.send_lines, args=(lines, "--no-save"))

@@ -514,7 +514,8 @@ class KillTest(FollowTestCase):
     """QMLOGCACHE_CRASH_SEED repeats the moments of a run, as far as the machine does."""
 
     KILLS = 6 if SANITIZED else 16
-    LINES = 4_000
+    LINES = 1_500 if SANITIZED else 4_000
+    PAUSE = 0.025 if SANITIZED else 0.01  # so that the kills fall into the writing
 
     def setUp(self):
         super().setUp()
@@ -537,7 +538,7 @@ class KillTest(FollowTestCase):
                         old.rename(self.logs / f"app.log.{number + 1}")
                 self.log.rename(self.logs / "app.log.1")
                 self.log.touch()
-            time.sleep(0.01)
+            time.sleep(self.PAUSE)
 
     def test_no_line_is_lost_by_kills_of_either_program_under_load_and_rotations(self):
         self.start_host()
