@@ -4,6 +4,6 @@
 
 #include <chrono>
 
-inline constexpr std::chrono::seconds kHangGuard(60);
+inline constexpr std::chrono::seconds kHangGuard(180);
 
 #endif  // QMLOGCACHE_TESTS_COMPONENT_HANG_GUARD_H_

@@ -9,7 +9,7 @@ import subprocess
 import tempfile
 import urllib.request
 
-PATIENCE = 120
+PATIENCE = 300
 SHOWN_TEXT = """
 const element = document.querySelector(arguments[0]);
 const isShown = element !== null && element.checkVisibility({visibilityProperty: true});

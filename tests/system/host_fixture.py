@@ -16,7 +16,7 @@ BIN = pathlib.Path(os.environ["QMLOGCACHE_BIN"])
 LIB = pathlib.Path(os.environ["QMLOGCACHE_LIB"])
 SANITIZED = bool(os.environ.get("QMLOGCACHE_SANITIZE"))
 # A hang guard, not a bound: sanitized builds on a busy machine are slow.
-PATIENCE = 120
+PATIENCE = 300
 # The host's word that the link's destination cannot be reached.
 LINK_DOWN = "server link down"
 

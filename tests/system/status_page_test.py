@@ -14,6 +14,10 @@ return [document.documentElement.scrollWidth - width,
     .filter((element) => !inside(element) && element.getBoundingClientRect().right > width + 1)
     .map((element) => element.outerHTML.slice(0, 80))];
 """
+THE_PAGE = """
+return [location.href, document.readyState, document.visibilityState, document.body.innerText.slice(0, 300),
+  performance.getEntriesByType('resource').map((entry) => [entry.name, entry.duration, entry.responseStatus])];
+"""
 WIDTHS = ((1280, 900), (768, 1024), (360, 740), (320, 600))
 
 
@@ -32,7 +36,10 @@ class StatusPageTest(StatusTestCase):
         self.browser.open(f"{self.url}/")
 
     def wait_for_text(self, selector, text):
-        wait_until(lambda: text in self.browser.text(selector), f"{text!r} in {selector}")
+        try:
+            wait_until(lambda: text in self.browser.text(selector), f"{text!r} in {selector}")
+        except AssertionError as error:
+            raise AssertionError(f"{error}; {self.browser.run(THE_PAGE)} {self.browser.complaints()}") from error
 
     def assert_nothing_overflows(self):
         for width, height in WIDTHS:
