@@ -7,7 +7,7 @@ import threading
 import time
 import uuid
 
-from host_fixture import LINK_DOWN, wait_until
+from host_fixture import LINK_DOWN, SANITIZED, wait_until
 from http_destination import Destination
 from http_link_case import HttpLinkTestCase, LINK_UP
 
@@ -77,7 +77,7 @@ class DeliveryTest(HttpLinkTestCase):
 
     def test_sighup_renews_connections_without_an_outage_and_without_a_repeat(self):
         self.start_up()
-        lines = [f"line {n}" for n in range(20000)]
+        lines = [f"line {n}" for n in range(6000 if SANITIZED else 20000)]
         sender = threading.Thread(target=self.send_lines, args=(lines, "--no-save"))
         sender.start()
         self.addCleanup(sender.join)

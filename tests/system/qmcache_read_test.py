@@ -240,9 +240,12 @@ class ReadTest(CacheToolTestCase):
         self.cache_dir.rename(self.prefix / "elsewhere")
         self.assertEqual(json.loads(cat().stdout)["message"], "one")
 
+    def make_more_than_a_pipe_takes(self):
+        self.cache_dir.mkdir(parents=True)
+        make_file(self.cache_dir / f"{FIRST}.db", [row(n, record=b"x" * 1000) for n in range(1, 2001)])
+
     def test_a_reader_that_goes_away_is_no_error(self):
-        self.start_without_destination()
-        self.put("--sender", FIRST, lines=["x" * 1000 for _ in range(2000)])
+        self.make_more_than_a_pipe_takes()
         command = [BIN / "qmcache", "--directory", self.cache_dir, "cat"]
         with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
             process.stdout.readline()
@@ -251,8 +254,7 @@ class ReadTest(CacheToolTestCase):
             self.assertEqual(process.stderr.read(), b"")
 
     def test_an_interrupt_ends_it_while_it_waits_for_its_reader(self):
-        self.start_without_destination()
-        self.put("--sender", FIRST, lines=["x" * 1000 for _ in range(2000)])
+        self.make_more_than_a_pipe_takes()
         command = [BIN / "qmcache", "--directory", self.cache_dir, "cat"]
         with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
             process.stdout.readline()
@@ -262,8 +264,7 @@ class ReadTest(CacheToolTestCase):
             self.assertEqual(process.stderr.read(), b"")
 
     def test_a_terminal_that_is_closed_ends_it(self):
-        self.start_without_destination()
-        self.put("--sender", FIRST, lines=["x" * 1000 for _ in range(2000)])
+        self.make_more_than_a_pipe_takes()
         command = [BIN / "qmcache", "--directory", self.cache_dir, "cat"]
         with subprocess.Popen(command, stdout=subprocess.PIPE) as process:
             process.stdout.readline()
