@@ -20,7 +20,7 @@
 
 #include "host/status/status_options.h"
 
-inline constexpr std::chrono::seconds kRequestTimeout{5};
+inline constexpr std::chrono::seconds kRequestTimeout{15};
 inline constexpr size_t kMostConnections = 32;
 inline constexpr size_t kLongestRequest = 8192;
 
