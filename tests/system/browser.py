@@ -22,18 +22,9 @@ class Browser:
 
     def __init__(self):
         self._profile = tempfile.mkdtemp(prefix="qmlogcache-browser-")
-        # A process group of its own: the browser's processes end with it.
-        self._driver = subprocess.Popen(
-            ["chromedriver", "--port=0"],
-            stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT,
-            text=True,
-            start_new_session=True,
-            env={**os.environ, "HOME": self._profile},
-        )
         self._session = None
         try:
-            self._base = f"http://127.0.0.1:{self._driver_port()}"
+            self._base = f"http://127.0.0.1:{self._start_driver()}"
             answer = self._call("POST", "/session", {"capabilities": {"alwaysMatch": self._capabilities()}})
             self._session = f"/session/{answer['sessionId']}"
         except BaseException:
@@ -45,12 +36,7 @@ class Browser:
             if self._session is not None:
                 self._call("DELETE", self._session)
         finally:
-            try:
-                os.killpg(self._driver.pid, 9)
-            except ProcessLookupError:
-                pass
-            self._driver.wait()
-            self._driver.stdout.close()
+            self._end_driver()
             shutil.rmtree(self._profile, ignore_errors=True)
 
     def resize(self, width, height, dark=False):
@@ -106,12 +92,34 @@ class Browser:
         shot = self._chrome("Page.captureScreenshot", captureBeyondViewport=True)
         path.write_bytes(base64.b64decode(shot["data"]))
 
-    def _driver_port(self):
-        for line in self._driver.stdout:
-            found = re.search(r"started successfully on port (\d+)", line)
-            if found:
-                return int(found.group(1))
-        raise AssertionError("chromedriver did not start")
+    def _start_driver(self):
+        """Its port. It looks for a free one and then binds it; when another program was faster it ends."""
+        said = ""
+        for _ in range(5):
+            # A process group of its own: the browser's processes end with it.
+            self._driver = subprocess.Popen(
+                ["chromedriver", "--port=0"],
+                stdout=subprocess.PIPE,
+                stderr=subprocess.STDOUT,
+                text=True,
+                start_new_session=True,
+                env={**os.environ, "HOME": self._profile},
+            )
+            for line in self._driver.stdout:
+                said += line
+                found = re.search(r"started successfully on port (\d+)", line)
+                if found:
+                    return int(found.group(1))
+            self._end_driver()
+        raise AssertionError(f"chromedriver did not start: {said}")
+
+    def _end_driver(self):
+        try:
+            os.killpg(self._driver.pid, 9)
+        except ProcessLookupError:
+            pass
+        self._driver.wait()
+        self._driver.stdout.close()
 
     def _capabilities(self):
         arguments = [
