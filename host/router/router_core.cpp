@@ -59,8 +59,9 @@ void CRouterCore::Stop() {
   StopIntake();
   m_Timer.Stop();
   m_Lane.Stop();
+  // Their messages were delivered, and what became of them is unknown.
   m_Producers.TakeIf([](const auto&, uint64_t, MonotonicMs) { return true; },
-                     [this](const ProducerWaiter& waiter) { Answer(waiter, kHostStopping, {}); });
+                     [this](const ProducerWaiter& waiter) { Answer(waiter, kHostNoReply, {}); });
 }
 
 uint32_t CRouterCore::BeginSession(ContextState& state, const GUID& guid) {
@@ -78,10 +79,11 @@ uint32_t CRouterCore::EndSession(ContextState& state) {
   }
   ended.pSession->completions.CloseAndWait();
 
-  // Nobody can answer for the component any more: whoever waits for it learns that now and not at the time-out.
+  // Nobody can answer for the component any more: whoever waits for it learns that now and not at the time-out. The
+  // messages were delivered, so it is not known whether they were taken.
   const uint64_t u64Id = ended.pSession->u64Id;
   m_Producers.TakeIf([u64Id](const auto&, uint64_t u64Answerer, MonotonicMs) { return u64Answerer == u64Id; },
-                     [this](const ProducerWaiter& waiter) { Answer(waiter, kHostStopping, {}); });
+                     [this](const ProducerWaiter& waiter) { Answer(waiter, kHostNoReply, {}); });
   const auto fnIsOwn = [&ended](const LaneTicket& ticket) {
     return std::get<CompletionItem>(ticket.front()).pSender == ended.pSession;
   };

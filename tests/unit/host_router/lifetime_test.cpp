@@ -150,7 +150,7 @@ TEST_F(LifetimeTest, UninitializeInsideACallbackDoesNotWaitForItself) {
   ASSERT_EQ(m_pContext->Receive(kType, &m_Receiver, nullptr), kHostOk);
   EXPECT_EQ(Deliver(*m_pRouter, kType, "data", m_pSink), kHostOk);
   ASSERT_EQ(m_pSink->Count(), 1U);
-  EXPECT_EQ(m_pSink->Items()[0].uStatus, kHostStopping);
+  EXPECT_EQ(m_pSink->Items()[0].uStatus, kHostNoReply);
 }
 
 TEST_F(LifetimeTest, NoCallbackBeginsAfterUnReceiveHasReturned) {
@@ -191,7 +191,7 @@ TEST_F(LifetimeTest, UninitializeAnswersTheProducersThatStillWait) {
   ASSERT_EQ(Deliver(*m_pRouter, kType, "data", m_pSink, 8), kHostOk);
   ASSERT_EQ(m_pContext->Uninitialize(), kHostOk);
   ASSERT_EQ(m_pSink->Count(), 1U);
-  EXPECT_EQ(m_pSink->Items()[0].uStatus, kHostStopping);
+  EXPECT_EQ(m_pSink->Items()[0].uStatus, kHostNoReply);
   EXPECT_EQ(m_pContext->Reply(0, kType, nullptr, 0, m_Receiver.Items()[0].pReplyHandle), kHostStopping);
   EXPECT_EQ(m_pSink->Count(), 1U);
 }
