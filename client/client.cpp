@@ -208,5 +208,7 @@ void qm_client::Accepted(const PendingRecord& record) {
 }
 
 void qm_client::Failed(const PendingRecord& record, SendFailure failure, uint32_t uStatus) {
-  Report(record, OutcomeOf(failure), uStatus);
+  // This host takes less than an earlier one, which may have taken the record.
+  const bool bUnknown = failure == SendFailure::TooLong && record.bMayBeTaken;
+  Report(record, bUnknown ? QM_CLIENT_NO_ANSWER : OutcomeOf(failure), uStatus);
 }

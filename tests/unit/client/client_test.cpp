@@ -374,6 +374,18 @@ TEST_F(ClientTest, ARecordThatTurnsOutTooLongIsReported) {
   EXPECT_EQ(m_vecResults, (Results{{1, QM_CLIENT_OVERLONG, 0}, {2, QM_CLIENT_ACCEPTED, 0}}));
 }
 
+TEST_F(ClientTest, ARecordThatAnEarlierHostMayHaveTakenIsNotReportedAsUnsent) {
+  Serve(NeverAnswer);
+  Open();
+  EXPECT_EQ(Send(std::string(2000, 'l'), 1), QM_CLIENT_OK);
+  ProcessUntil([&] { return DeliveryCount() == 1; });
+  StopServer();
+  m_options.uMaxFrame = 1000;
+  Serve();
+  EXPECT_EQ(qm_client_flush(m_pClient, kPatienceMs), QM_CLIENT_OK);
+  EXPECT_EQ(m_vecResults, (Results{{1, QM_CLIENT_NO_ANSWER, 0}}));
+}
+
 TEST_F(ClientTest, ACallFromTheCallbackFindsTheClientBusy) {
   Serve();
   Open();
