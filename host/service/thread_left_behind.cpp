@@ -15,7 +15,9 @@ void NoteThreadLeftBehind() noexcept {
 
 int ExitStatus(int iStatus) noexcept {
   if (g_bLeftBehind) {
-    std::fflush(nullptr);
+    // Not all streams: the thread may be in the middle of reading one, with its lock.
+    std::fflush(stdout);
+    std::fflush(stderr);
     _exit(iStatus);
   }
   return iStatus;

@@ -39,7 +39,9 @@ CNatsWorker::CNatsWorker(const NatsDriverOptions& options, NatsServers servers, 
       m_nextAttempt(Clock::now() + m_backOff.Spread()) {}
 
 CNatsWorker::~CNatsWorker() {
-  LogUninit(m_hLog);
+  if (!m_bAbandoned) {
+    LogUninit(m_hLog);
+  }
 }
 
 void CNatsWorker::Start() {
@@ -71,6 +73,7 @@ void CNatsWorker::Stop() {
   NoteThreadLeftBehind();
   m_thread.detach();
   LogPrint(m_hLog, kLogWarning, "nats link: a call of libnats does not return, and its thread is left behind");
+  LogUninit(m_hLog);  // by the thread it would come too late for the last lines to be written
 }
 
 void CNatsWorker::Deliver(const std::shared_ptr<LinkRecord>& pRecord) {

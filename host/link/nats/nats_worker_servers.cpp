@@ -72,6 +72,7 @@ bool CNatsWorker::TryServers(size_t uNeeded, std::string& strReason) {
 }
 
 std::unique_ptr<CNatsSession> CNatsWorker::OpenSession(const std::string& strUrl, std::string& strReason) {
+  const CForeignCode foreign;  // files on a disk that may hang; libnats connects as long as it is allowed to
   NatsSecrets secrets;
   if (!ReadSecrets(secrets, strReason)) {
     return nullptr;
@@ -85,7 +86,6 @@ std::unique_ptr<CNatsSession> CNatsWorker::OpenSession(const std::string& strUrl
     const std::lock_guard lock(m_mutex);
     return m_bStop;
   };
-  const CForeignCode foreign;  // libnats connects as long as it is allowed to
   if (!pSession->Open(strUrl, m_servers.bTls, secrets, IsStopped, strReason)) {
     return nullptr;
   }
