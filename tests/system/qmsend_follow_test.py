@@ -325,6 +325,21 @@ class RotationTest(FollowTestCase):
         self.assertIn(f"warning: {self.logs}/app.log.2.gz is compressed and is not read", self.said())
 
 
+    def test_a_restart_without_a_host_forgets_no_rotated_file(self):
+        lines = self.rotations_while_away(["app.log.2", "app.log.1"])
+        self.age(self.position, 900)
+        self.assertEqual(self.stop_host(), 0)
+        self.follow()
+        self.wait_said(f"goes on in {self.logs}/app.log.2 at byte")
+        self.assertEqual(self.end_follower(), 0)
+        # What it was in is compressed before the host is back.
+        (self.logs / "app.log.2").unlink()
+        self.start_host()
+        self.follow()
+        self.wait_arrived(lines[:10] + lines[15:])
+        self.check_once(lines[:10] + lines[15:])
+
+
 class RestartTest(FollowTestCase):
     def test_an_orderly_end_notes_the_position_and_nothing_is_repeated(self):
         self.start_host()

@@ -23,6 +23,12 @@ constexpr std::chrono::minutes kRefusalsInterval{1};
 constexpr std::chrono::minutes kNamingInterval{1};
 constexpr unsigned int kNamedAnInterval = 100;
 
+// The file may have grown since, so that more of its head is known.
+bool IsSamePlace(const FollowPosition& noted, const FollowPosition& now) {
+  return noted.u64Device == now.u64Device && noted.u64Inode == now.u64Inode && noted.u64Offset == now.u64Offset &&
+         noted.strBefore == now.strBefore && now.strHead.compare(0, noted.strHead.size(), noted.strHead) == 0;
+}
+
 }  // namespace
 
 CFollower::CFollower(const SendOptions& options)
@@ -46,6 +52,7 @@ bool CFollower::Prepare() {
     const auto loaded = m_position.Load(m_options.strFollow, position, noted, strError);
     bResumes = loaded == CPositionFile::Loaded::Some;
     bGood = loaded != CPositionFile::Loaded::Failed;
+    m_noted = position;
   }
   if (bGood && !bResumes && !CLogFile::Open(m_options.strFollow, strError)) {
     // It is waited for, and so is what it may have been rotated to before it is first seen, by this run or the next.
@@ -204,6 +211,11 @@ bool CFollower::Note() {
   position.u64Offset = mark.u64Offset;
   position.strHead = mark.pFile->Head();
   position.strBefore = mark.strBefore;
+  // The time of the position's file tells what was written to the log's files since, so it is not written for nothing.
+  if (IsSamePlace(m_noted, position)) {
+    m_lines.Noted();
+    return true;
+  }
   std::string strError;
   if (!m_position.Note(position, strError)) {
     if (!std::exchange(m_bToldUnnoted, true)) {
@@ -214,6 +226,7 @@ bool CFollower::Note() {
   if (std::exchange(m_bToldUnnoted, false)) {
     m_terminal.Line("the position is noted again");
   }
+  m_noted = std::move(position);
   m_lines.Noted();
   return true;
 }
