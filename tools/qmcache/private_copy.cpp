@@ -265,10 +265,13 @@ bool CPrivateCopy::TakeWhatIsReadable(const std::string& strFile, uint64_t& u64L
     }
     usleep(kPauseUs);
   }
-  RemoveFiles();
   u64LostBytes = 0;
-  if (TakeSnapshot(strFile, m_strPath)) {
-    return true;
+  for (int iTry = 0; iTry < kTries; ++iTry) {
+    RemoveFiles();
+    if (TakeSnapshot(strFile, m_strPath)) {
+      return true;
+    }
+    usleep(kPauseUs);  // its writer may just be opening it
   }
   bChanged = true;
   return CopyWhatIsReadable(strFile, u64LostBytes, strError);

@@ -63,7 +63,7 @@ TEST_F(PrivateCopyTest, AFileThatIsLeftAloneIsCopied) {
 
 TEST_F(PrivateCopyTest, AFileThatMayStillChangeUnseenIsCopiedAndTold) {
   bool bChanged = false;
-  SetAge(5);  // for as long as it is tried no change would show
+  SetAge(9);  // for as long as it is tried no change would show
   ASSERT_TRUE(Take(bChanged));
   EXPECT_TRUE(bChanged);
   EXPECT_EQ(ContentsOf(m_copy.Path()), "contents");
