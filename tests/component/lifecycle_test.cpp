@@ -207,8 +207,6 @@ TEST_F(LifecycleTest, StopEndsBothPairsOfThreadsAfterASecondStart) {
 
 TEST_F(LifecycleTest, AHundredLivesLeaveNothingBehind) {
   constexpr int kLives = 100;
-  constexpr uint64_t kShortPass = 100;
-  m_clock.SetMicroSleepDivisor(kShortPass);
   BeginConnectedLife();
   FileRecord();
   ASSERT_TRUE(m_router.WaitForSent(1));

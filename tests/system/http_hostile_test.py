@@ -84,7 +84,7 @@ class RefusalTest(HttpLinkTestCase):
         self.assertEqual(len(ids), 1)
 
     def test_a_refused_record_holds_up_none_that_come_later_even_of_a_sender_that_sends_one_at_a_time(self):
-        self.configure(timeout_ms=300)
+        self.configure(timeout_ms=1000)
         self.start_up()
         # The results of an outage make the component wait for the outcome of each record.
         self.destination.answer = lambda request, _: 503
@@ -97,8 +97,8 @@ class RefusalTest(HttpLinkTestCase):
         self.send_lines(lines)
         self.wait_for_messages(lines)
         self.send_until_rejected(1)
-        # However often it came back, before anything was accepted.
-        self.assertLessEqual(self.count_log(refusals), 2)
+        # It came back some times before anything was accepted, and not with each of the others.
+        self.assertLessEqual(self.count_log(refusals), 5)
 
     def test_a_server_that_refuses_everything_makes_no_record_be_rejected(self):
         self.start_up()
@@ -136,7 +136,7 @@ class TimeoutTest(HttpLinkTestCase):
         return 200
 
     def test_an_answer_that_does_not_come_in_time_makes_the_records_be_sent_again(self):
-        self.configure(timeout_ms=3000)  # within which a busy machine answers all the others
+        self.configure(timeout_ms=15000)  # within which a busy machine answers all the others
         self.start_up()
         slow = threading.Event()
 

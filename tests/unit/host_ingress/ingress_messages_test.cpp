@@ -184,7 +184,7 @@ TEST_F(IngressMessagesTest, ManyProducersAreServedAtOnce) {
   EXPECT_EQ(m_pRouter->Deliveries().size(), kProducers * kCount);
 }
 
-// A component that takes its time with each message, and with the last one until the test lets it go.
+// A component that takes its time with each message, and with the first and the last one until the test lets them go.
 class IngressSlowComponentTest : public IngressTest {
  protected:
   static constexpr size_t kMessages = 200;  // fewer than a turn may take
@@ -192,6 +192,10 @@ class IngressSlowComponentTest : public IngressTest {
   void ServeSlowly() {
     m_options.uThreads = 1;
     Serve([this](const Delivery& delivery) {
+      if (delivery.u64Cookie == 0) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait_for(lock, std::chrono::seconds(30), [this] { return m_bBegin; });
+      }
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
       if (delivery.u64Cookie == kMessages - 1) {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -201,9 +205,11 @@ class IngressSlowComponentTest : public IngressTest {
       return 0U;
     });
   }
-  void LetTheLastOneGo() {
+  void LetTheFirstOneGo() { Set(m_bBegin); }
+  void LetTheLastOneGo() { Set(m_bGoOn); }
+  void Set(bool& bFlag) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_bGoOn = true;
+    bFlag = true;
     m_changed.notify_all();
   }
   static std::string AllMessages() {
@@ -216,6 +222,7 @@ class IngressSlowComponentTest : public IngressTest {
 
   std::mutex m_mutex;
   std::condition_variable m_changed;
+  bool m_bBegin = false;
   bool m_bGoOn = false;
   std::atomic<bool> m_bInTime = false;
 };
@@ -225,7 +232,12 @@ TEST_F(IngressSlowComponentTest, HoldsUpNoOtherProducersWelcome) {
   CTestProducer busy(Path());
   ASSERT_TRUE(busy.SendBytes(AllMessages()));
   ASSERT_TRUE(m_pRouter->WaitForCount(1));
-  const CTestProducer other(Path());
+  CTestProducer other(Path(), false);
+  std::string strHello;
+  AppendHello(strHello);
+  ASSERT_TRUE(other.SendBytes(strHello));
+  LetTheFirstOneGo();
+  EXPECT_TRUE(other.ReadFrame().has_value());
   LetTheLastOneGo();
   EXPECT_EQ(busy.ReadAnswers(kMessages).size(), kMessages);
   EXPECT_TRUE(m_bInTime);
@@ -235,6 +247,7 @@ TEST_F(IngressSlowComponentTest, HoldsUpNoAnswerThatIsReady) {
   ServeSlowly();
   CTestProducer producer(Path());
   ASSERT_TRUE(producer.SendBytes(AllMessages()));
+  LetTheFirstOneGo();
   EXPECT_EQ(producer.ReadAnswers(1).size(), 1U);
   LetTheLastOneGo();
   EXPECT_EQ(producer.ReadAnswers(kMessages - 1).size(), kMessages - 1);

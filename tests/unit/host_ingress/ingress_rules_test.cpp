@@ -116,7 +116,7 @@ TEST_F(IngressRulesTest, AFullWindowIsNoOffence) {
 }
 
 TEST_F(IngressRulesTest, AHalfFrameEndsItsOwnConnectionOnly) {
-  m_options.uStallTimeoutMs = 200;
+  m_options.uStallTimeoutMs = 1500;
   Serve();
   CTestProducer other(Path());
   CTestProducer producer(Path());
@@ -126,7 +126,7 @@ TEST_F(IngressRulesTest, AHalfFrameEndsItsOwnConnectionOnly) {
 }
 
 TEST_F(IngressRulesTest, AFrameThatTricklesInIsStalledAllTheSame) {
-  m_options.uStallTimeoutMs = 200;
+  m_options.uStallTimeoutMs = 1500;
   Serve();
   CTestProducer producer(Path());
   ASSERT_TRUE(producer.SendBytes(Prefix(1U << 20) + "\x03"));
@@ -137,14 +137,14 @@ TEST_F(IngressRulesTest, AFrameThatTricklesInIsStalledAllTheSame) {
 }
 
 TEST_F(IngressRulesTest, TheHelloMustComeInTime) {
-  m_options.uStallTimeoutMs = 200;
+  m_options.uStallTimeoutMs = 1500;
   Serve();
   CTestProducer silent(Path(), false);
   EXPECT_EQ(silent.ReadUntilFailure(), IngressFailure::Stalled);
 }
 
 TEST_F(IngressRulesTest, AnIdleProducerIsLeftAlone) {
-  m_options.uStallTimeoutMs = 100;
+  m_options.uStallTimeoutMs = 1500;
   Serve();
   CTestProducer idle(Path());
   ExpectStillServes(idle, 1);
@@ -155,7 +155,7 @@ TEST_F(IngressRulesTest, AnIdleProducerIsLeftAlone) {
 }
 
 TEST_F(IngressRulesTest, AProducerThatNeverReadsItsAnswersIsClosed) {
-  m_options.uStallTimeoutMs = 200;
+  m_options.uStallTimeoutMs = 1500;
   Serve([](const Delivery& delivery) {
     delivery.Reply(0, std::string(4096, 't'));
     return 0U;

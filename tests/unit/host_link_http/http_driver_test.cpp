@@ -387,7 +387,7 @@ TEST_F(HttpDriverTest, AServerThatRefusesEveryRecordIsDownAndRejectsNone) {
 
 // A sender that waits for the outcome of each record would wait for ever.
 TEST_F(HttpDriverTest, ARefusedRecordThatNothingFollowsIsGivenBack) {
-  m_options.uTimeoutMs = 100;
+  m_options.uTimeoutMs = 3000;
   Serve([](const ServedRequest& request) { return StatusAnswer(Holds(request, 1) ? 400 : 200); });
   StartUp();
   Deliver(1, 1);
@@ -412,7 +412,7 @@ TEST_F(HttpDriverTest, AServerThatRefusesEverythingIsDown) {
 }
 
 TEST_F(HttpDriverTest, ATimeOutWhileNothingIsAnsweredIsAnOutage) {
-  m_options.uTimeoutMs = 200;
+  m_options.uTimeoutMs = 3000;
   Serve([this](const ServedRequest& request) {
     if (!request.vecIds.empty()) {
       m_held.Wait();
@@ -433,7 +433,7 @@ TEST_F(HttpDriverTest, ATimeOutWhileNothingIsAnsweredIsAnOutage) {
 }
 
 TEST_F(HttpDriverTest, ATimeOutWhileOthersAreAcceptedIsTheOutcomeOfItsRecords) {
-  m_options.uTimeoutMs = 2000;
+  m_options.uTimeoutMs = 8000;
   HoldFirstRecord();
   Deliver(2, 2);
   ASSERT_TRUE(m_journal.WaitForCount("outcome 1 e0010019", 1));
@@ -445,7 +445,7 @@ TEST_F(HttpDriverTest, ATimeOutWhileOthersAreAcceptedIsTheOutcomeOfItsRecords) {
 }
 
 TEST_F(HttpDriverTest, ATimeOutOfAServerThatHasGoneSilentSinceIsAnOutage) {
-  m_options.uTimeoutMs = 2000;
+  m_options.uTimeoutMs = 8000;
   Serve([this](const ServedRequest& request) {
     if (!m_bWell || Holds(request, 1)) {
       m_held.Wait();
@@ -489,7 +489,7 @@ TEST_F(HttpDriverTest, ReopenDuringAnAttemptThatFailsEndsThePauseAfterIt) {
 }
 
 TEST_F(HttpDriverTest, ARenewalWaitsForASlowRequestOnlyForAWhileAndIsMadeLater) {
-  m_options.uTimeoutMs = 3000;
+  m_options.uTimeoutMs = 9000;
   HoldFirstRecord();
   m_pDriver->Reopen();
   // After the longest pause of this test it is due.
