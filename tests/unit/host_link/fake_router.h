@@ -84,10 +84,11 @@ class CFakeContext final : public IHostContext {
                                  static_cast<unsigned int>(strText.size()), bWithHandle ? &m_iHandle : nullptr,
                                  m_pUserContext);
   }
-  // As AsynSendEx answers from now on; any thread.
+  // As AsynSendEx answers from now on, with an empty journal; any thread.
   void AnswerSends(uint32_t uStatus) {
     const std::lock_guard lock(m_mutex);
     m_uSendStatus = uStatus;
+    m_journal.clear();
   }
   // Until so many sends were made since the journal was last taken, which must hold nothing else. False when they do
   // not come.

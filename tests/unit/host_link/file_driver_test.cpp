@@ -490,8 +490,8 @@ TEST_F(FileDriverTest, LosesNothingOverAnOutageWithTheServerLink) {
       context.Arrive(MakeText(i, "data"));
     }
     ASSERT_TRUE(bReach([](const auto& counts) { return !counts.bUp && counts.u64Retried == kAnsweredPerOutage; }));
-    g_failingIo.iReserveError = 0;
     g_failingIo.i64WritableBytes = -1;
+    g_failingIo.iReserveError = 0;  // last: from here on the driver may come up by itself
     pLink->Reopen();
     ASSERT_TRUE(bReach([](const auto& counts) { return counts.bUp && counts.u64Held == 0; }));
     EXPECT_EQ(pLink->GetCounts().u64Delivered, 80U);

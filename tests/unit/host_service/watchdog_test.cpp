@@ -320,6 +320,11 @@ TEST(WatchdogTest, DoesNotTakeComponentsCallsForAnIngressThatStandsStill) {
 
 TEST(WatchdogTest, NamesAMainThreadThatDoesNotWaitForSignals) {
   CSignalThread signals;
+  // The watchdog does not wait for a loop whose thread is not there yet.
+  const auto end = std::chrono::steady_clock::now() + kHangGuard;
+  do {
+    CLoop::AskAll();
+  } while (CLoop::WakeLate().empty() && std::chrono::steady_clock::now() < end);
   {
     CWatched watched;
     EXPECT_TRUE(watched.AwaitStandstill("qmhost-signal or main"));

@@ -71,12 +71,19 @@ sockaddr_in Loopback(uint16_t uPort) {
   return address;
 }
 
-uint16_t FreePort() {
-  const CSocket probe;
+// An address that does so too may be taken as long as nobody listens there.
+void ShareAddress(const CSocket& socket) {
+  const int iOn = 1;
+  EXPECT_EQ(setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn)), 0);
+}
+
+// It is held by a socket that does not listen, so that no other program is given it meanwhile.
+uint16_t FreePort(const CSocket& holder) {
+  ShareAddress(holder);
   sockaddr_in address = Loopback(0);
   socklen_t uSize = sizeof(address);
-  EXPECT_EQ(bind(probe.Get(), reinterpret_cast<const sockaddr*>(&address), uSize), 0);
-  EXPECT_EQ(getsockname(probe.Get(), reinterpret_cast<sockaddr*>(&address), &uSize), 0);
+  EXPECT_EQ(bind(holder.Get(), reinterpret_cast<const sockaddr*>(&address), uSize), 0);
+  EXPECT_EQ(getsockname(holder.Get(), reinterpret_cast<sockaddr*>(&address), &uSize), 0);
   return ntohs(address.sin_port);
 }
 
@@ -110,7 +117,8 @@ class StatusServerTest : public ::testing::Test {
   static std::string StatusLine(const std::string& strAnswer) { return strAnswer.substr(0, strAnswer.find('\r')); }
 
   std::atomic<bool> m_bStarve{false};
-  const StatusOptions m_options{"127.0.0.1", FreePort()};
+  const CSocket m_holder;
+  const StatusOptions m_options{"127.0.0.1", FreePort(m_holder)};
   std::atomic<unsigned int> m_uTicks{0};
   std::promise<void> m_ticked;
   std::unique_ptr<IStatusServer> m_pServer = CreateStatusServer(
@@ -226,6 +234,7 @@ TEST_F(StatusServerTest, AStopWaitsForNoClient) {
 TEST_F(StatusServerTest, ServesWhenAnAddressThatWasTakenIsFree) {
   {
     const CSocket other;
+    ShareAddress(other);
     const sockaddr_in address = Loopback(m_options.uPort);
     ASSERT_EQ(bind(other.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     ASSERT_EQ(listen(other.Get(), 1), 0);
