@@ -38,8 +38,11 @@ class CComponentTest : public ::testing::Test {
   }
 
   void BeginLife() { m_host.BeginLife(&m_router); }
-  // A life in which the agent is connected.
+  // A life in which the agent is connected, also for a work thread that asks before it is told.
   void BeginConnectedLife() {
+    if (!m_router.m_pfnOnConnect) {
+      m_router.m_pfnOnConnect = [](const ConnectQuery&) { return ConnectAnswer{0, 0, "{\"onlineflag\":\"1\"}"}; };
+    }
     BeginLife();
     ASSERT_TRUE(Succeeded(m_router.DeliverConnect()));
   }

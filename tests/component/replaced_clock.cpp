@@ -36,7 +36,7 @@ CReplacedClock& CReplacedClock::Get() {
 
 void CReplacedClock::Reset() {
   constexpr uint64_t kSleep = 1000;
-  constexpr uint64_t kMicroSleep = 15;
+  constexpr uint64_t kMicroSleep = 4;  // a stop waits 15 seconds for its threads
   constexpr uint64_t kEvent = 50;
   m_bFrozen = false;
   m_tShown = 0;

@@ -20,7 +20,7 @@ class CReplacedClock {
 
   static CReplacedClock& Get();
 
-  // The settings that suit most tests: the real clock, sleep a thousand times, usleep fifteen times and event waits
+  // The settings that suit most tests: the real clock, sleep a thousand times, usleep four times and event waits
   // fifty times faster. Forgets all counts.
   void Reset();
   // Where a wait on an event really goes: the platform library's own function.

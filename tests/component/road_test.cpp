@@ -220,7 +220,7 @@ TEST_F(RoadTest, ARetryableResultSendsTheSameTextAgain) {
     EXPECT_EQ(line.strChannel, kMainChannel);
   }
   EXPECT_TRUE(Succeeded(m_router.DeliverResult(first.u64DataId, 0)));
-  EXPECT_TRUE(m_log.Lines("").back().strText.find("ReSendCount[4]") != std::string::npos);
+  EXPECT_EQ(LogField(m_log.Lines("qmlogcache step3 OK ResultExecData").back().strText, "ReSendCount"), "4");
 }
 
 TEST_F(RoadTest, ARejectedRecordIsKeptOnTheErrorChannelAndGone) {

@@ -73,6 +73,7 @@ class StopTest : public CComponentTest {
 };
 
 TEST_F(StopTest, WaitsForAConnectQueryThatComesBack) {
+  m_clock.SetMicroSleepDivisor(1);  // a stop waits a whole minute
   std::promise<void> entered;
   std::promise<void> release;
   m_router.m_pfnOnConnect = [&](const ConnectQuery&) {
@@ -164,6 +165,7 @@ TEST_F(StopTest, AfterACancelTheSameManagerStartsAgain) {
   FileRecord(10102, "waiting");
   m_host.Stop();
   EXPECT_EQ(m_log.Count(kWorkKilled), 1u);
+  m_clock.SetMicroSleepDivisor(1);  // the next stop waits for a thread that does end
   m_host.Start();
   FileRecord(10102, "new");
   ASSERT_TRUE(m_router.WaitForSent(2));

@@ -50,7 +50,7 @@ class CStressTest : public ::testing::TestWithParam<uint32_t> {
   void ExpectNoFault();
 
   static constexpr time_t kFourHours = 14400;
-  static constexpr std::chrono::seconds kStressGuard{80};
+  static constexpr std::chrono::seconds kStressGuard{240};
 
   uint64_t m_u64MostWaiting = 500;  // records that producers may be ahead of the sends
 

@@ -107,12 +107,12 @@ class DaysTest : public CEnduranceTest {
     const std::lock_guard<std::mutex> guard(m_mutex);
     return m_iStatistics;
   }
-  // A load that comes every few milliseconds has a file open for a moment.
+  // A load that comes every few milliseconds has a file open for a moment, or for as long as its thread is kept waiting.
   static size_t OpenFilesAtRest() {
     constexpr int kLooks = 100;
     size_t uLeast = CountOpenFiles();
     for (int i = 1; i < kLooks; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
       uLeast = std::min(uLeast, CountOpenFiles());
     }
     return uLeast;

@@ -77,10 +77,12 @@ class NatsClient:
                 reply = words[3].decode() if len(words) == (6 if words[0] == b"HMSG" else 5) else None
                 return words[1].decode(), int(words[2]), data[:header], data[header:], reply
 
-    def acknowledge_as(self, stream, subject):
-        """Answers each message of a subject as that stream would, until the server closes the connection."""
+    def acknowledge_as(self, stream, subject, subscribed):
+        """Answers each message of a subject as that stream would, until the server closes the connection. Sets an event
+        when it has told the server so."""
         self._subscriptions += 1
         self._send(f"SUB {subject} {self._subscriptions}\r\n".encode())
+        subscribed.set()
         self._socket.settimeout(None)
         answer = json.dumps({"stream": stream, "seq": 1}).encode()
         try:

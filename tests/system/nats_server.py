@@ -4,24 +4,12 @@ import json
 import pathlib
 import shutil
 import signal
-import socket
 import subprocess
 import urllib.request
 
 from host_fixture import wait_until
 from nats_client import NatsClient
-
-
-def free_ports(count):
-    """Ports that are free now; a server takes the same ones again whenever it is started anew."""
-    sockets = [socket.socket() for _ in range(count)]
-    try:
-        for one in sockets:
-            one.bind(("127.0.0.1", 0))
-        return [one.getsockname()[1] for one in sockets]
-    finally:
-        for one in sockets:
-            one.close()
+from ports import free_ports
 
 
 class NatsServer:
@@ -85,11 +73,6 @@ class NatsServer:
     def stop(self):
         if self.process is not None:
             self.kill()
-
-    def connections(self):
-        """How many clients there are."""
-        found = self.ask("varz")
-        return found["connections"] if found else 0
 
     def unread(self):
         """How many bytes clients have sent that the server has not read, which it does not while it is frozen."""

@@ -94,6 +94,7 @@ class SeveralBoundsTest(NatsLinkTestCase):
         self.send_lines(["L" * 2000000])
         client = self.connect(self.servers[1])
         wait_until(lambda: client.count() == 1, "the record at the server that takes it")
+        self.wait_for_log(self.DIFFER)
         self.assertEqual(self.count_log(self.DIFFER), 1)
         self.assertIn(f"{self.servers[1].url} takes 3000000 bytes, {self.servers[0].url} 100000",
                       self.log_text("qmhost"))

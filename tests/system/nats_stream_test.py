@@ -49,7 +49,10 @@ class StreamTest(OneServerTestCase):
         self.server.configure('mappings { "qmlogcache.>": "elsewhere.>" }')
         self.server.start()
         impostor = self.connect(self.server)
-        threading.Thread(target=impostor.acknowledge_as, args=("OTHER", "elsewhere.>"), daemon=True).start()
+        subscribed = threading.Event()
+        threading.Thread(target=impostor.acknowledge_as, args=("OTHER", "elsewhere.>", subscribed),
+                         daemon=True).start()
+        self.assertTrue(subscribed.wait(60))
         self.start_up()
         self.send_lines(["one"])
         self.wait_for_log(LINK_DOWN)

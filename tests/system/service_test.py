@@ -84,7 +84,7 @@ class WatchdogTest(ServiceTestCase):
         ):
             with self.subTest(link=link):
                 self.write_config(**link)
-                self.launch(watchdog=6)  # of which half is more than a busy machine keeps a thread waiting
+                self.launch(watchdog=40)  # a quarter of it is more than a busy machine keeps a thread waiting
                 self.manager.heard.clear()
                 self.feeds(2)
                 self.assertIn("READY", self.manager.heard[0])

@@ -2,19 +2,13 @@
 
 import json
 import signal
-import socket
 import urllib.error
 import urllib.request
 
 from host_fixture import HostTestCase, wait_until
+from ports import free_ports
 
 SENDER = "0a1b2c3d-0000-4000-8000-000000000001"
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
 
 
 class StatusTestCase(HostTestCase):
@@ -22,7 +16,7 @@ class StatusTestCase(HostTestCase):
 
     def setUp(self):
         super().setUp()
-        self.port = free_port()
+        (self.port,) = free_ports(1)
         self.configure()
 
     def configure(self, **sections):

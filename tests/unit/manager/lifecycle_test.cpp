@@ -154,6 +154,7 @@ TEST_F(LifecycleTest, StartNamesTheComponentAndRegistersTwentyTypesInOrder) {
   std::vector<std::string> vecExpected = CallsFor("Receive");
   vecExpected.insert(vecExpected.begin(), "Initialize");
   std::vector<std::string> vecCalls = m_context.Calls();
+  std::erase(vecCalls, "AgentGetConnect");  // the work thread's, at any time
   ASSERT_LE(vecExpected.size(), vecCalls.size());
   vecCalls.resize(vecExpected.size());
   EXPECT_EQ(vecExpected, vecCalls);

@@ -227,7 +227,9 @@ TEST_F(PluginObjectTest, TheSameProcessCanGoThroughItsLifeAgainAndAgain) {
     EXPECT_EQ(0, CLogCachePluginObj::Uninitialize());
     EXPECT_EQ(nullptr, CLogCacheMgrPeer::Current());
   }
-  EXPECT_EQ(3u * 42u, m_context.Calls().size());  // Initialize, 20 Receive, 20 UnReceive, Uninitialize each time
+  std::vector<std::string> vecCalls = m_context.Calls();
+  std::erase(vecCalls, "AgentGetConnect");  // the work thread's, which lives on for a moment
+  EXPECT_EQ(3u * 42u, vecCalls.size());     // Initialize, 20 Receive, 20 UnReceive, Uninitialize each time
 }
 
 }  // namespace
