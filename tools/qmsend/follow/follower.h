@@ -67,7 +67,7 @@ class CFollower : private ISendEvents {
   std::unique_ptr<CLogTail> m_pTail;
   CUnsettledLines m_lines;
   FollowPosition m_noted;  // what stands in the position's file, as far as is known
-  size_t m_uWindow = 0;  // 0 until a host has told one
+  size_t m_uWindow = 0;    // 0 until a host has told one
   uint64_t m_u64Accepted = 0;
   uint64_t m_u64PassedOver = 0;
   unsigned int m_uNamed = 0;         // of these, in the present minute
