@@ -324,7 +324,6 @@ class RotationTest(FollowTestCase):
         self.check_once(lines[:15] + lines[20:])
         self.assertIn(f"warning: {self.logs}/app.log.2.gz is compressed and is not read", self.said())
 
-
     def test_a_restart_without_a_host_forgets_no_rotated_file(self):
         lines = self.rotations_while_away(["app.log.2", "app.log.1"])
         self.age(self.position, 900)

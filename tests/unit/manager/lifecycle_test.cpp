@@ -154,7 +154,6 @@ TEST_F(LifecycleTest, StartNamesTheComponentAndRegistersTwentyTypesInOrder) {
   std::vector<std::string> vecExpected = CallsFor("Receive");
   vecExpected.insert(vecExpected.begin(), "Initialize");
   std::vector<std::string> vecCalls = m_context.Calls();
-  std::erase(vecCalls, "AgentGetConnect");  // the work thread's, at any time
   ASSERT_LE(vecExpected.size(), vecCalls.size());
   vecCalls.resize(vecExpected.size());
   EXPECT_EQ(vecExpected, vecCalls);
@@ -258,6 +257,7 @@ TEST_F(LifecycleTest, StopCancelsAllTwentyTypesAlsoWhenRegistrationsFailed) {
   std::vector<std::string> vecExpected = CallsFor("UnReceive");
   vecExpected.emplace_back("Uninitialize");
   std::vector<std::string> vecCalls = m_context.Calls();
+  std::erase(vecCalls, "AgentGetConnect");  // the work thread's, at any time
   ASSERT_LE(vecExpected.size(), vecCalls.size());
   vecCalls.erase(vecCalls.begin(), vecCalls.end() - static_cast<std::ptrdiff_t>(vecExpected.size()));
   EXPECT_EQ(vecExpected, vecCalls);
